@@ -1,0 +1,29 @@
+// Access to the process environment and expansion of $NAME and ${NAME}
+// references, against the process environment or against a map.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Base {
+namespace Environment {
+
+using Map = std::map<std::string, std::string>;
+
+// The value of a variable of the process environment, or the empty text.
+std::string getEnvVariable(const std::string& name);
+// The process environment as NAME=VALUE strings, in the runtime's order.
+std::vector<std::string> environmentStrings();
+
+// Replace, in place, every $NAME and ${NAME} (NAME: a letter or "_", then
+// letters, digits or "_") by the variable's value, recursively: a substituted
+// value is expanded too. An unknown name expands to the empty text; a "$" not
+// followed by a name or "{" stays. An unterminated "${", a "${...}" that does
+// not hold a name, or a reference cycle throws a BaseException saying which.
+// Returns the text.
+std::string& expandEnvVariables(std::string& text);
+std::string& expandEnvVariables(std::string& text, const Map& variables);
+
+} // namespace Environment
+} // namespace Base

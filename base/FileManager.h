@@ -1,0 +1,43 @@
+// File helpers and the host's file services (application data folder, short
+// path form, executable test), plus the atomic write that every settings file
+// goes through.
+#pragma once
+
+#include <boost/filesystem/path.hpp>
+#include <string>
+
+namespace Base {
+
+class FileManager {
+public:
+    using path = boost::filesystem::path;
+
+    static bool exists(const path& p);
+    // May the current user read it (a directory: list it)?
+    static bool isReadable(const path& p);
+    // May the current user execute it (a directory: enter it)? On Windows a
+    // file needs an extension from PATHEXT.
+    static bool isExecutable(const path& p);
+    // Octal permissions such as 0775; throws BaseException naming the path and the OS reason.
+    static void setPermissions(const path& p, unsigned permissions);
+    static path workDirectory();
+    // Throws BaseException naming the directory and the OS reason.
+    static void changeWorkDirectory(const path& p);
+
+    // The user's application data folder (Windows: the roaming AppData
+    // folder, created when missing; POSIX: $XDG_CONFIG_HOME, else
+    // $HOME/.config). Empty when it cannot be determined.
+    static path applicationDataFolder();
+    // The short (8.3) form of an existing path on Windows; the text unchanged elsewhere.
+    static std::string shortPathName(const std::string& longPath);
+
+    // Writes the content to a temporary file beside the target and renames it
+    // over the target, so the target is either the old file or the new one.
+    // Throws BaseException naming the file and the OS reason; leaves no
+    // temporary file behind.
+    static void writeFileAtomically(const path& target, const std::string& content);
+    // Reads a whole file; throws BaseException naming the file and the OS reason.
+    static std::string readFile(const path& file);
+};
+
+} // namespace Base

@@ -1,0 +1,34 @@
+// Byte-level checks and codings of property-list text: UTF-8 validity, XML
+// white space and the base64 of <data>.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace Base {
+namespace plist {
+
+// Offset of the first byte that does not belong to well-formed UTF-8
+// (overlong forms, surrogates and code points above U+10FFFF included), or
+// std::string::npos when the whole text is well-formed.
+std::size_t invalidUtf8Offset(const std::string& text);
+bool isValidUtf8(const std::string& text);
+
+// Appends the UTF-8 form of a code point that is a Unicode scalar value.
+void appendUtf8(std::string& out, char32_t codePoint);
+
+// The four characters XML counts as white space: space, tab, line feed, carriage return.
+bool isXmlSpace(char c);
+bool isAllXmlSpace(const std::string& text);
+std::string trimXmlSpace(const std::string& text);
+
+// Standard base64 with padding, in one line.
+std::string encodeBase64(const std::vector<unsigned char>& bytes);
+// Decodes padded standard base64, skipping XML white space anywhere; false
+// for any other character, a missing or misplaced '=' or a length that is
+// not a whole number of groups.
+bool decodeBase64(const std::string& text, std::vector<unsigned char>& bytes);
+
+} // namespace plist
+} // namespace Base

@@ -1,0 +1,42 @@
+# Writes and installs kym.pc. Its paths are relative to the file's own place
+# (${pcfiledir}), so the package works wherever `cmake --install --prefix` put it.
+
+set(_kym_pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(IS_ABSOLUTE "${_kym_pc_dir}")
+  set(KYM_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH _kym_pc_up "/prefix/${_kym_pc_dir}" "/prefix")
+  set(KYM_PC_PREFIX "\${pcfiledir}/${_kym_pc_up}")
+endif()
+foreach(_kym_kind LIBDIR INCLUDEDIR)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_${_kym_kind}}")
+    set(KYM_PC_${_kym_kind} "${CMAKE_INSTALL_${_kym_kind}}")
+  else()
+    set(KYM_PC_${_kym_kind} "\${prefix}/${CMAKE_INSTALL_${_kym_kind}}")
+  endif()
+endforeach()
+
+# Boost publishes no pkg-config files: name its include directory and
+# libraries directly, leaving out the directories the compiler searches anyway.
+set(KYM_PC_BOOST_CFLAGS "")
+foreach(_kym_dir ${Boost_INCLUDE_DIRS})
+  if(NOT _kym_dir IN_LIST CMAKE_CXX_IMPLICIT_INCLUDE_DIRECTORIES AND NOT _kym_dir STREQUAL "/usr/include")
+    string(APPEND KYM_PC_BOOST_CFLAGS " -I${_kym_dir}")
+  endif()
+endforeach()
+set(KYM_PC_BOOST_LIBS "")
+set(_kym_boost_dirs "")
+foreach(_kym_component filesystem regex)
+  get_target_property(_kym_location Boost::${_kym_component} LOCATION)
+  if(_kym_location)
+    get_filename_component(_kym_dir "${_kym_location}" DIRECTORY)
+    if(NOT _kym_dir IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES AND NOT _kym_dir IN_LIST _kym_boost_dirs)
+      list(APPEND _kym_boost_dirs "${_kym_dir}")
+      string(APPEND KYM_PC_BOOST_LIBS " -L${_kym_dir}")
+    endif()
+  endif()
+  string(APPEND KYM_PC_BOOST_LIBS " -lboost_${_kym_component}")
+endforeach()
+
+configure_file(${CMAKE_CURRENT_LIST_DIR}/kym.pc.in ${PROJECT_BINARY_DIR}/kym.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kym.pc DESTINATION ${_kym_pc_dir} COMPONENT Development)

@@ -1,0 +1,103 @@
+#!/usr/bin/env bash
+# The test command. Installs missing packages, then configures, builds and
+# runs the whole test suite twice, with warnings as errors:
+#   build/       the normal build
+#   build-asan/  AddressSanitizer + UBSan, with LeakSanitizer on
+# and finally runs each fuzz target briefly (scripts/fuzz.sh) when clang is
+# there. Exits non-zero on any failure; ends with a summary of every phase.
+#
+# KYM_BUILD_DIR, KYM_ASAN_BUILD_DIR and KYM_FUZZ_BUILD_DIR move the build
+# directories; KYM_FUZZ_SECONDS sets the fuzzing time per target (default 15).
+set -euo pipefail
+
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+cd "$root"
+jobs="$(nproc)"
+build_dir="${KYM_BUILD_DIR:-$root/build}"
+asan_dir="${KYM_ASAN_BUILD_DIR:-$root/build-asan}"
+export KYM_FUZZ_BUILD_DIR="${KYM_FUZZ_BUILD_DIR:-$root/build-fuzz}"
+fuzz_seconds="${KYM_FUZZ_SECONDS:-15}"
+
+# Leaks count as failures; every sanitizer finding stops the program.
+export ASAN_OPTIONS="detect_leaks=1:check_initialization_order=1${ASAN_OPTIONS:+:$ASAN_OPTIONS}"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1${UBSAN_OPTIONS:+:$UBSAN_OPTIONS}"
+
+summary=()
+status=0
+total_passed=0
+total_failed=0
+script_start=$SECONDS
+
+note() { # phase, seconds, result
+  summary+=("$(printf '  %-26s %5d s   %s' "$1" "$2" "$3")")
+}
+
+print_summary() {
+  echo
+  echo "=== Summary ($((SECONDS - script_start)) s in all)"
+  printf '%s\n' "${summary[@]}"
+  echo "tests: $total_passed passed, $total_failed failed"
+}
+
+give_up() {
+  status=1
+  print_summary
+  exit 1
+}
+
+phase_start=$SECONDS
+echo "=== Installing missing packages"
+bash scripts/install-deps.sh || { note "install-deps" $((SECONDS - phase_start)) "FAILED"; give_up; }
+note "install-deps" $((SECONDS - phase_start)) "ok"
+
+# build_and_test NAME DIRECTORY CMAKE-ARGUMENTS...
+build_and_test() {
+  local name="$1" dir="$2"
+  shift 2
+  local start=$SECONDS
+  echo "=== [$name] configure and build in $dir"
+  if ! cmake -S "$root" -B "$dir" "$@" || ! cmake --build "$dir" -j "$jobs"; then
+    note "build ($name)" $((SECONDS - start)) "FAILED"
+    give_up
+  fi
+  note "build ($name)" $((SECONDS - start)) "ok"
+
+  start=$SECONDS
+  echo "=== [$name] ctest"
+  local log="$dir/ctest.log"
+  local result="ok"
+  if ! ctest --test-dir "$dir" -j "$jobs" --output-on-failure --no-tests=error 2>&1 | tee "$log"; then
+    result="FAILED"
+    status=1
+  fi
+  local line
+  line="$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1 || true)"
+  if [[ "$line" =~ ([0-9]+)\ tests?\ failed\ out\ of\ ([0-9]+) ]]; then
+    total_failed=$((total_failed + BASH_REMATCH[1]))
+    total_passed=$((total_passed + BASH_REMATCH[2] - BASH_REMATCH[1]))
+  else
+    line="no ctest summary"
+    status=1
+  fi
+  note "ctest ($name)" $((SECONDS - start)) "$result: $line"
+}
+
+build_and_test normal "$build_dir" -DKYM_WERROR=ON
+build_and_test asan "$asan_dir" -DKYM_SANITIZE=ON -DKYM_WERROR=ON \
+  -DCMAKE_BUILD_TYPE=Debug -DKYM_BUILD_BENCH=OFF
+
+start=$SECONDS
+if command -v clang++ >/dev/null; then
+  echo "=== Fuzzing, $fuzz_seconds s per target"
+  if bash scripts/fuzz.sh "$fuzz_seconds"; then
+    note "fuzz" $((SECONDS - start)) "ok"
+  else
+    note "fuzz" $((SECONDS - start)) "FAILED"
+    status=1
+  fi
+else
+  note "fuzz" 0 "skipped: no clang++"
+fi
+
+print_summary
+exit "$status"

@@ -1,0 +1,224 @@
+#include "base/BaseException.h"
+#include "base/FileManager.h"
+#include "base/SystemCalls.h"
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <sys/stat.h>
+
+using Base::FileManager;
+namespace fs = boost::filesystem;
+
+namespace {
+
+std::vector<std::string> entries(const fs::path& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(directory)) names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+unsigned modeOf(const fs::path& p) {
+    struct stat status;
+    if (::stat(p.c_str(), &status) != 0) return 0xFFFF;
+    return status.st_mode & 07777;
+}
+
+template <class Action>
+std::string failureOf(Action action) {
+    try {
+        action();
+    } catch (const Base::BaseException& error) {
+        return error.what();
+    }
+    return "no failure";
+}
+
+// Injected faults last for one test only.
+struct FaultReset {
+    ~FaultReset() {
+        Base::SystemCalls::setWriteFault(nullptr);
+        Base::SystemCalls::setRenameFault(nullptr);
+    }
+};
+
+struct UmaskGuard {
+    explicit UmaskGuard(mode_t mask) : previous(::umask(mask)) {}
+    ~UmaskGuard() { ::umask(previous); }
+    mode_t previous;
+};
+
+} // namespace
+
+TEST(WriteFileAtomically, NewFileGetsTheModeOfAnyNewFile) {
+    KymTest::TempDir dir;
+    UmaskGuard mask(027);
+    FileManager::writeFileAtomically(dir / "new.dat", std::string("a\0b", 3));
+    EXPECT_EQ(std::string("a\0b", 3), KymTest::readFile(dir / "new.dat"));
+    EXPECT_EQ(0640u, modeOf(dir / "new.dat"));
+    EXPECT_EQ(std::vector<std::string>{"new.dat"}, entries(dir.path()));
+}
+
+TEST(WriteFileAtomically, ReplacedFileKeepsItsMode) {
+    KymTest::TempDir dir;
+    KymTest::writeFile(dir / "old.dat", "old content that is longer");
+    fs::permissions(dir / "old.dat", fs::perms(0600));
+    FileManager::writeFileAtomically(dir / "old.dat", "new");
+    EXPECT_EQ("new", KymTest::readFile(dir / "old.dat"));
+    EXPECT_EQ(0600u, modeOf(dir / "old.dat"));
+    EXPECT_EQ(std::vector<std::string>{"old.dat"}, entries(dir.path()));
+}
+
+TEST(WriteFileAtomically, WritingThroughALinkReplacesTheLinkedFile) {
+    KymTest::TempDir dir;
+    KymTest::writeFile(dir / "real.dat", "old");
+    fs::create_symlink(dir / "real.dat", dir / "link.dat");
+    FileManager::writeFileAtomically(dir / "link.dat", "new");
+    EXPECT_TRUE(fs::is_symlink(dir / "link.dat"));
+    EXPECT_EQ("new", KymTest::readFile(dir / "real.dat"));
+}
+
+TEST(WriteFileAtomically, InjectedWriteFailureKeepsTheOldFileAndNoTemporaryFile) {
+    KymTest::TempDir dir;
+    FaultReset reset;
+    fs::path target = dir / "site.dat";
+    KymTest::writeFile(target, "old");
+    std::string faultedFile;
+    Base::SystemCalls::setWriteFault([&](const std::string& file) {
+        faultedFile = file;
+        return ENOSPC;
+    });
+    EXPECT_EQ("Cannot write settings file " + target.string() + ": No space left on device",
+              failureOf([&] { FileManager::writeFileAtomically(target, "new"); }));
+    EXPECT_EQ(target.string(), faultedFile);
+    EXPECT_EQ("old", KymTest::readFile(target));
+    EXPECT_EQ(std::vector<std::string>{"site.dat"}, entries(dir.path()));
+}
+
+TEST(WriteFileAtomically, InjectedRenameFailureKeepsTheOldFileAndNoTemporaryFile) {
+    KymTest::TempDir dir;
+    FaultReset reset;
+    fs::path target = dir / "site.dat";
+    KymTest::writeFile(target, "old");
+    Base::SystemCalls::setRenameFault([](const std::string&) { return EXDEV; });
+    EXPECT_EQ("Cannot write settings file " + target.string() + ": Invalid cross-device link",
+              failureOf([&] { FileManager::writeFileAtomically(target, "new"); }));
+    EXPECT_EQ("old", KymTest::readFile(target));
+    EXPECT_EQ(std::vector<std::string>{"site.dat"}, entries(dir.path()));
+}
+
+TEST(WriteFileAtomically, FaultForAnotherFileDoesNotApply) {
+    KymTest::TempDir dir;
+    FaultReset reset;
+    Base::SystemCalls::setWriteFault([&](const std::string& file) { return file == (dir / "a").string() ? EIO : 0; });
+    FileManager::writeFileAtomically(dir / "b", "b");
+    EXPECT_EQ("b", KymTest::readFile(dir / "b"));
+}
+
+TEST(WriteFileAtomically, ReadOnlyDirectoryKeepsTheOldFile) {
+    KymTest::TempDir dir;
+    fs::path settings = dir / "settings";
+    fs::path target = settings / "site.dat";
+    KymTest::writeFile(target, "old");
+    fs::permissions(settings, fs::perms(0755));
+    fs::permissions(target, fs::perms(0666));  // the file itself is writable, its directory is not
+
+    std::string expected = "Cannot write settings file " + target.string() + ": Permission denied";
+    EXPECT_EQ(0, KymTest::runAsNobody([&] {
+        return failureOf([&] { FileManager::writeFileAtomically(target, "new"); }) == expected ? 0 : 1;
+    }));
+    EXPECT_EQ("old", KymTest::readFile(target));
+    EXPECT_EQ(std::vector<std::string>{"site.dat"}, entries(settings));
+}
+
+TEST(WriteFileAtomically, MissingDirectoryOrDirectoryAsTargetThrows) {
+    KymTest::TempDir dir;
+    fs::create_directory(dir / "taken");
+    EXPECT_EQ("Cannot write settings file " + (dir / "missing" / "x.dat").string() + ": No such file or directory",
+              failureOf([&] { FileManager::writeFileAtomically(dir / "missing" / "x.dat", "x"); }));
+    EXPECT_EQ("Cannot write settings file " + (dir / "taken").string() + ": Is a directory",
+              failureOf([&] { FileManager::writeFileAtomically(dir / "taken", "x"); }));
+    EXPECT_EQ(std::vector<std::string>{"taken"}, entries(dir.path()));
+}
+
+TEST(FileManager, ReadFileReturnsAllBytesOrNamesFileAndReason) {
+    KymTest::TempDir dir;
+    std::string content(200000, 'x');
+    content[1000] = '\0';
+    KymTest::writeFile(dir / "big", content);
+    EXPECT_EQ(content, FileManager::readFile(dir / "big"));
+    EXPECT_EQ("Cannot read file " + (dir / "none").string() + ": No such file or directory",
+              failureOf([&] { FileManager::readFile(dir / "none"); }));
+    EXPECT_EQ("Cannot read file " + dir.path().string() + ": Is a directory",
+              failureOf([&] { FileManager::readFile(dir.path()); }));
+}
+
+TEST(FileManager, ReadableAndExecutableFollowTheUsersRights) {
+    KymTest::TempDir dir;
+    KymTest::writeFile(dir / "private", "x");
+    KymTest::writeFile(dir / "public", "x");
+    KymTest::writeFile(dir / "script", "#!/bin/sh\n");
+    fs::create_directory(dir / "closed");
+    fs::create_directory(dir / "open");
+    fs::permissions(dir / "private", fs::perms(0600));
+    fs::permissions(dir / "public", fs::perms(0644));
+    fs::permissions(dir / "script", fs::perms(0755));
+    fs::permissions(dir / "closed", fs::perms(0700));
+    fs::permissions(dir / "open", fs::perms(0755));
+
+    // One bit per answer that is wrong.
+    int wrong = KymTest::runAsNobody([&] {
+        int result = 0;
+        if (FileManager::isReadable(dir / "private")) result |= 1;
+        if (!FileManager::isReadable(dir / "public")) result |= 2;
+        if (FileManager::isExecutable(dir / "public")) result |= 4;
+        if (!FileManager::isExecutable(dir / "script")) result |= 8;
+        if (FileManager::isReadable(dir / "closed") || FileManager::isExecutable(dir / "closed")) result |= 16;
+        if (!FileManager::isReadable(dir / "open") || !FileManager::isExecutable(dir / "open")) result |= 32;
+        if (FileManager::isReadable(dir / "missing") || FileManager::isExecutable(dir / "missing")) result |= 64;
+        return result;
+    });
+    EXPECT_EQ(0, wrong);
+}
+
+TEST(FileManager, SetPermissionsSetsModeOrNamesPathAndReason) {
+    KymTest::TempDir dir;
+    fs::create_directory(dir / "version");
+    FileManager::setPermissions(dir / "version", 0775);
+    EXPECT_EQ(0775u, modeOf(dir / "version"));
+    EXPECT_EQ("Cannot set the permissions of " + (dir / "none").string() + " to 775: No such file or directory",
+              failureOf([&] { FileManager::setPermissions(dir / "none", 0775); }));
+}
+
+TEST(FileManager, ChangeWorkDirectoryMovesOrNamesDirectoryAndReason) {
+    KymTest::TempDir dir;
+    KymTest::writeFile(dir / "file", "x");
+    fs::path previous = FileManager::workDirectory();
+    FileManager::changeWorkDirectory(dir.path());
+    EXPECT_EQ(dir.path(), FileManager::workDirectory());
+    FileManager::changeWorkDirectory(previous);
+
+    EXPECT_EQ("Cannot change the working directory to " + (dir / "none").string() + ": No such file or directory",
+              failureOf([&] { FileManager::changeWorkDirectory(dir / "none"); }));
+    EXPECT_EQ("Cannot change the working directory to " + (dir / "file").string() + ": Not a directory",
+              failureOf([&] { FileManager::changeWorkDirectory(dir / "file"); }));
+    EXPECT_EQ(previous, FileManager::workDirectory());
+}
+
+TEST(FileManager, ApplicationDataFolderPrefersXdgConfigHomeThenHome) {
+    KymTest::ScopedEnv home("HOME", std::string("/home/user"));
+    {
+        KymTest::ScopedEnv xdg("XDG_CONFIG_HOME", std::string("/srv/config"));
+        EXPECT_EQ(fs::path("/srv/config"), FileManager::applicationDataFolder());
+    }
+    {
+        KymTest::ScopedEnv xdg("XDG_CONFIG_HOME", std::string(""));
+        EXPECT_EQ(fs::path("/home/user/.config"), FileManager::applicationDataFolder());
+    }
+    KymTest::ScopedEnv xdg("XDG_CONFIG_HOME", std::nullopt);
+    KymTest::ScopedEnv noHome("HOME", std::nullopt);
+    EXPECT_EQ(fs::path(), FileManager::applicationDataFolder());
+}

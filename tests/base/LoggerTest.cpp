@@ -1,0 +1,202 @@
+#include "base/BaseException.h"
+#include "base/BaseKit.h"
+#include "base/SmartAssert.h"
+#include "base/log/Logger.h"
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <ostream>
+#include <vector>
+
+namespace {
+
+// Counts how often it is formatted.
+struct Counted {
+    int* formatted;
+};
+
+std::ostream& operator<<(std::ostream& out, const Counted& value) {
+    ++*value.formatted;
+    return out << "counted";
+}
+
+int evaluations = 0;
+int evaluated() {
+    return ++evaluations;
+}
+
+template <class Action>
+std::string failureOf(Action action) {
+    try {
+        action();
+    } catch (const Base::BaseException& error) {
+        return error.what();
+    }
+    return "no failure";
+}
+
+} // namespace
+
+TEST(Logger, LibraryLoggersAreOffUntilSwitchedOn) {
+    EXPECT_EQ("kym.info", Base::log::info().name());
+    EXPECT_EQ("kym.verbose", Base::log::verbose().name());
+    EXPECT_EQ(&Base::log::info(), &Base::log::info());
+    EXPECT_FALSE(Base::log::info().isEnabled());
+    EXPECT_FALSE(Base::log::verbose().isEnabled());
+    EXPECT_FALSE(Base::log::Logger("kymtest.new").isEnabled());
+}
+
+// Runs in a process of its own (this test program started again), so the
+// logging system is first used with the environment set here.
+TEST(Logger, KymLogAndKymLogFileApplyAtFirstUse) {
+    if (std::getenv("KYMTEST_FIRST_USE_CHILD")) {
+        EXPECT_TRUE(Base::log::info().isEnabled());
+        EXPECT_FALSE(Base::log::verbose().isEnabled());
+        BASE_LOG(Base::log::info()) << "first use";
+        return;
+    }
+    KymTest::TempDir dir;
+    std::string program = boost::filesystem::read_symlink("/proc/self/exe").string();
+    std::string command = "KYMTEST_FIRST_USE_CHILD=1 KYM_LOG=kym.info KYM_LOG_FILE='" + (dir / "first.log").string() +
+                          "' '" + program + "' --gtest_filter=Logger.KymLogAndKymLogFileApplyAtFirstUse >/dev/null";
+    EXPECT_EQ(0, std::system(command.c_str()));
+    EXPECT_EQ("[kym.info] first use\n", KymTest::readFile(dir / "first.log"));
+}
+
+TEST(Logger, LoggersOfOneNameShareTheirState) {
+    KymTest::LogRecorder recorder(std::vector<std::string>{});
+    Base::log::Logger("kymtest.shared").setEnabled(true);
+    Base::log::Logger again("kymtest.shared");
+    EXPECT_TRUE(again.isEnabled());
+    again.write("  one line");
+    again.setEnabled(false);
+    again.write("not written");
+    EXPECT_EQ(std::vector<std::string>{"kymtest.shared:   one line"}, recorder.lines());
+}
+
+TEST(LoggerStream, FormatsNothingWhenTheLoggerIsOff) {
+    KymTest::LogRecorder recorder(std::vector<std::string>{});
+    Base::log::Logger off("kymtest.off");
+    int formatted = 0;
+    {
+        Base::log::LoggerStream stream(off);
+        EXPECT_FALSE(stream);
+        stream << "value " << Counted{&formatted};
+    }
+    EXPECT_EQ(0, formatted);
+    EXPECT_TRUE(recorder.lines().empty());
+}
+
+TEST(LoggerStream, WritesOneLineWhenDestroyed) {
+    KymTest::LogRecorder recorder;
+    int formatted = 0;
+    {
+        Base::log::LoggerStream stream(Base::log::verbose());
+        EXPECT_TRUE(stream);
+        stream << "    current value: " << 42 << ' ' << Counted{&formatted};
+        EXPECT_TRUE(recorder.lines().empty());
+    }
+    EXPECT_EQ(1, formatted);
+    EXPECT_EQ(std::vector<std::string>{"kym.verbose:     current value: 42 counted"}, recorder.lines());
+}
+
+TEST(BaseLog, ArgumentsAreEvaluatedOnlyWhenTheLoggerIsOn) {
+    Base::log::info().setEnabled(false);
+    Base::log::verbose().setEnabled(false);
+    evaluations = 0;
+    BASE_LOG(Base::log::info()) << "skipped " << evaluated();
+    EXPECT_EQ(0, evaluations);
+
+    KymTest::LogRecorder recorder({"kym.info"});
+    BASE_LOG(Base::log::info()) << "Loading site settings " << evaluated();
+    BASE_LOG(Base::log::verbose()) << "still off " << evaluated();
+    EXPECT_EQ(1, evaluations);
+    EXPECT_EQ(std::vector<std::string>{"kym.info: Loading site settings 1"}, recorder.lines());
+}
+
+TEST(Logger, SinksReachLoggersCreatedLater) {
+    KymTest::LogRecorder first(std::vector<std::string>{});
+    KymTest::LogRecorder second({"kymtest.later"});
+    Base::log::Logger("kymtest.later").write("x");
+    EXPECT_EQ(std::vector<std::string>{"x"}, first.lines("kymtest.later"));
+    EXPECT_EQ(std::vector<std::string>{"x"}, second.lines("kymtest.later"));
+}
+
+TEST(Logger, OutputFileIsAppendedWithNameAndLine) {
+    KymTest::TempDir dir;
+    KymTest::writeFile(dir / "kym.log", "earlier\n");
+    Base::log::setOutputFile((dir / "kym.log").string());
+    Base::log::Logger logger("kymtest.file");
+    logger.setEnabled(true);
+    BASE_LOG(logger) << "first";
+    BASE_LOG(logger) << "  second";
+    Base::log::setOutputStandardError();
+    EXPECT_EQ("earlier\n[kymtest.file] first\n[kymtest.file]   second\n", KymTest::readFile(dir / "kym.log"));
+
+    EXPECT_EQ("Cannot open log file " + (dir / "none" / "kym.log").string() + ": No such file or directory",
+              failureOf([&] { Base::log::setOutputFile((dir / "none" / "kym.log").string()); }));
+}
+
+TEST(BaseKit, InitializeAppliesKymLogAndKymLogFile) {
+    KymTest::TempDir dir;
+    KymTest::ScopedEnv names("KYM_LOG", std::string("kymtest.a, kym.info,,"));
+    KymTest::ScopedEnv file("KYM_LOG_FILE", (dir / "run.log").string());
+    Base::BaseKit::initialize(nullptr);
+    EXPECT_TRUE(Base::log::Logger("kymtest.a").isEnabled());
+    EXPECT_TRUE(Base::log::info().isEnabled());
+    EXPECT_FALSE(Base::log::verbose().isEnabled());
+    Base::log::Logger a("kymtest.a");
+    BASE_LOG(a) << "to the file";
+    BASE_LOG(Base::log::info()) << "Initialized";
+    BASE_LOG(Base::log::verbose()) << "not written";
+    Base::log::setOutputStandardError();
+    EXPECT_EQ("[kymtest.a] to the file\n[kym.info] Initialized\n", KymTest::readFile(dir / "run.log"));
+}
+
+TEST(BaseKit, InitializeReportsAnUnusableLogFile) {
+    KymTest::TempDir dir;
+    KymTest::ScopedEnv file("KYM_LOG_FILE", dir.path().string());
+    EXPECT_EQ("Cannot open log file " + dir.path().string() + ": Is a directory",
+              failureOf([] { Base::BaseKit::initialize(nullptr); }));
+}
+
+TEST(SmartAssert, WritesOneReportAndReturns) {
+    std::ostringstream report;
+    std::ostream* previous = Base::setAssertStream(&report);
+    EXPECT_EQ(&std::cerr, previous);
+    std::vector<int> list{1, 2};
+    std::size_t index = 7;
+    auto application = [&] {
+        BASE_SMART_ASSERT(300, index < list.size(), "tried to access out of range application",
+                          {"index", Base::assertValue(index)}, {"size", Base::assertValue(list.size())});
+        return 1;
+    };
+    EXPECT_EQ(1, application());
+    Base::setAssertStream(previous);
+    EXPECT_EQ("Assertion (level 300) failed: index < list.size()\n"
+              "  in LoggerTest.cpp, function operator()\n"
+              "  index = 7\n"
+              "  size = 2\n"
+              "  tried to access out of range application\n",
+              report.str());
+}
+
+TEST(SmartAssert, ReportWithoutValuesOrMessage) {
+    std::ostringstream report;
+    std::ostream* previous = Base::setAssertStream(&report);
+    Base::smart_assert(100, "first <= self", "C:\\src\\kym\\Time.cpp", "dayOfYear", {}, "");
+    Base::setAssertStream(previous);
+    EXPECT_EQ("Assertion (level 100) failed: first <= self\n  in Time.cpp, function dayOfYear\n", report.str());
+}
+
+TEST(SmartAssert, HoldingConditionWritesNothing) {
+    std::ostringstream report;
+    std::ostream* previous = Base::setAssertStream(&report);
+    int index = 0;
+    BASE_SMART_ASSERT(300, index == 0, "unused", {"index", Base::assertValue(index)});
+    Base::setAssertStream(previous);
+    EXPECT_EQ("", report.str());
+}

@@ -1,0 +1,466 @@
+#include "base/BaseException.h"
+#include "base/PropertyList.h"
+#include "support/TestSupport.h"
+
+#include <boost/core/demangle.hpp>
+#include <boost/filesystem.hpp>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <gtest/gtest.h>
+#include <limits>
+#include <utility>
+
+namespace {
+
+using Base::PropertyList;
+using Dictionary = PropertyList::Dictionary;
+using Array = PropertyList::Array;
+
+const std::string declaration = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+const std::string doctype =
+    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n";
+// Lines 1 to 3 of every document below; the value starts on line 4.
+const std::string head = declaration + doctype + "<plist version=\"1.0\">\n";
+
+std::string document(const std::string& body) {
+    return head + body + "\n</plist>\n";
+}
+
+// A compact text of a value tree that tells the value types apart.
+std::string show(const boost::any& value) {
+    if (auto text = boost::any_cast<std::string>(&value)) return "\"" + *text + "\"";
+    if (auto number = boost::any_cast<std::int64_t>(&value)) return std::to_string(*number);
+    if (auto number = boost::any_cast<std::uint64_t>(&value)) return std::to_string(*number) + "u";
+    if (auto number = boost::any_cast<double>(&value)) {
+        char buffer[64];
+        return std::string(buffer, std::to_chars(buffer, buffer + sizeof(buffer), *number).ptr) + "r";
+    }
+    if (auto flag = boost::any_cast<bool>(&value)) return *flag ? "true" : "false";
+    if (auto date = boost::any_cast<PropertyList::Date>(&value)) return "date(" + date->text + ")";
+    if (auto data = boost::any_cast<PropertyList::Data>(&value)) {
+        std::string hex;
+        for (unsigned char byte : data->bytes) {
+            char digits[3];
+            std::snprintf(digits, sizeof(digits), "%02x", byte);
+            hex += digits;
+        }
+        return "data(" + hex + ")";
+    }
+    if (auto dictionary = boost::any_cast<Dictionary>(&value)) {
+        std::string text = "{";
+        for (const auto& [key, entry] : *dictionary) text += (text.size() > 1 ? ", " : "") + key + ": " + show(entry);
+        return text + "}";
+    }
+    if (auto array = boost::any_cast<Array>(&value)) {
+        std::string text = "[";
+        for (const auto& entry : *array) text += (text.size() > 1 ? ", " : "") + show(entry);
+        return text + "]";
+    }
+    return "<" + boost::core::demangle(value.type().name()) + ">";
+}
+
+// The message a document is rejected with, or "accepted".
+std::string rejection(const std::string& text) {
+    try {
+        PropertyList::parse(text, "/x/y.plist");
+    } catch (const Base::BaseException& error) {
+        return error.what();
+    }
+    return "accepted";
+}
+
+std::string writeError(const boost::any& root) {
+    try {
+        PropertyList::serialize(root);
+    } catch (const Base::BaseException& error) {
+        return error.what();
+    }
+    return "written";
+}
+
+std::string nested(int depth, const std::string& inner = "") {
+    std::string text;
+    for (int i = 0; i < depth; ++i) text += "<array>";
+    text += inner;
+    for (int i = 0; i < depth; ++i) text += "</array>";
+    return text;
+}
+
+TEST(PropertyListRead, HandWrittenFileGivesEveryKindOfValue) {
+    std::string text = document(
+        "<dict>\n"
+        "\t<key>Name</key>\n\t<string>Drafting &amp; Design &lt;3&gt; &#x41;&#66;</string>\n"
+        "\t<key>Count</key>\n\t<integer>-42</integer>\n"
+        "\t<key>Big</key>\n\t<integer>18446744073709551615</integer>\n"
+        "\t<key>Hex</key>\n\t<integer> 0x1F </integer>\n"
+        "\t<key>Ratio</key>\n\t<real>2.5e-3</real>\n"
+        "\t<key>On</key>\n\t<true/>\n"
+        "\t<key>Off</key>\n\t<false></false>\n"
+        "\t<!-- a comment -->\n"
+        "\t<key>When</key>\n\t<date>2024-02-29T12:00:00Z</date>\n"
+        "\t<key>Blob</key>\n\t<data>\n\tAAEC\n\t/w==\n\t</data>\n"
+        "\t<key>List</key>\n\t<array>\n\t\t<string/>\n\t\t<dict/>\n\t\t<array></array>\n"
+        "\t\t<dict><key>Deep</key><array><integer>+7</integer></array></dict>\n\t</array>\n"
+        "\t<key>Ünïcode ключ</key>\n\t<string><![CDATA[<raw & kept>]]></string>\n"
+        "</dict>");
+    EXPECT_EQ(show(PropertyList::parse(text, "x")),
+              "{Big: 18446744073709551615u, Blob: data(000102ff), Count: -42, Hex: 31, "
+              "List: [\"\", {}, [], {Deep: [7]}], Name: \"Drafting & Design <3> AB\", Off: false, On: true, "
+              "Ratio: 0.0025r, When: date(2024-02-29T12:00:00Z), Ünïcode ключ: \"<raw & kept>\"}");
+}
+
+TEST(PropertyListRead, StringsKeepTheirWhiteSpaceExactly) {
+    std::string text = document("<array><string>  a\n b </string><string>\t</string>"
+                                "<string>x\r\ny</string><string>&#13;</string></array>");
+    EXPECT_EQ(show(PropertyList::parse(text, "x")), "[\"  a\n b \", \"\t\", \"x\ny\", \"\r\"]");
+    EXPECT_EQ(show(PropertyList::parse(head + "<string> </string></plist>", "x")), "\" \"");
+}
+
+TEST(PropertyListRead, NumbersTakeEveryAcceptedFormAndTheWholeRange) {
+    std::string text = document(
+        "<array><integer>-9223372036854775808</integer><integer>9223372036854775807</integer>"
+        "<integer>9223372036854775808</integer><integer>-0x10</integer><integer>-0</integer>"
+        "<real>1e3</real><real>-.5</real><real>+4</real><real>+infinity</real><real>-inf</real>"
+        "<real>4.9e-324</real></array>");
+    EXPECT_EQ(show(PropertyList::parse(text, "x")),
+              "[-9223372036854775808, 9223372036854775807, 9223372036854775808u, -16, 0, "
+              "1000r, -0.5r, 4r, infr, -infr, 5e-324r]");
+    auto nan = PropertyList::parse(head + "<real>nan</real></plist>", "x");
+    EXPECT_TRUE(std::isnan(boost::any_cast<double>(nan)));
+}
+
+TEST(PropertyListRead, DeclarationDoctypeAndByteOrderMarkAreOptional) {
+    EXPECT_EQ(show(PropertyList::parse("<plist><true/></plist>", "x")), "true");
+    EXPECT_EQ(show(PropertyList::parse("\xEF\xBB\xBF" + document("<integer>1</integer>"), "x")), "1");
+    EXPECT_EQ(show(PropertyList::parse("<plist version=\"1.0\">\n<string>a</string>\n</plist>\n\n", "x")), "\"a\"");
+}
+
+TEST(PropertyListRead, DamagedDocumentsAreRejectedNamingTheLine) {
+    const std::pair<std::string, std::string> cases[] = {
+        {document("<dict>\n<key>a</key>\n<string>x</dict>"), "line 6: malformed XML (Start-end tags mismatch)"},
+        {head + "<dict>\n", "line 4: malformed XML (Start-end tags mismatch)"},
+        {"", "line 1: no plist element"},
+        {declaration + "\n<!-- nothing -->\n", "line 3: no plist element"},
+        {declaration + "<dict/>\n", "line 2: root element <dict> is not <plist>"},
+        {document("<string>a</string>\n<string>b</string>"), "line 5: second value <string> in <plist>"},
+        {document("<true/>") + "<plist/>\n", "line 6: element <plist> after the plist element"},
+        {document("<true/>") + "\n  junk\n", "line 7: text after the plist element"},
+        {"x" + document("<true/>"), "line 1: text before the plist element"},
+        {document("<array>\n<true/>\n oops <false/></array>"), "line 6: stray text in <array>"},
+        {document("<dict>\n<key>a</key>\n<true/>\nb</dict>"), "line 7: stray text in <dict>"},
+        {document("<true/> x"), "line 4: stray text in <plist>"},
+        {head + "</plist>", "line 3: empty <plist>"},
+        {"\n" + head + "<true/></plist>", "line 2: XML declaration not at the start"},
+        {"<!DOCTYPE html>\n<plist><true/></plist>", "line 1: DOCTYPE of another document type"},
+        {"<plist version=\"2.0\"><true/></plist>", "line 1: unsupported plist version '2.0'"},
+        {"<plist format=\"xml\"><true/></plist>", "line 1: unexpected attribute 'format' on <plist>"},
+        {document("<dict>\n<key>Description</key>\n<string>d</string>\n<key>Type</key>\n<string>a</string>\n"
+                  "<key>Type</key>\n<string>b</string>\n</dict>"),
+         "line 9: duplicate key 'Type'"},
+        {document("<dict>\n<key>a</key>\n</dict>"), "line 5: key 'a' has no value"},
+        {document("<dict>\n<key>a</key>\n<key>b</key><true/>\n</dict>"), "line 5: key 'a' has no value"},
+        {document("<dict>\n<string>a</string>\n</dict>"), "line 5: <string> without a <key> in <dict>"},
+        {document("<array>\n<key>a</key>\n</array>"), "line 5: <key> outside a <dict>"},
+        {document("<integer>12x</integer>"), "line 4: invalid integer '12x'"},
+        {document("<integer/>"), "line 4: invalid integer ''"},
+        {document("<integer>1 2</integer>"), "line 4: invalid integer '1 2'"},
+        {document("<integer>--1</integer>"), "line 4: invalid integer '--1'"},
+        {document("<integer>18446744073709551616</integer>"), "line 4: integer out of range '18446744073709551616'"},
+        {document("<integer>-9223372036854775809</integer>"), "line 4: integer out of range '-9223372036854775809'"},
+        {document("<real>1,5</real>"), "line 4: invalid real '1,5'"},
+        {document("<real>0x1p3</real>"), "line 4: invalid real '0x1p3'"},
+        {document("<real>+-1</real>"), "line 4: invalid real '+-1'"},
+        {document("<real>1e999</real>"), "line 4: real out of range '1e999'"},
+        {document("<data>AB=C</data>"), "line 4: invalid base64 in <data>"},
+        {document("<data>QUJD\nQ</data>"), "line 4: invalid base64 in <data>"},
+        {document("<data>QQ=</data>"), "line 4: invalid base64 in <data>"},
+        {document("<data>QQ==QQ==</data>"), "line 4: invalid base64 in <data>"},
+        {document("<string>\na" + std::string(1, '\0') + "b</string>"), "line 5: NUL byte"},
+        {document("<string>\n\xC3\x28</string>"), "line 5: invalid UTF-8"},
+        {document("<string>\xC0\xAF</string>"), "line 4: invalid UTF-8"},
+        {document("<string>\xED\xA0\x80</string>"), "line 4: invalid UTF-8"},
+        {document("<string>\xF4\x90\x80\x80</string>"), "line 4: invalid UTF-8"},
+        {document("<string>\xE2\x82</string>"), "line 4: invalid UTF-8"},
+        {document("<integr>5</integr>"), "line 4: unknown element <integr>"},
+        {document("<string>a<b>c</b></string>"), "line 4: unexpected element <b> in <string>"},
+        {document("<true>yes</true>"), "line 4: text in <true>"},
+        {document("<string type=\"x\">a</string>"), "line 4: unexpected attribute 'type' on <string>"},
+        {document("<string>a\n&foo;</string>"), "line 5: unknown entity '&foo;'"},
+        {document("<string>AT&T rocks</string>"), "line 4: bare '&'"},
+        {document("<string>&#0;</string>"), "line 4: invalid character reference '&#0;'"},
+        {document("<string>&#xD800;</string>"), "line 4: invalid character reference '&#xD800;'"},
+        {document("<string>&#x110000;</string>"), "line 4: invalid character reference '&#x110000;'"},
+        {document("<string>&#;</string>"), "line 4: invalid character reference '&#;'"},
+        {document("<dict>\n<key>a</key>\n" + nested(PropertyList::maxDepth) + "\n</dict>"),
+         "line 6: nesting deeper than 512 levels"},
+    };
+    for (const auto& [text, message] : cases) {
+        SCOPED_TRACE(text.substr(0, 200));
+        EXPECT_EQ(rejection(text), "Property list /x/y.plist, " + message);
+    }
+}
+
+TEST(PropertyListRead, RejectionWithoutASourceNameSaysPropertyList) {
+    try {
+        PropertyList::parse("<plist/>", "");
+        FAIL() << "accepted";
+    } catch (const Base::BaseException& error) {
+        EXPECT_STREQ(error.what(), "Property list, line 1: empty <plist>");
+    }
+}
+
+TEST(PropertyListLimits, NestingUpToTheLimitIsRead) {
+    boost::any value = PropertyList::parse(document(nested(PropertyList::maxDepth, "<true/>")), "x");
+    int depth = 0;
+    for (const boost::any* at = &value; at->type() == typeid(Array); at = &boost::any_cast<const Array&>(*at)[0])
+        ++depth;
+    EXPECT_EQ(depth, PropertyList::maxDepth);
+    EXPECT_EQ(PropertyList::parse(PropertyList::serialize(value), "x").type(), typeid(Array));
+}
+
+TEST(PropertyListLimits, HundredThousandNestedArraysAreRejectedWithoutCrashing) {
+    EXPECT_EQ(rejection(document(nested(100000))), "Property list /x/y.plist, line 4: nesting deeper than 512 levels");
+    EXPECT_EQ(rejection(document(nested(100000).substr(0, 700000))),
+              "Property list /x/y.plist, line 5: malformed XML (Start-end tags mismatch)");
+}
+
+TEST(PropertyListLimits, MillionElementFileOfFiftyMegabytesRoundTrips) {
+    KymTest::TempDir directory;
+    const int count = 1000000;
+    std::string text = head + "\t<array>\n";
+    for (int i = 0; i < count; ++i) text += "\t\t<string>entry " + std::to_string(i) + " of the long list of entries</string>\n";
+    text += "\t</array>\n</plist>\n";
+    ASSERT_GT(text.size(), 50u * 1000 * 1000);
+    KymTest::writeFile(directory / "huge.plist", text);
+
+    PropertyList list(directory / "huge.plist");
+    const auto& array = boost::any_cast<const Array&>(list.root());
+    ASSERT_EQ(array.size(), static_cast<std::size_t>(count));
+    EXPECT_EQ(boost::any_cast<std::string>(array.back()), "entry 999999 of the long list of entries");
+
+    list.setFile(directory / "copy.plist");
+    list.saveList();
+    EXPECT_TRUE(KymTest::readFile(directory / "copy.plist") == text);
+}
+
+TEST(PropertyListWrite, DocumentHasTheStandardHeadAndTabIndentation) {
+    Dictionary root{{"Name", std::string("a < b & c > d")},
+                    {"Items", Array{std::int64_t(1), 2.5, true, PropertyList::Data{{'h', 'i'}}}},
+                    {"Empty", Dictionary()},
+                    {"When", PropertyList::Date{"2024-01-02T03:04:05Z"}}};
+    EXPECT_EQ(PropertyList::serialize(root),
+              head +
+                  "\t<dict>\n"
+                  "\t\t<key>Empty</key>\n\t\t<dict />\n"
+                  "\t\t<key>Items</key>\n\t\t<array>\n\t\t\t<integer>1</integer>\n\t\t\t<real>2.5</real>\n"
+                  "\t\t\t<true />\n\t\t\t<data>aGk=</data>\n\t\t</array>\n"
+                  "\t\t<key>Name</key>\n\t\t<string>a &lt; b &amp; c &gt; d</string>\n"
+                  "\t\t<key>When</key>\n\t\t<date>2024-01-02T03:04:05Z</date>\n"
+                  "\t</dict>\n</plist>\n");
+}
+
+TEST(PropertyListWrite, OrderedDictionaryKeepsItsKeyOrderAndReadsBackAsDictionary) {
+    PropertyList::OrderedDictionary root{{{"b", std::string("1")}, {"a", false}}};
+    std::string text = PropertyList::serialize(root);
+    EXPECT_EQ(text, head + "\t<dict>\n\t\t<key>b</key>\n\t\t<string>1</string>\n\t\t<key>a</key>\n\t\t<false />\n"
+                           "\t</dict>\n</plist>\n");
+    EXPECT_EQ(show(PropertyList::parse(text, "x")), "{a: false, b: \"1\"}");
+}
+
+TEST(PropertyListWrite, EveryWritableValueReadsBackAsItsPropertyListType) {
+    Dictionary root{
+        {"int", -5},
+        {"unsigned", 4000000000u},
+        {"long", -6L},
+        {"long long", 7LL},
+        {"unsigned long", std::numeric_limits<unsigned long>::max()},
+        {"unsigned long long", 9ULL},
+        {"int32", std::int32_t(-32)},
+        {"uint64", std::uint64_t(64)},
+        {"float", 0.1f},
+        {"reals", Array{0.1, -0.0, 1e300, 5e-324, std::numeric_limits<double>::infinity(),
+                        -std::numeric_limits<double>::infinity()}},
+        {"texts", Array{std::string("  a\n b "), std::string("x\r\ny\r"), std::string("\x01\t<&>\"'"),
+                        std::string("ключ 😀"), std::string()}},
+        {"bytes", PropertyList::Data{{0, 255, 10}}},
+        {"", true}};
+    EXPECT_EQ(show(PropertyList::parse(PropertyList::serialize(root), "x")),
+              "{: true, bytes: data(00ff0a), float: 0.1r, int: -5, int32: -32, long: -6, long long: 7, "
+              "reals: [0.1r, -0r, 1e+300r, 5e-324r, infr, -infr], "
+              "texts: [\"  a\n b \", \"x\r\ny\r\", \"\x01\t<&>\"'\", \"ключ 😀\", \"\"], uint64: 64, "
+              "unsigned: 4000000000, unsigned long: 18446744073709551615u, unsigned long long: 9}");
+}
+
+TEST(PropertyListWrite, UnwritableValuesAreRejectedNamingTheirPlace) {
+    struct Opaque {};
+    EXPECT_EQ(writeError(Dictionary{{"Tools", Dictionary{{"Names", Array{std::string("a"), "b"}}}}}),
+              "Property list: cannot write a value of type 'char const*' at 'Tools/Names[1]'");
+    EXPECT_EQ(writeError(Array{Array{Opaque()}}),
+              "Property list: cannot write a value of type "
+              "'(anonymous namespace)::PropertyListWrite_UnwritableValuesAreRejectedNamingTheirPlace_Test::"
+              "TestBody()::Opaque' at '[0][0]'");
+    EXPECT_EQ(writeError(boost::any()), "Property list: cannot write an empty value at the root");
+    EXPECT_EQ(writeError(Dictionary{{"a", boost::any()}}), "Property list: cannot write an empty value at 'a'");
+    EXPECT_EQ(writeError(Dictionary{{"a", std::string("x\xFFy")}}), "Property list: invalid UTF-8 in the string at 'a'");
+    EXPECT_EQ(writeError(Array{std::string("x\0y", 3)}), "Property list: NUL character in the string at '[0]'");
+    EXPECT_EQ(writeError(Array{PropertyList::Date{"\xC3"}}), "Property list: invalid UTF-8 in the date at '[0]'");
+    EXPECT_EQ(writeError(Dictionary{{"s", Dictionary{{"\xFE", 1}}}}),
+              "Property list: invalid UTF-8 in a key of the dictionary at 's'");
+    EXPECT_EQ(writeError(PropertyList::OrderedDictionary{{{"k", 1}, {"k", 2}}}),
+              "Property list: duplicate key 'k' in the dictionary at the root");
+
+    boost::any deep = Array();
+    for (int i = 0; i < PropertyList::maxDepth; ++i) deep = Array{deep};
+    std::string where;
+    for (int i = 0; i < PropertyList::maxDepth; ++i) where += "[0]";
+    EXPECT_EQ(writeError(deep), "Property list: nesting deeper than 512 levels at '" + where + "'");
+}
+
+TEST(PropertyListFile, MissingFileGivesAListWithoutRoot) {
+    KymTest::TempDir directory;
+    PropertyList list(directory / "absent.plist");
+    EXPECT_FALSE(list.hasRoot());
+    EXPECT_FALSE(list.hasProperty("Description"));
+    EXPECT_TRUE(list.getProperty("Description").empty());
+}
+
+TEST(PropertyListFile, PropertiesSetAndSavedAreReadBackFromTheFile) {
+    KymTest::TempDir directory;
+    PropertyList list;
+    list.setFile(directory / ".dirinfo.plist");
+    list.setProperty("Description", std::string("Body shop"));
+    list.setProperty("Cleanup Days Key", 2u);
+    list.setProperty("Description", std::string("Paint shop"));
+    list.saveList();
+    EXPECT_EQ(KymTest::readFile(directory / ".dirinfo.plist"), PropertyList::serialize(list.root()));
+
+    PropertyList read(directory / ".dirinfo.plist");
+    EXPECT_EQ(show(read.root()), "{Cleanup Days Key: 2, Description: \"Paint shop\"}");
+    EXPECT_TRUE(read.hasProperty("Cleanup Days Key"));
+    EXPECT_EQ(show(read.getProperty("Description")), "\"Paint shop\"");
+}
+
+TEST(PropertyListFile, OrderedRootIsUpdatedInPlace) {
+    PropertyList list("unused.plist", PropertyList::OrderedDictionary{{{"z", 1}, {"a", 2}}});
+    list.setProperty("z", 3);
+    list.setProperty("m", 4);
+    EXPECT_EQ(show(PropertyList::parse(PropertyList::serialize(list.root()), "x")), "{a: 2, m: 4, z: 3}");
+    EXPECT_EQ(boost::any_cast<int>(list.getProperty("z")), 3);
+    EXPECT_EQ(boost::any_cast<const PropertyList::OrderedDictionary&>(list.root()).entries.back().first, "m");
+}
+
+TEST(PropertyListFile, RootThatIsNoDictionaryHasNoProperties) {
+    KymTest::TempDir directory;
+    KymTest::writeFile(directory / "list.plist", document("<array/>"));
+    PropertyList list(directory / "list.plist");
+    std::string expected = "Property list " + (directory / "list.plist").string() + ": the root is not a dictionary";
+    try {
+        list.getProperty("a");
+        FAIL() << "no exception";
+    } catch (const Base::BaseException& error) {
+        EXPECT_EQ(error.what(), expected);
+    }
+    try {
+        list.setProperty("a", true);
+        FAIL() << "no exception";
+    } catch (const Base::BaseException& error) {
+        EXPECT_EQ(error.what(), expected);
+    }
+}
+
+TEST(PropertyListFile, DamagedFileIsNamedInTheMessage) {
+    KymTest::TempDir directory;
+    KymTest::writeFile(directory / "list.plist", document("<dict>\n<key>a</key><true/>\n<key>a</key><false/>\n</dict>"));
+    try {
+        PropertyList list(directory / "list.plist");
+        FAIL() << "accepted";
+    } catch (const Base::BaseException& error) {
+        EXPECT_EQ(error.what(), "Property list " + (directory / "list.plist").string() + ", line 6: duplicate key 'a'");
+    }
+}
+
+TEST(PropertyListFile, UnreadableFileFailsWithTheReason) {
+    KymTest::TempDir directory;
+    auto file = directory / "secret.plist";
+    KymTest::writeFile(file, document("<true/>"));
+    boost::filesystem::permissions(file, boost::filesystem::owner_read | boost::filesystem::owner_write);
+    int result = KymTest::runAsNobody([&] {
+        try {
+            PropertyList list(file);
+        } catch (const Base::BaseException& error) {
+            if (error.what() == "Cannot read file " + file.string() + ": Permission denied") return 0;
+            std::fprintf(stderr, "%s\n", error.what());
+            return 2;
+        }
+        return 1;
+    });
+    EXPECT_EQ(result, 0);
+}
+
+TEST(PropertyListFile, SaveIntoReadOnlyDirectoryFailsAndKeepsTheOldFile) {
+    KymTest::TempDir directory;
+    auto file = directory / "locked" / "list.plist";
+    std::string old = document("<string>old</string>");
+    KymTest::writeFile(file, old);
+    boost::filesystem::permissions(directory / "locked", boost::filesystem::perms(0755));
+    int result = KymTest::runAsNobody([&] {
+        try {
+            PropertyList(file, std::string("new")).saveList();
+        } catch (const Base::BaseException& error) {
+            if (error.what() == "Cannot write settings file " + file.string() + ": Permission denied") return 0;
+            std::fprintf(stderr, "%s\n", error.what());
+            return 2;
+        }
+        return 1;
+    });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(KymTest::readFile(file), old);
+    EXPECT_EQ(boost::filesystem::directory_iterator(directory / "locked")->path(), file);
+}
+
+TEST(PropertyListFile, SaveFailuresNameTheFile) {
+    KymTest::TempDir directory;
+    KymTest::writeFile(directory / "plain", "not a directory");
+    auto blocked = directory / "plain" / "list.plist";
+    try {
+        PropertyList(blocked, Dictionary()).saveList();
+        FAIL() << "saved";
+    } catch (const Base::BaseException& error) {
+        EXPECT_EQ(error.what(), "Cannot write settings file " + blocked.string() + ": Not a directory");
+    }
+    try {
+        PropertyList(directory / "list.plist", Dictionary{{"Name", "c string"}}).saveList();
+        FAIL() << "saved";
+    } catch (const Base::BaseException& error) {
+        EXPECT_EQ(error.what(), "Property list " + (directory / "list.plist").string() +
+                                    ": cannot write a value of type 'char const*' at 'Name'");
+    }
+    EXPECT_FALSE(boost::filesystem::exists(directory / "list.plist"));
+    try {
+        PropertyList().saveList();
+        FAIL() << "saved";
+    } catch (const Base::BaseException& error) {
+        EXPECT_STREQ(error.what(), "Property list: no file to save to");
+    }
+}
+
+// Every input the fuzzer keeps is either rejected cleanly or survives a round trip.
+TEST(PropertyListFuzzCorpus, EverySeedIsRejectedOrRoundTrips) {
+    boost::filesystem::path corpus = boost::filesystem::path(KYM_SOURCE_DIR) / "fuzz" / "corpus" / "plist";
+    int seeds = 0;
+    for (const auto& entry : boost::filesystem::directory_iterator(corpus)) {
+        SCOPED_TRACE(entry.path().string());
+        ++seeds;
+        boost::any value;
+        try {
+            value = PropertyList::parse(KymTest::readFile(entry.path()), entry.path().string());
+        } catch (const Base::BaseException&) {
+            continue;
+        }
+        EXPECT_EQ(show(PropertyList::parse(PropertyList::serialize(value), "again")), show(value));
+    }
+    EXPECT_GT(seeds, 0);
+}
+
+} // namespace

@@ -1,0 +1,70 @@
+#include "base/NameFilter.h"
+#include "base/range/iterator_range.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+struct Department {
+    std::string name;
+    std::string type;
+};
+
+std::string typeOf(const Department& department) {
+    return department.type;
+}
+
+using Departments = std::vector<Department>;
+using CommonOnly = Base::range::filtered_range<const Departments, Base::NameFilter<Department>>;
+
+CommonOnly commonDepartments(const Departments& departments) {
+    return Base::range::filter(departments, Base::NameFilter<Department>(typeOf, "Common"));
+}
+
+std::string namesIn(const CommonOnly& range) {
+    std::string names;
+    for (const Department& department : range) names += department.name + ";";
+    return names;
+}
+
+} // namespace
+
+TEST(NameFilter, PatternMustMatchTheWholeTextWithCase) {
+    Base::NameFilter<Department> filter(typeOf, "Comm(on|unity)");
+    EXPECT_TRUE(filter({"a", "Common"}));
+    EXPECT_TRUE(filter({"a", "Community"}));
+    EXPECT_FALSE(filter({"a", "Common2"}));
+    EXPECT_FALSE(filter({"a", "MyCommon"}));
+    EXPECT_FALSE(filter({"a", "common"}));
+    EXPECT_FALSE(filter({"a", ""}));
+}
+
+TEST(NameFilter, BadPatternThrows) {
+    EXPECT_THROW(Base::NameFilter<Department>(typeOf, "Common("), boost::regex_error);
+}
+
+TEST(FilteredRange, YieldsMatchingElementsInContainerOrder) {
+    Departments departments{{"d1", "Common"}, {"d2", "Design"}, {"d3", "Common"}, {"d4", "CommonX"}};
+    EXPECT_EQ("d1;d3;", namesIn(commonDepartments(departments)));
+    Departments none{{"d2", "Design"}};
+    EXPECT_TRUE(commonDepartments(none).empty());
+}
+
+TEST(FilteredRange, IsAViewOfTheContainerNotACopy) {
+    Departments departments{{"d1", "Common"}, {"d2", "Design"}, {"d3", "Common"}};
+    CommonOnly range = commonDepartments(departments);
+    EXPECT_EQ(&departments[2], &*std::next(range.begin()));
+
+    departments[1].type = "Common";
+    departments[0].type = "Design";
+    departments[2].name = "renamed";
+    EXPECT_EQ("d2;renamed;", namesIn(range));
+
+    departments.insert(departments.begin(), Department{"d0", "Common"});
+    for (int i = 4; i < 100; ++i) departments.push_back({"d" + std::to_string(i), i == 99 ? "Common" : "Other"});
+    departments.erase(departments.begin() + 2);
+    EXPECT_EQ("d0;renamed;d99;", namesIn(range));
+}
+

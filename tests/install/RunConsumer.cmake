@@ -1,0 +1,111 @@
+# Installs the build tree into a fresh prefix, builds the consumer program
+# against it and runs it. MODE=cmake uses find_package(Kym CONFIG), MODE=pkgconfig
+# compiles with the flags that kym.pc gives (and checks that every installed
+# header compiles with them).
+#
+# cmake -DMODE=cmake|pkgconfig -DBUILD_DIR=... -DWORK_DIR=... -DCONSUMER_DIR=...
+#       -DCXX_COMPILER=... -DBUILD_TYPE=... -DLIBDIR=... -DINCLUDEDIR=...
+#       -DVERSION=... -DSOVERSION=... [-DEXTRA_FLAGS="..."] [-DPKG_CONFIG=...]
+#       -P RunConsumer.cmake
+cmake_minimum_required(VERSION 3.25)
+
+foreach(required MODE BUILD_DIR WORK_DIR CONSUMER_DIR CXX_COMPILER LIBDIR INCLUDEDIR VERSION SOVERSION)
+  if(NOT DEFINED ${required})
+    message(FATAL_ERROR "RunConsumer.cmake needs -D${required}=...")
+  endif()
+endforeach()
+
+function(run description)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "${description} failed (${result}):\n${output}")
+  endif()
+  set(last_output "${output}" PARENT_SCOPE)
+endfunction()
+
+set(prefix ${WORK_DIR}/prefix)
+file(REMOVE_RECURSE ${WORK_DIR})
+file(MAKE_DIRECTORY ${WORK_DIR})
+
+set(install_command ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+if(BUILD_TYPE)
+  list(APPEND install_command --config ${BUILD_TYPE})
+endif()
+run("cmake --install" ${install_command})
+
+# What a client expects to find; the base library itself lives inside libkym.
+set(expected
+  ${LIBDIR}/libkym.so
+  ${LIBDIR}/libkym.so.${SOVERSION}
+  ${LIBDIR}/libkym.so.${VERSION}
+  ${LIBDIR}/cmake/Kym/KymConfig.cmake
+  ${LIBDIR}/cmake/Kym/KymConfigVersion.cmake
+  ${LIBDIR}/cmake/Kym/KymTargets.cmake
+  ${LIBDIR}/pkgconfig/kym.pc
+  ${INCLUDEDIR}/kym/KymExport.h
+  ${INCLUDEDIR}/base/Environment.h
+  ${INCLUDEDIR}/base/PropertyList.h
+  ${INCLUDEDIR}/base/log/Logger.h
+  ${INCLUDEDIR}/base/range/iterator_range.h)
+foreach(file ${expected})
+  if(NOT EXISTS ${prefix}/${file})
+    message(FATAL_ERROR "The installation lacks ${file} (prefix ${prefix}).")
+  endif()
+endforeach()
+file(GLOB_RECURSE static_libraries ${prefix}/*.a)
+if(static_libraries)
+  message(FATAL_ERROR "The installation holds static libraries: ${static_libraries}")
+endif()
+
+set(warnings -Wall -Wextra -Werror)
+separate_arguments(extra_flags UNIX_COMMAND "${EXTRA_FLAGS}")
+
+if(MODE STREQUAL "cmake")
+  list(JOIN warnings " " warning_text)
+  run("Configuring the consumer"
+    ${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build
+    -DCMAKE_PREFIX_PATH=${prefix}
+    -DCMAKE_CXX_COMPILER=${CXX_COMPILER}
+    -DCMAKE_BUILD_TYPE=${BUILD_TYPE}
+    "-DCMAKE_CXX_FLAGS=${warning_text} ${EXTRA_FLAGS}"
+    "-DCMAKE_EXE_LINKER_FLAGS=${EXTRA_FLAGS}")
+  run("Building the consumer" ${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+  set(program ${WORK_DIR}/build/consumer)
+elseif(MODE STREQUAL "pkgconfig")
+  if(NOT PKG_CONFIG)
+    message(FATAL_ERROR "RunConsumer.cmake needs -DPKG_CONFIG=... in pkgconfig mode")
+  endif()
+  set(ENV{PKG_CONFIG_PATH} ${prefix}/${LIBDIR}/pkgconfig)
+  run("pkg-config --modversion kym" ${PKG_CONFIG} --modversion kym)
+  string(STRIP "${last_output}" found_version)
+  if(NOT found_version STREQUAL VERSION)
+    message(FATAL_ERROR "kym.pc gives version \"${found_version}\", the project is ${VERSION}.")
+  endif()
+  run("pkg-config --cflags --libs kym" ${PKG_CONFIG} --cflags --libs kym)
+  separate_arguments(package_flags UNIX_COMMAND "${last_output}")
+  run("pkg-config --cflags kym" ${PKG_CONFIG} --cflags kym)
+  separate_arguments(compile_flags UNIX_COMMAND "${last_output}")
+
+  # Every installed header compiles with only the installed tree and Boost.
+  file(GLOB_RECURSE headers RELATIVE ${prefix}/${INCLUDEDIR} ${prefix}/${INCLUDEDIR}/*.h)
+  list(SORT headers)
+  set(all_headers "")
+  foreach(header ${headers})
+    string(APPEND all_headers "#include \"${header}\"\n")
+  endforeach()
+  file(WRITE ${WORK_DIR}/all_headers.cpp "${all_headers}")
+  run("Compiling every installed header"
+    ${CXX_COMPILER} -std=c++17 ${warnings} ${compile_flags} -fsyntax-only ${WORK_DIR}/all_headers.cpp)
+  set(program ${WORK_DIR}/consumer)
+  run("Compiling the consumer with the pkg-config flags"
+    ${CXX_COMPILER} -std=c++17 ${warnings} ${extra_flags} ${CONSUMER_DIR}/main.cpp -o ${program}
+    ${package_flags} -Wl,-rpath,${prefix}/${LIBDIR})
+else()
+  message(FATAL_ERROR "MODE is cmake or pkgconfig, not \"${MODE}\".")
+endif()
+
+run("Running the consumer" ${program})
+if(NOT last_output STREQUAL "consumer: ok\n")
+  message(FATAL_ERROR "The consumer printed:\n${last_output}")
+endif()
+message(STATUS "${MODE} consumer built against ${prefix} and ran.")

@@ -1,0 +1,77 @@
+// Small helpers that build real scenes for tests: temporary directories,
+// files, environment variables, recorded log lines, and code run as an
+// unprivileged user (root ignores file permissions).
+#pragma once
+
+#include <boost/filesystem.hpp>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace KymTest {
+
+namespace fs = boost::filesystem;
+
+// A fresh directory under the system's temporary directory, removed with its
+// content when the object goes. Readable by everybody, so code run as an
+// unprivileged user can use it.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const fs::path& path() const { return mPath; }
+    fs::path operator/(const std::string& name) const { return mPath / name; }
+
+private:
+    fs::path mPath;
+};
+
+// Sets (or, with no value, unsets) a variable of the process environment and
+// restores the previous state when it goes.
+class ScopedEnv {
+public:
+    ScopedEnv(const std::string& name, const std::optional<std::string>& value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string mName;
+    std::optional<std::string> mPrevious;
+};
+
+// Writes a file, making its parent directories.
+void writeFile(const fs::path& file, const std::string& content);
+std::string readFile(const fs::path& file);
+// Sets a file's modification time to the given number of seconds ago.
+void setAge(const fs::path& file, double secondsAgo);
+
+// Records every line written to the named loggers and switches them on.
+class LogRecorder {
+public:
+    explicit LogRecorder(const std::vector<std::string>& loggers = {"kym.info", "kym.verbose"});
+    ~LogRecorder();
+    std::vector<std::string> lines() const;             // "name: text" each
+    std::vector<std::string> lines(const std::string& logger) const;  // text only
+    bool contains(const std::string& text) const;       // some line's text equals it
+
+    struct Sink;
+private:
+    std::shared_ptr<Sink> mSink;
+};
+
+// Runs the function in a child process as user nobody and group nogroup,
+// and returns what it returned (as the exit status). A test that needs
+// permissions to count runs its checks there; EXPECT macros do not cross
+// processes, so the function returns a code instead.
+int runAsNobody(const std::function<int()>& function);
+
+// Makes a gzip-compressed tar archive of a directory's content with the tar program.
+void makeTarGz(const fs::path& archive, const fs::path& contentDirectory);
+
+} // namespace KymTest
