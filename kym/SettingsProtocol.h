@@ -1,0 +1,55 @@
+// The three variable lists of a settings layer (common, Unix, Windows) with
+// their table models, and the rule by which a layer's variables are merged
+// into the list the launcher assembles.
+#pragma once
+
+#include "kym/EnvironmentVariable.h"
+#include "kym/KymExport.h"
+
+#include <string>
+#include <vector>
+
+namespace Kym {
+
+class KYM_EXPORT SettingsProtocol {
+public:
+    SettingsProtocol();
+    SettingsProtocol(const SettingsProtocol& other);
+    SettingsProtocol& operator=(const SettingsProtocol& other);
+    virtual ~SettingsProtocol();
+
+    // The table models, bound to this object's lists; owned by it.
+    EnvVariableListSource* commonVariables();
+    EnvVariableListSource* unixVariables();
+    EnvVariableListSource* winVariables();
+
+    const std::vector<EnvironmentVariable>& commonVariableList() const { return mCommonVariables; }
+    const std::vector<EnvironmentVariable>& unixVariableList() const { return mUnixVariables; }
+    const std::vector<EnvironmentVariable>& winVariableList() const { return mWinVariables; }
+
+    // Whether any of the three table models was edited; owners clear it after saving.
+    bool variableListsEdited() const;
+    void setVariableListsEdited(bool edited);
+
+    // Merges the common list, then the list of the active launch conventions
+    // (Windows or Unix), each variable by mergeVariable.
+    void mergeUserEnvVariables(std::vector<EnvironmentVariable>& list) const;
+
+    // A later value replaces an earlier one; $NAME or ${NAME} in it stands for
+    // the earlier value. The name goes into the pattern unescaped, so a name
+    // that is no valid pattern throws boost::regex_error.
+    static void mergeVariable(const EnvironmentVariable& variable, std::vector<EnvironmentVariable>& list);
+    // Replaces or appends the whole record, without self-references; a
+    // variable with an empty name or value is skipped.
+    static void replaceVariable(const EnvironmentVariable& variable, std::vector<EnvironmentVariable>& list);
+
+protected:
+    std::vector<EnvironmentVariable> mCommonVariables;
+    std::vector<EnvironmentVariable> mUnixVariables;
+    std::vector<EnvironmentVariable> mWinVariables;
+    EnvVariableListSource mCommonVariablesSource;
+    EnvVariableListSource mUnixVariablesSource;
+    EnvVariableListSource mWinVariablesSource;
+};
+
+} // namespace Kym

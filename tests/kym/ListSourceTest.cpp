@@ -1,0 +1,221 @@
+#include "kym/ConfigApplication.h"
+#include "kym/EnvironmentVariable.h"
+#include "kym/WorkDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+using namespace Kym;
+
+namespace {
+
+std::string cell(const Base::DataSourceInterface& source, const std::string& column, int row) {
+    return boost::any_cast<std::string>(source.valueForListColumnRow(column, row));
+}
+
+std::vector<ConfigApplication> applications(const std::vector<std::string>& ids) {
+    std::vector<ConfigApplication> result(ids.size());
+    for (std::size_t i = 0; i < ids.size(); ++i) result[i].appId = ids[i];
+    return result;
+}
+
+std::vector<std::string> ids(const std::vector<ConfigApplication>& list) {
+    std::vector<std::string> result;
+    for (const auto& app : list) result.push_back(app.appId);
+    return result;
+}
+
+} // namespace
+
+TEST(EnvVariableListSource, NameColumnIsTheNameAndEveryOtherColumnTheValue) {
+    std::vector<EnvironmentVariable> list{EnvironmentVariable("A", "1"), EnvironmentVariable("B", "2")};
+    EnvVariableListSource source(&list);
+    EXPECT_EQ("B 2 2", cell(source, "Name", 1) + " " + cell(source, "Value", 1) + " " + cell(source, "name", 1));
+    EXPECT_FALSE(source.isEdited());
+    EXPECT_TRUE(source.setValueForListColumnRow("Name", 0, std::string("C")));
+    EXPECT_TRUE(source.setValueForListColumnRow("Comment", 0, std::string("3")));
+    EXPECT_EQ("C=3", list[0].name + "=" + list[0].value);
+    EXPECT_TRUE(source.isEdited());
+}
+
+TEST(EnvVariableListSource, BadRowsAndNonStringValuesThrowWithoutAnEdit) {
+    std::vector<EnvironmentVariable> list{EnvironmentVariable("A", "1")};
+    EnvVariableListSource source(&list);
+    try {
+        source.valueForListColumnRow("Name", 1);
+        FAIL() << "no exception";
+    } catch (const std::out_of_range& error) {
+        EXPECT_STREQ("row 1 is out of range of a list of 1 rows", error.what());
+    }
+    EXPECT_THROW(source.setValueForListColumnRow("Name", -1, std::string("B")), std::out_of_range);
+    EXPECT_THROW(source.setValueForListColumnRow("Name", 0, "char pointer"), boost::bad_any_cast);
+    EXPECT_THROW(source.valueIsValid("Value", 1), std::out_of_range);
+    EXPECT_EQ("A", list[0].name);
+    EXPECT_FALSE(source.isEdited());
+}
+
+TEST(EnvVariableListSource, NamesAreLettersDigitsUnderscoresAndOneLeadingHash) {
+    std::vector<EnvironmentVariable> list(1);
+    EnvVariableListSource source(&list);
+    auto valid = [&](const std::string& name) {
+        list[0].name = name;
+        list[0].value = "%unpaired";  // the name column does not judge the value
+        return source.valueIsValid("Name", 0);
+    };
+    for (const char* name : {"", "#abc", "UGII_BASE_DIR2", "a_"}) EXPECT_TRUE(valid(name)) << name;
+    for (const char* name : {"a#bc", "##", "_abc", "1abc", "A-B", "A B", "\xc3\xa4"}) EXPECT_FALSE(valid(name)) << name;
+}
+
+TEST(EnvVariableListSource, ValuesNeedPairedPercentSignsAndBalancedBraces) {
+    std::vector<EnvironmentVariable> list(1);
+    EnvVariableListSource source(&list);
+    auto valid = [&](const std::string& value) {
+        list[0].value = value;
+        list[0].name = "_bad";
+        return source.valueIsValid("Value", 0);
+    };
+    for (const char* value : {"", "%TEMP%\\x", "${A}/%B%%C%", "}{"}) EXPECT_TRUE(valid(value)) << value;
+    for (const char* value : {"%TEMP", "${A", "$A}"}) EXPECT_FALSE(valid(value)) << value;
+}
+
+TEST(ApplicationListSource, ColumnsShowTheFieldsAndBooleansAsTrueOrFalse) {
+    std::vector<ConfigApplication> list = applications({"nx"});
+    list[0].category = "CAD";
+    list[0].description = "NX";
+    list[0].program = "ugraf.exe";
+    list[0].arguments = "-nx";
+    list[0].disableApplication = true;
+    const ApplicationListSource source(&list);
+    std::string row;
+    for (const char* column : {"Disable", "AppID", "Category", "Description", "Executable", "Arguments",
+                               "AddNXLibs", "NoCustom", "Platform"})
+        row += cell(source, column, 0) + "|";
+    EXPECT_EQ("True|nx|CAD|NX|ugraf.exe|-nx|True|False||", row);
+}
+
+TEST(ApplicationListSource, WritesFieldsAndTakesAnyCaseOfTrueAsTrue) {
+    std::vector<ConfigApplication> list(1);
+    ApplicationListSource source(&list);
+    for (const auto& [column, text] : std::vector<std::pair<std::string, std::string>>{
+             {"AppID", "nx"}, {"Category", "CAD"}, {"Description", "NX"}, {"Executable", "ugraf.exe"},
+             {"Arguments", "-a"}, {"NoCustom", "True"}, {"AddNXLibs", "1"}, {"Disable", "TRUE"}})
+        source.setValueForListColumnRow(column, 0, text);
+    const ConfigApplication& app = list[0];
+    EXPECT_EQ("nx CAD NX ugraf.exe -a", app.appId + " " + app.category + " " + app.description + " " + app.program +
+                                            " " + app.arguments);
+    EXPECT_TRUE(app.disableCustomization);
+    EXPECT_FALSE(app.addUGLibsToPath);
+    EXPECT_TRUE(app.disableApplication);
+    source.setValueForListColumnRow("Disable", 0, std::string("yes"));
+    EXPECT_FALSE(app.disableApplication);
+    EXPECT_TRUE(source.isEdited());
+    EXPECT_FALSE(app.needsSaving());
+}
+
+TEST(ApplicationListSource, UnknownColumnChangesNothingButCountsAsAnEdit) {
+    std::vector<ConfigApplication> list = applications({"nx"});
+    ApplicationListSource source(&list);
+    EXPECT_TRUE(source.setValueForListColumnRow("Platform", 0, std::string("2")));
+    EXPECT_TRUE(source.isEdited());
+    EXPECT_EQ("nx", list[0].appId);
+    EXPECT_EQ(AllPlatforms, list[0].platform);
+}
+
+TEST(ApplicationListSource, NullListReadsEmptyAndRefusesEveryEdit) {
+    ApplicationListSource source;
+    EXPECT_TRUE(source.isNull());
+    EXPECT_EQ(0, source.numberOfRowsInList());
+    EXPECT_TRUE(source.valueForListColumnRow("AppID", 0).empty());
+    EXPECT_FALSE(source.setValueForListColumnRow("AppID", 0, std::string("nx")));
+    source.insertRow(0);
+    source.deleteRows({});
+    EXPECT_FALSE(source.isEdited());
+    EXPECT_EQ(nullptr, source.commonVariables(0));
+    EXPECT_EQ(nullptr, source.winVariables(0));
+}
+
+TEST(ApplicationListSource, InsertAtMinusOneAppendsAndAtZeroPrependsAPlaceholder) {
+    std::vector<ConfigApplication> list = applications({"a", "b"});
+    ApplicationListSource source(&list);
+    source.insertRow(-1);
+    EXPECT_TRUE(source.isEdited());
+    source.insertRow(0);
+    source.setValueForListColumnRow("AppID", 0, std::string("first"));
+    source.insertRow(4);
+    EXPECT_EQ((std::vector<std::string>{"first", "a", "b", "ChangeMyAppID", "ChangeMyAppID"}), ids(list));
+    EXPECT_THROW(source.insertRow(6), std::out_of_range);
+    EXPECT_EQ(5u, list.size());
+}
+
+TEST(ApplicationListSource, DeletingADuplicatedRowErasesTwoRecords) {
+    std::vector<ConfigApplication> list = applications({"a", "b", "c", "d", "e"});
+    ApplicationListSource source(&list);
+    source.deleteRows({2, 0, 2});
+    EXPECT_EQ((std::vector<std::string>{"b", "e"}), ids(list));
+    EXPECT_TRUE(source.isEdited());
+    source.setEdited(false);
+    source.deleteRows({});
+    EXPECT_TRUE(source.isEdited());
+}
+
+TEST(ApplicationListSource, DeletionBeyondTheListThrowsAndErasesNothing) {
+    std::vector<ConfigApplication> list = applications({"a", "b", "c"});
+    ApplicationListSource source(&list);
+    EXPECT_THROW(source.deleteRows({2, 2, 2}), std::out_of_range);  // the third erase would fall off the end
+    EXPECT_THROW(source.deleteRows({-1}), std::out_of_range);
+    EXPECT_EQ((std::vector<std::string>{"a", "b", "c"}), ids(list));
+    EXPECT_FALSE(source.isEdited());
+}
+
+TEST(ApplicationListSource, VariableAccessorsShowTheApplicationsOwnLists) {
+    std::vector<ConfigApplication> list = applications({"a", "b"});
+    ApplicationListSource source(&list);
+    source.winVariables(1)->insertRow(-1);
+    source.commonVariables(1)->insertRow(-1);
+    source.commonVariables(1)->insertRow(-1);
+    EXPECT_EQ(1u, list[1].winVariableList().size());
+    EXPECT_EQ(2u, list[1].commonVariableList().size());
+    EXPECT_EQ(0, source.unixVariables(1)->numberOfRowsInList());
+    EXPECT_TRUE(list[1].needsSaving());
+    EXPECT_FALSE(list[0].needsSaving());
+    EXPECT_FALSE(source.isEdited());
+}
+
+TEST(ApplicationListSource, OutOfRangeApplicationIsReportedThenThrown) {
+    std::vector<ConfigApplication> list = applications({"a", "b"});
+    ApplicationListSource source(&list);
+    testing::internal::CaptureStderr();
+    try {
+        source.application(2);
+        FAIL() << "no exception";
+    } catch (const std::out_of_range& error) {
+        EXPECT_STREQ("application 2 is out of range of a list of 2 applications", error.what());
+    }
+    EXPECT_EQ("Assertion (level 300) failed: index >= 0 && static_cast<std::size_t>(index) < size\n"
+              "  in ConfigApplication.cpp, function application\n"
+              "  index = 2\n"
+              "  tried to access out of range application\n",
+              testing::internal::GetCapturedStderr());
+
+    testing::internal::CaptureStderr();
+    EXPECT_THROW(source.unixVariables(-1), std::out_of_range);
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find(
+                                     "  index = -1\n  tried to access out of range application\n"));
+}
+
+TEST(WorkDirectoryListSource, NameColumnIsTheNameAndEveryOtherColumnThePath) {
+    std::vector<WorkDirectory> list(3);
+    WorkDirectoryListSource source(&list);
+    EXPECT_TRUE(source.setValueForListColumnRow("Name", 1, std::string("Projects")));
+    EXPECT_TRUE(source.setValueForListColumnRow("Path", 1, std::string("D:\\projects")));
+    EXPECT_EQ("Projects D:\\projects", list[1].name + " " + cell(source, "Directory", 1));
+    EXPECT_TRUE(source.isEdited());
+    source.insertRow(0);
+    source.deleteRows({3, 0});
+    ASSERT_EQ(2u, list.size());
+    EXPECT_EQ("Projects", list[1].name);
+    EXPECT_TRUE(source.valueIsValid("Name", 7));  // only variables judge their cells
+    EXPECT_TRUE(WorkDirectoryListSource().valueForListColumnRow("Name", 0).empty());
+}

@@ -1,0 +1,158 @@
+#include "kym/SettingsProtocol.h"
+
+#include "base/Platform.h"
+#include "support/TestSupport.h"
+
+#include <boost/regex.hpp>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+using Kym::EnvironmentVariable;
+using Kym::SettingsProtocol;
+
+namespace {
+
+using Variables = std::vector<EnvironmentVariable>;
+using Lines = std::vector<std::string>;
+
+EnvironmentVariable variable(const std::string& name, const std::string& value, const std::string& comment = "",
+                             Kym::PlatformType type = Kym::AllPlatforms) {
+    EnvironmentVariable result(name, value);
+    result.comment = comment;
+    result.type = type;
+    return result;
+}
+
+// name=value|comment|type of each entry, in order.
+Lines entries(const Variables& list) {
+    Lines result;
+    for (const auto& v : list) result.push_back(v.name + "=" + v.value + "|" + v.comment + "|" + std::to_string(v.type));
+    return result;
+}
+
+Lines merged(const EnvironmentVariable& later, Variables list) {
+    SettingsProtocol::mergeVariable(later, list);
+    return entries(list);
+}
+
+// A layer whose lists are filled through the editor's table models.
+struct Layer : SettingsProtocol {
+    void add(Kym::EnvVariableListSource* source, const std::string& name, const std::string& value) {
+        source->insertRow(-1);
+        source->setValueForListColumnRow("Name", source->numberOfRowsInList() - 1, name);
+        source->setValueForListColumnRow("Value", source->numberOfRowsInList() - 1, value);
+    }
+};
+
+} // namespace
+
+TEST(EnvironmentVariable, ConstructorsLeaveTheOtherFieldsEmptyAndTheTypeZero) {
+    EXPECT_EQ(Lines{"=||0"}, entries({EnvironmentVariable()}));
+    EXPECT_EQ(Lines{"TMP=C:\\temp||0"}, entries({EnvironmentVariable("TMP", "C:\\temp")}));
+    EXPECT_EQ(Lines{"DISPLAY=||1"}, entries({EnvironmentVariable("DISPLAY", Kym::UnixPlatform)}));
+}
+
+TEST(LayeredMerge, SelfReferenceStandsForTheCurrentValueWithItsBackslashes) {
+    EXPECT_EQ(Lines{"PATH=C:\\a\\b;D:\\x||0"}, merged(variable("PATH", "${PATH};D:\\x"), {variable("PATH", "C:\\a\\b")}));
+    EXPECT_EQ(Lines{"P=\\\\s\\;\\\\s\\||0"}, merged(variable("P", "$P;${P}"), {variable("P", "\\\\s\\")}));
+}
+
+TEST(LayeredMerge, SelfReferenceToAMissingVariableBecomesEmpty) {
+    EXPECT_EQ((Lines{"BAR=x||0", "FOO=/bin||0"}), merged(variable("FOO", "$FOO/bin"), {variable("BAR", "x")}));
+}
+
+TEST(LayeredMerge, SelfReferenceHasNoWordBoundaryAndOtherReferencesStay) {
+    EXPECT_EQ(Lines{"FOO=oldBAR:$BAR/${X}||0"}, merged(variable("FOO", "$FOOBAR:$BAR/${X}"), {variable("FOO", "old")}));
+    EXPECT_EQ(Lines{"A=${A||0"}, merged(variable("A", "${A"), {variable("A", "old")}));
+}
+
+TEST(LayeredMerge, ReplacedEntryKeepsItsPlaceNameAndTypeAndTakesTheNewComment) {
+    EXPECT_EQ((Lines{"A=1;3|second|1", "B=2||0"}),
+              merged(variable("A", "$A;3", "second", Kym::WindowsPlatform),
+                     {variable("A", "1", "first", Kym::UnixPlatform), variable("B", "2")}));
+    EXPECT_EQ(Lines{"A=1|why|2"}, merged(variable("A", "1", "why", Kym::WindowsPlatform), {}));
+}
+
+TEST(LayeredMerge, NamesCompareCaseSensitivelyAndOnlyTheFirstMatchChanges) {
+    EXPECT_EQ((Lines{"Path=a||0", "PATH=b;d||0", "PATH=c||0"}),
+              merged(variable("PATH", "$PATH;d"), {variable("Path", "a"), variable("PATH", "b"), variable("PATH", "c")}));
+}
+
+TEST(LayeredMerge, LogsEachStepOnTheVerboseLogger) {
+    KymTest::LogRecorder log;
+    Variables list{variable("PATH", "C:\\a")};
+    SettingsProtocol::mergeVariable(variable("PATH", "$PATH;x"), list);
+    SettingsProtocol::mergeVariable(variable("NEW", "n"), list);
+    EXPECT_EQ((Lines{"  merging PATH", "    current value: C:\\\\a", "    value = C:\\a;x", "    replacing existing value",
+                     "    new value: C:\\a;x", "  merging NEW", "    value = n"}),
+              log.lines("kym.verbose"));
+    EXPECT_EQ(Lines{}, log.lines("kym.info"));
+}
+
+TEST(LayeredMerge, NameThatIsNoValidPatternThrowsTheRegexError) {
+    Variables list{variable("A(", "old")};
+    EXPECT_THROW(SettingsProtocol::mergeVariable(variable("A(", "$A("), list), boost::regex_error);
+    EXPECT_THROW(SettingsProtocol::mergeVariable(variable("[", "x"), list), boost::regex_error);
+    EXPECT_EQ(Lines{"A(=old||0"}, entries(list));
+    // A dot compiles and matches any character: the name goes in as it stands.
+    EXPECT_EQ(Lines{"A.B=oldX||0"}, merged(variable("A.B", "$AxBX"), {variable("A.B", "old")}));
+}
+
+TEST(ReplacementMerge, ReplacesTheWholeRecordWithoutSubstitutionAndSkipsEmptyParts) {
+    KymTest::LogRecorder log;
+    Variables list{variable("ROOT", "C:\\old", "old", Kym::UnixPlatform), variable("B", "2")};
+    SettingsProtocol::replaceVariable(variable("ROOT", "$ROOT\\new", "", Kym::WindowsPlatform), list);
+    SettingsProtocol::replaceVariable(variable("B", ""), list);
+    SettingsProtocol::replaceVariable(variable("", "x"), list);
+    SettingsProtocol::replaceVariable(variable("C", "3"), list);
+    EXPECT_EQ((Lines{"ROOT=$ROOT\\new||2", "B=2||0", "C=3||0"}), entries(list));
+    EXPECT_EQ((Lines{"  merging ROOT", "    Replacing ROOT value.", "      current value: C:\\old",
+                     "      new value: $ROOT\\new", "  merging C"}),
+              log.lines("kym.verbose"));
+}
+
+TEST(SettingsProtocol, MergesTheCommonListThenTheListOfTheLaunchConventions) {
+    Layer layer;
+    layer.add(layer.commonVariables(), "A", "common");
+    layer.add(layer.commonVariables(), "B", "b");
+    layer.add(layer.unixVariables(), "A", "$A;unix");
+    layer.add(layer.winVariables(), "A", "$A;win");
+    layer.add(layer.winVariables(), "W", "w");
+    Variables windows{variable("B", "old")}, posix;
+    Base::Platform::setCurrent(Base::Platform::Windows);
+    layer.mergeUserEnvVariables(windows);
+    Base::Platform::setCurrent(Base::Platform::Posix);
+    layer.mergeUserEnvVariables(posix);
+    EXPECT_EQ((Lines{"B=b||0", "A=common;win||0", "W=w||0"}), entries(windows));
+    EXPECT_EQ((Lines{"A=common;unix||0", "B=b||0"}), entries(posix));
+}
+
+TEST(SettingsProtocol, UnixVariablesAddNothingUnderWindowsConventions) {
+    Base::Platform::setCurrent(Base::Platform::Windows);
+    Layer layer;
+    layer.add(layer.unixVariables(), "DISPLAY", ":0");
+    Variables list{variable("A", "1")};
+    layer.mergeUserEnvVariables(list);
+    EXPECT_EQ(Lines{"A=1||0"}, entries(list));
+}
+
+TEST(SettingsProtocol, CopiesOwnTheirListsAndKeepTheEditedMarks) {
+    auto original = std::make_unique<Layer>();
+    original->add(original->winVariables(), "A", "1");
+    Layer copy(*original);
+    original.reset();
+    EXPECT_TRUE(copy.winVariables()->isEdited());
+    EXPECT_FALSE(copy.commonVariables()->isEdited());
+    EXPECT_EQ("A", boost::any_cast<std::string>(copy.winVariables()->valueForListColumnRow("Name", 0)));
+
+    Layer assigned;
+    assigned = copy;
+    copy.winVariables()->setValueForListColumnRow("Name", 0, std::string("B"));
+    EXPECT_EQ("A", assigned.winVariableList()[0].name);
+    EXPECT_TRUE(assigned.variableListsEdited());
+    assigned.setVariableListsEdited(false);
+    EXPECT_FALSE(assigned.winVariables()->isEdited());
+}
