@@ -1,0 +1,111 @@
+#include "kym/BaseSettings.h"
+
+#include "kym/SystemInfo.h"
+
+#include "base/Archiver.h"
+#include "base/ProcessWide.h"
+#include "base/Unarchiver.h"
+#include "base/log/Logger.h"
+
+#include <boost/filesystem/operations.hpp>
+#include <utility>
+
+namespace fs = boost::filesystem;
+
+namespace Kym {
+
+namespace {
+
+const char* const BaseConfigurationName = "Base KYM";
+
+Base::ProcessWide<BaseSettings> baseInformation;
+
+template <class T>
+T decodeValue(Base::Unarchiver& archive, const char* key) {
+    T value;
+    T* decoded = archive.decodeObject(key, &value);
+    if (decoded != &value) value = *decoded;
+    return value;
+}
+
+} // namespace
+
+BaseSettings::BaseSettings() : mDataFile(SystemInformation().installPath() / "config" / "baseSettings.dat") {
+    load();
+}
+
+BaseSettings::BaseSettings(const BaseSettings& other)
+    : SettingsProtocol(other),
+      mApplications(other.mApplications),
+      mDataFile(other.mDataFile),
+      mApplicationSource(other.mApplicationSource) {
+    mApplicationSource.setList(other.mApplicationSource.isNull() ? nullptr : &mApplications);
+}
+
+BaseSettings& BaseSettings::operator=(const BaseSettings& other) {
+    SettingsProtocol::operator=(other);
+    mApplications = other.mApplications;
+    mDataFile = other.mDataFile;
+    mApplicationSource.setEdited(other.mApplicationSource.isEdited());
+    return *this;
+}
+
+BaseSettings::~BaseSettings() = default;
+
+void BaseSettings::load() {
+    boost::system::error_code error;
+    if (!fs::exists(mDataFile, error)) return;
+    Base::Unarchiver archive(mDataFile);
+    // Decoded aside first, so a damaged file leaves the store as it was.
+    auto common = decodeValue<std::vector<EnvironmentVariable>>(archive, CommonVariablesKey);
+    auto unixList = decodeValue<std::vector<EnvironmentVariable>>(archive, UnixVariablesKey);
+    auto windows = decodeValue<std::vector<EnvironmentVariable>>(archive, WindowsVariablesKey);
+    auto applications = decodeValue<std::vector<ConfigApplication>>(archive, ApplicationListKey);
+    mCommonVariables = std::move(common);
+    mUnixVariables = std::move(unixList);
+    mWinVariables = std::move(windows);
+    mApplications = std::move(applications);
+}
+
+void BaseSettings::save() {
+    if (!needsSaving()) return;
+    // Encoding an application clears its marks, so a copy is encoded: a failed write keeps them.
+    std::vector<ConfigApplication> applications = mApplications;
+    Base::Archiver archive(mDataFile);
+    archive.encodeObject(CommonVariablesKey, mCommonVariables);
+    archive.encodeObject(UnixVariablesKey, mUnixVariables);
+    archive.encodeObject(WindowsVariablesKey, mWinVariables);
+    archive.encodeObject(ApplicationListKey, applications);
+    archive.finishEncoding();
+    for (ConfigApplication& application : mApplications) application.setVariableListsEdited(false);
+    setVariableListsEdited(false);
+    mApplicationSource.setEdited(false);
+}
+
+bool BaseSettings::needsSaving() const {
+    if (variableListsEdited() || mApplicationSource.isEdited()) return true;
+    for (const ConfigApplication& application : mApplications)
+        if (application.needsSaving()) return true;
+    return false;
+}
+
+void BaseSettings::mergeEnvVariables(std::vector<EnvironmentVariable>& vars) const {
+    BASE_LOG(Base::log::info()) << "  merging core KYM envirnment variables";
+    mergeUserEnvVariables(vars);
+}
+
+const std::vector<ConfigApplication>& BaseSettings::applicationList() {
+    for (ConfigApplication& application : mApplications) application.setConfigurationName(BaseConfigurationName);
+    return mApplications;
+}
+
+ApplicationListSource* BaseSettings::applications() {
+    mApplicationSource.setList(&mApplications);
+    return &mApplicationSource;
+}
+
+BaseSettings& BaseInformation() {
+    return baseInformation.instance();
+}
+
+} // namespace Kym

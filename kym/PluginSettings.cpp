@@ -1,0 +1,116 @@
+#include "kym/PluginSettings.h"
+
+#include "base/Archiver.h"
+#include "base/Unarchiver.h"
+#include "base/log/Logger.h"
+
+#include <boost/filesystem/operations.hpp>
+#include <utility>
+
+namespace fs = boost::filesystem;
+
+namespace Kym {
+
+namespace {
+
+template <class T>
+T decodeValue(Base::Unarchiver& archive, const char* key) {
+    T value;
+    T* decoded = archive.decodeObject(key, &value);
+    if (decoded != &value) value = *decoded;
+    return value;
+}
+
+} // namespace
+
+PluginSettings::PluginSettings(const fs::path& dir)
+    : mPluginType(SiteWideType), mDataFile(dir / DataFileName), mDirectory(dir), mNeedsSaving(false) {
+    load();
+}
+
+PluginSettings::PluginSettings(const PluginSettings& other)
+    : SettingsProtocol(other),
+      mPluginType(other.mPluginType),
+      mApplications(other.mApplications),
+      mDataFile(other.mDataFile),
+      mDirectory(other.mDirectory),
+      mApplicationSource(other.mApplicationSource),
+      mNeedsSaving(other.mNeedsSaving) {
+    mApplicationSource.setList(other.mApplicationSource.isNull() ? nullptr : &mApplications);
+}
+
+PluginSettings& PluginSettings::operator=(const PluginSettings& other) {
+    SettingsProtocol::operator=(other);
+    mPluginType = other.mPluginType;
+    mApplications = other.mApplications;
+    mDataFile = other.mDataFile;
+    mDirectory = other.mDirectory;
+    mApplicationSource.setEdited(other.mApplicationSource.isEdited());
+    mNeedsSaving = other.mNeedsSaving;
+    return *this;
+}
+
+PluginSettings::~PluginSettings() = default;
+
+std::string PluginSettings::name() const {
+    return mDirectory.filename().string();
+}
+
+void PluginSettings::load() {
+    boost::system::error_code error;
+    if (!fs::exists(mDataFile, error)) return;
+    Base::Unarchiver archive(mDataFile);
+    // Decoded aside first, so a damaged file leaves the plugin as it was.
+    std::string type = SiteWideType;
+    archive.decode(PluginTypeKey, type);
+    auto common = decodeValue<std::vector<EnvironmentVariable>>(archive, CommonVariablesKey);
+    auto unixList = decodeValue<std::vector<EnvironmentVariable>>(archive, UnixVariablesKey);
+    auto windows = decodeValue<std::vector<EnvironmentVariable>>(archive, WindowsVariablesKey);
+    auto applications = decodeValue<std::vector<ConfigApplication>>(archive, ApplicationListKey);
+    mPluginType = std::move(type);
+    mCommonVariables = std::move(common);
+    mUnixVariables = std::move(unixList);
+    mWinVariables = std::move(windows);
+    mApplications = std::move(applications);
+}
+
+void PluginSettings::save() {
+    if (!needsSaving()) return;
+    // Encoding an application clears its marks, so a copy is encoded: a failed write keeps them.
+    std::vector<ConfigApplication> applications = mApplications;
+    Base::Archiver archive(mDataFile);
+    archive.encode(PluginTypeKey, mPluginType);
+    archive.encodeObject(CommonVariablesKey, mCommonVariables);
+    archive.encodeObject(UnixVariablesKey, mUnixVariables);
+    archive.encodeObject(WindowsVariablesKey, mWinVariables);
+    archive.encodeObject(ApplicationListKey, applications);
+    archive.finishEncoding();
+    for (ConfigApplication& application : mApplications) application.setVariableListsEdited(false);
+    setVariableListsEdited(false);
+    mApplicationSource.setEdited(false);
+}
+
+bool PluginSettings::needsSaving() const {
+    bool result = mNeedsSaving || variableListsEdited() || mApplicationSource.isEdited();
+    for (auto application = mApplications.begin(); !result && application != mApplications.end(); ++application)
+        result = application->needsSaving();
+    BASE_LOG(Base::log::verbose()) << "Plugin: " << name() << " needsSaving = " << (result ? "true" : "false");
+    return result;
+}
+
+const std::vector<ConfigApplication>& PluginSettings::applicationList() {
+    const std::string configurationName = name() + " Plugin";
+    for (ConfigApplication& application : mApplications) application.setConfigurationName(configurationName);
+    return mApplications;
+}
+
+ApplicationListSource* PluginSettings::applications() {
+    mApplicationSource.setList(&mApplications);
+    return &mApplicationSource;
+}
+
+void PluginSettings::mergeEnvVariables(std::vector<EnvironmentVariable>& vars) const {
+    mergeUserEnvVariables(vars);
+}
+
+} // namespace Kym

@@ -1,0 +1,65 @@
+// One plugin: a directory whose settings.dat contributes variables and
+// applications to the departments of its type ("Site-wide": to all).
+#pragma once
+
+#include "kym/ConfigApplication.h"
+#include "kym/EnvironmentVariable.h"
+#include "kym/KymExport.h"
+#include "kym/SettingsProtocol.h"
+
+#include <boost/filesystem/path.hpp>
+#include <string>
+#include <vector>
+
+namespace Kym {
+
+class KYM_EXPORT PluginSettings : public SettingsProtocol {
+public:
+    // The archive keys, in the order they are written.
+    static constexpr const char* PluginTypeKey = "Plugin Type";
+    static constexpr const char* CommonVariablesKey = "Common Variables";
+    static constexpr const char* UnixVariablesKey = "Unix Variables";
+    static constexpr const char* WindowsVariablesKey = "Windows Variables";
+    static constexpr const char* ApplicationListKey = "Application List";
+    // Kept by the department settings, not by a plugin.
+    static constexpr const char* DisabledPluginsKey = "Disabled Plugins";
+    static constexpr const char* SiteWideType = "Site-wide";
+    static constexpr const char* DataFileName = "settings.dat";
+
+    // Defaults, then the directory's settings.dat loaded (a damaged one throws).
+    explicit PluginSettings(const boost::filesystem::path& dir);
+    PluginSettings(const PluginSettings& other);
+    PluginSettings& operator=(const PluginSettings& other);
+    ~PluginSettings() override;
+
+    // The directory's leaf name and the directory.
+    std::string name() const;
+    boost::filesystem::path path() const { return mDirectory; }
+    const boost::filesystem::path& dataFile() const { return mDataFile; }
+
+    const std::string& pluginType() const { return mPluginType; }
+    void setPluginType(const std::string& type) { mPluginType = type; }
+
+    void load();
+    // Rewrites settings.dat when needsSaving(). The mark of setNeedsSaving
+    // survives: such a plugin is written again at every save until it is cleared.
+    void save();
+    bool needsSaving() const;
+    void setNeedsSaving(bool needsSaving) { mNeedsSaving = needsSaving; }
+
+    // Every application stamped with the configuration name name() + " Plugin".
+    const std::vector<ConfigApplication>& applicationList();
+    ApplicationListSource* applications();
+
+    void mergeEnvVariables(std::vector<EnvironmentVariable>& vars) const;
+
+private:
+    std::string mPluginType;
+    std::vector<ConfigApplication> mApplications;
+    boost::filesystem::path mDataFile;
+    boost::filesystem::path mDirectory;
+    ApplicationListSource mApplicationSource;
+    bool mNeedsSaving;
+};
+
+} // namespace Kym

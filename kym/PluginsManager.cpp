@@ -1,0 +1,99 @@
+#include "kym/PluginsManager.h"
+
+#include "kym/SystemInfo.h"
+
+#include "base/Platform.h"
+#include "base/ProcessWide.h"
+#include "base/SmartAssert.h"
+#include "base/log/Logger.h"
+
+#include <boost/filesystem/operations.hpp>
+#include <algorithm>
+#include <stdexcept>
+
+namespace fs = boost::filesystem;
+
+namespace Kym {
+
+namespace {
+
+Base::ProcessWide<PluginsManager> pluginsManagement;
+
+fs::path internalPluginsDirectory() {
+    return SystemInfo::installPath() / "plugins";
+}
+
+} // namespace
+
+PluginsManager::PluginsManager() : mExternalOnly(false), mInternalCount(0) {
+    initialize();
+}
+
+PluginsManager::~PluginsManager() = default;
+
+void PluginsManager::initialize() {
+    const fs::path directory = internalPluginsDirectory();
+    mPlugins.clear();
+    boost::system::error_code error;
+    if (fs::is_directory(directory, error)) {
+        const fs::directory_iterator first(directory), last;
+        std::vector<fs::path> entries(first, last);
+        // Sorted by name: the same order on every file system.
+        std::sort(entries.begin(), entries.end());
+        for (const fs::path& entry : entries) addPlugin(entry);
+    }
+    BASE_LOG(Base::log::info()) << "Found " << mPlugins.size() << " plugins.";
+    mInternalCount = static_cast<std::int32_t>(mPlugins.size());
+}
+
+void PluginsManager::addPlugin(const fs::path& dir) {
+    mPlugins.push_back(PluginSettings(dir));
+    BASE_LOG(Base::log::info()) << "Adding plugin: " << Base::Platform::current().nativePath(dir);
+}
+
+void PluginsManager::removePlugin(const fs::path& dir) {
+    mPlugins.erase(std::remove_if(mPlugins.begin(), mPlugins.end(),
+                                  [&dir](const PluginSettings& plugin) { return plugin.path() == dir; }),
+                   mPlugins.end());
+}
+
+PluginSettings* PluginsManager::plugin(int index, bool external) {
+    BASE_SMART_ASSERT(300, index >= 0 && index < numberOfPlugins(), "plugin index is out of range",
+                      {"index", Base::assertValue(index)}, {"numberOfPlugins()", Base::assertValue(numberOfPlugins())});
+    if (external && mExternalOnly) index += mInternalCount;
+    if (index < 0 || index >= numberOfPlugins())
+        throw std::out_of_range("plugin index " + std::to_string(index) + " is out of range of " +
+                                std::to_string(numberOfPlugins()) + " plugins");
+    return &mPlugins[static_cast<std::size_t>(index)];
+}
+
+bool PluginsManager::isInternalPlugin(const PluginSettings& plugin) const {
+    return plugin.path().parent_path() == internalPluginsDirectory();
+}
+
+void PluginsManager::saveSettings() {
+    for (PluginSettings& plugin : mPlugins) plugin.save();
+}
+
+bool PluginsManager::anyNeedsSaving() const {
+    return std::any_of(mPlugins.begin(), mPlugins.end(),
+                       [](const PluginSettings& plugin) { return plugin.needsSaving(); });
+}
+
+int PluginsManager::numberOfRowsInList() const {
+    return numberOfPlugins() - (mExternalOnly ? mInternalCount : 0);
+}
+
+boost::any PluginsManager::valueForListColumnRow(const std::string&, int row) const {
+    const int index = mExternalOnly ? row + mInternalCount : row;
+    if (row < 0 || index >= numberOfPlugins())
+        throw std::out_of_range("row " + std::to_string(row) + " is out of range of a list of " +
+                                std::to_string(numberOfRowsInList()) + " rows");
+    return mPlugins[static_cast<std::size_t>(index)].name();
+}
+
+PluginsManager& PluginsManagement() {
+    return pluginsManagement.instance();
+}
+
+} // namespace Kym

@@ -1,0 +1,62 @@
+// The process-wide list of plugins: the internal ones found in the
+// installation's plugins directory, then the external ones the site adds.
+// It is also the table the editor lists the plugins in.
+#pragma once
+
+#include "kym/KymExport.h"
+#include "kym/PluginSettings.h"
+
+#include "base/DataSourceInterface.h"
+
+#include <boost/any.hpp>
+#include <boost/filesystem/path.hpp>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Kym {
+
+class KYM_EXPORT PluginsManager : public Base::DataSourceInterface {
+public:
+    // Scans the installation's plugins directory at once.
+    PluginsManager();
+    PluginsManager(const PluginsManager&) = default;
+    PluginsManager& operator=(const PluginsManager&) = default;
+    ~PluginsManager();
+
+    // Loads the plugin in the directory and appends it; a damaged settings.dat throws.
+    void addPlugin(const boost::filesystem::path& dir);
+    // Removes every plugin of that directory; the internal count stays.
+    void removePlugin(const boost::filesystem::path& dir);
+    // With external set while only external plugins are edited, index counts
+    // the external ones. The index is checked before that offset is added.
+    // The pointer is valid until the list changes.
+    PluginSettings* plugin(int index, bool external);
+    int numberOfPlugins() const { return static_cast<int>(mPlugins.size()); }
+    // The number of plugins the scan of the plugins directory found.
+    int internalCount() const { return mInternalCount; }
+    bool isInternalPlugin(const PluginSettings& plugin) const;
+
+    // From now on the table shows the external plugins only; there is no way back.
+    void editExternalPluginsOnly() { mExternalOnly = true; }
+    bool externalPluginsOnly() const { return mExternalOnly; }
+
+    void saveSettings();
+    bool anyNeedsSaving() const;
+
+    // One row per plugin shown; every column holds the plugin's name.
+    int numberOfRowsInList() const override;
+    boost::any valueForListColumnRow(const std::string& column, int row) const override;
+
+private:
+    void initialize();
+
+    std::vector<PluginSettings> mPlugins;
+    bool mExternalOnly;
+    std::int32_t mInternalCount;
+};
+
+// The process-wide registry, created (and the plugins directory scanned) at the first call.
+KYM_EXPORT PluginsManager& PluginsManagement();
+
+} // namespace Kym

@@ -1,0 +1,264 @@
+#include "kym/SiteSettings.h"
+
+#include "kym/PluginsManager.h"
+#include "kym/SystemInfo.h"
+
+#include "base/Archiver.h"
+#include "base/Environment.h"
+#include "base/FileManager.h"
+#include "base/Platform.h"
+#include "base/ProcessWide.h"
+#include "base/Registry.h"
+#include "base/Unarchiver.h"
+#include "base/log/Logger.h"
+
+#include <boost/filesystem/operations.hpp>
+#include <algorithm>
+#include <utility>
+
+namespace fs = boost::filesystem;
+
+namespace Kym {
+
+namespace {
+
+const char* const PortalInstallPathVariable = "TC_PORTAL_ROOT";
+const char* const PlotConfBaseVariable = "SDI_SERVER_CFG_BASE";
+const char* const RootDirVariable = "UGII_ROOT_DIR";
+const char* const PlotServerDirVariable = "UGII_SDI_SERVER_CFG_DIR";
+const char* const DocumentationDirVariable = "UGII_UGDOC_BASE_DIR";
+const char* const DocumentationDirValue = "${UGII_BASE_DIR}/ugdoc";
+const char* const WindowsBrowser = "${PROGRAMFILES}\\Internet Explorer\\iexplore.exe";
+const char* const PosixBrowser = "/usr/bin/xdg-open";
+
+Base::ProcessWide<SiteSettings> siteInformation;
+
+std::string native(const fs::path& p) {
+    return Base::Platform::current().nativePath(p);
+}
+
+template <class T>
+T decodeValue(Base::Unarchiver& archive, const char* key) {
+    T value;
+    T* decoded = archive.decodeObject(key, &value);
+    if (decoded != &value) value = *decoded;
+    return value;
+}
+
+// Replaces a variable whole or appends it; values of the site are plain, never self-referencing.
+void mergeOne(const EnvironmentVariable& variable, std::vector<EnvironmentVariable>& vars) {
+    SettingsProtocol::replaceVariable(variable, vars);
+}
+
+bool isRegistered(PluginsManager& plugins, const fs::path& dir) {
+    for (int index = 0; index < plugins.numberOfPlugins(); ++index)
+        if (plugins.plugin(index, false)->path() == dir) return true;
+    return false;
+}
+
+} // namespace
+
+SiteSettings::SiteSettings() : mUseWindowsRegistry(true), mSettingsChanged(false) {
+    updateVarNames();
+    load();
+    initializeExternalPlugins();
+}
+
+SiteSettings::~SiteSettings() = default;
+
+std::string SiteSettings::datafilename() const {
+    return "site_settings" + SystemInformation().SiteSettingsSuffix + ".dat";
+}
+
+fs::path SiteSettings::dataFile() const {
+    return SystemInformation().localDepartmentsPath() / datafilename();
+}
+
+void SiteSettings::updateVarNames() {
+    const SystemInfo& names = SystemInformation();
+    mUnixNXInstallPath.name = names.CadInstallPathVariable;
+    mWinNXInstallPath.name = names.CadInstallPathVariable;
+    mUnixTcEngInstallPath.name = names.tcEngInstallPathVariable;
+    mWinTcEngInstallPath.name = names.tcEngInstallPathVariable;
+    mUnixPortalInstallPath.name = PortalInstallPathVariable;
+    mWinPortalInstallPath.name = PortalInstallPathVariable;
+    mBrowser.name = names.CadWebBrowserVariable;
+    mUnixPlotConfBase.name = PlotConfBaseVariable;
+    mWinPlotConfBase.name = PlotConfBaseVariable;
+}
+
+void SiteSettings::load() {
+    const fs::path file = dataFile();
+    BASE_LOG(Base::log::info()) << "Loading site settings file: " << native(file);
+    boost::system::error_code error;
+    if (!fs::exists(file, error)) return;
+
+    Base::Unarchiver archive(file);
+    // Decoded aside first, so a damaged file leaves the store as it was.
+    auto unixNXInstallPath = decodeValue<EnvironmentVariable>(archive, UnixNXInstallPathKey);
+    auto winNXInstallPath = decodeValue<EnvironmentVariable>(archive, WindowsNXInstallPathKey);
+    auto unixTcEngInstallPath = decodeValue<EnvironmentVariable>(archive, UnixTcEngInstallPathKey);
+    auto winTcEngInstallPath = decodeValue<EnvironmentVariable>(archive, WindowsTcEngInstallPathKey);
+    auto unixPortalInstallPath = decodeValue<EnvironmentVariable>(archive, UnixPortalInstallPathKey);
+    auto winPortalInstallPath = decodeValue<EnvironmentVariable>(archive, WindowsPortalInstallPathKey);
+    auto browser = decodeValue<EnvironmentVariable>(archive, BrowserKey);
+    bool useWindowsRegistry = true;
+    archive.decode(UseWindowsRegistryKey, useWindowsRegistry);
+    auto common = decodeValue<std::vector<EnvironmentVariable>>(archive, CommonVariablesKey);
+    auto unixList = decodeValue<std::vector<EnvironmentVariable>>(archive, UnixVariablesKey);
+    auto windows = decodeValue<std::vector<EnvironmentVariable>>(archive, WindowsVariablesKey);
+    auto unixPlotConfBase = decodeValue<EnvironmentVariable>(archive, UnixPlotConfBaseKey);
+    auto winPlotConfBase = decodeValue<EnvironmentVariable>(archive, WindowsPlotConfBaseKey);
+    std::string unixExternalPluginsLocation;
+    archive.decode(UnixExternalPluginsLocationKey, unixExternalPluginsLocation);
+    std::string winExternalPluginsLocation;
+    archive.decode(WindowsExternalPluginsLocationKey, winExternalPluginsLocation);
+
+    mUnixNXInstallPath = std::move(unixNXInstallPath);
+    mWinNXInstallPath = std::move(winNXInstallPath);
+    mUnixTcEngInstallPath = std::move(unixTcEngInstallPath);
+    mWinTcEngInstallPath = std::move(winTcEngInstallPath);
+    mUnixPortalInstallPath = std::move(unixPortalInstallPath);
+    mWinPortalInstallPath = std::move(winPortalInstallPath);
+    mBrowser = std::move(browser);
+    mUseWindowsRegistry = useWindowsRegistry;
+    mCommonVariables = std::move(common);
+    mUnixVariables = std::move(unixList);
+    mWinVariables = std::move(windows);
+    mUnixPlotConfBase = std::move(unixPlotConfBase);
+    mWinPlotConfBase = std::move(winPlotConfBase);
+    mUnixExternalPluginsLocation = std::move(unixExternalPluginsLocation);
+    mWinExternalPluginsLocation = std::move(winExternalPluginsLocation);
+    updateVarNames();
+}
+
+void SiteSettings::save() {
+    if (!needsSaving()) return;
+    const fs::path file = dataFile();
+    BASE_LOG(Base::log::info()) << "Saving site settings file: " << native(file);
+    Base::Archiver archive(file);
+    archive.encodeObject(UnixNXInstallPathKey, mUnixNXInstallPath);
+    archive.encodeObject(WindowsNXInstallPathKey, mWinNXInstallPath);
+    archive.encodeObject(UnixTcEngInstallPathKey, mUnixTcEngInstallPath);
+    archive.encodeObject(WindowsTcEngInstallPathKey, mWinTcEngInstallPath);
+    archive.encodeObject(UnixPortalInstallPathKey, mUnixPortalInstallPath);
+    archive.encodeObject(WindowsPortalInstallPathKey, mWinPortalInstallPath);
+    archive.encodeObject(BrowserKey, mBrowser);
+    archive.encode(UseWindowsRegistryKey, mUseWindowsRegistry);
+    archive.encodeObject(CommonVariablesKey, mCommonVariables);
+    archive.encodeObject(UnixVariablesKey, mUnixVariables);
+    archive.encodeObject(WindowsVariablesKey, mWinVariables);
+    archive.encodeObject(UnixPlotConfBaseKey, mUnixPlotConfBase);
+    archive.encodeObject(WindowsPlotConfBaseKey, mWinPlotConfBase);
+    archive.encode(UnixExternalPluginsLocationKey, mUnixExternalPluginsLocation);
+    archive.encode(WindowsExternalPluginsLocationKey, mWinExternalPluginsLocation);
+    archive.finishEncoding();
+    setVariableListsEdited(false);
+    mSettingsChanged = false;
+}
+
+bool SiteSettings::needsSaving() const {
+    return mSettingsChanged || variableListsEdited();
+}
+
+std::string SiteSettings::registryInstallPath() const {
+    const SystemInfo& names = SystemInformation();
+    if (names.CadWindowsRegistryPath.empty()) return std::string();
+    return Base::Registry::readLocalMachineValue(names.CadWindowsRegistryPath, names.CadInstallPathVariable);
+}
+
+void SiteSettings::mergeEnvVariables(std::vector<EnvironmentVariable>& vars) const {
+    BASE_LOG(Base::log::info()) << "  merging site envirnment variables";
+    const bool windows = Base::Platform::current().isWindows();
+
+    if (windows) {
+        if (!mUseWindowsRegistry) {
+            mergeOne(mWinNXInstallPath, vars);
+            if (!mWinNXInstallPath.value.empty())
+                mergeOne(EnvironmentVariable(RootDirVariable, mWinNXInstallPath.value + "\\ugii\\"), vars);
+        } else {
+            std::string installPath = registryInstallPath();
+            if (!installPath.empty()) {
+                if (installPath.back() == '\\') installPath.pop_back();
+                mergeOne(EnvironmentVariable(SystemInformation().CadInstallPathVariable, installPath), vars);
+                mergeOne(EnvironmentVariable(RootDirVariable, installPath + "\\ugii\\"), vars);
+            }
+        }
+        mergeOne(mWinTcEngInstallPath, vars);
+        mergeOne(mWinPortalInstallPath, vars);
+        mergeOne(mWinPlotConfBase, vars);
+    } else {
+        mergeOne(mUnixNXInstallPath, vars);
+        if (!mUnixNXInstallPath.value.empty())
+            mergeOne(EnvironmentVariable(RootDirVariable, mUnixNXInstallPath.value + "/ugii/"), vars);
+        mergeOne(mUnixTcEngInstallPath, vars);
+        mergeOne(mUnixPortalInstallPath, vars);
+        mergeOne(mUnixPlotConfBase, vars);
+    }
+
+    vars.push_back(EnvironmentVariable(SystemInformation().CadWebBrowserVariable, getWebBrowser()));
+
+    // A forward slash even under Windows conventions, deliberately kept.
+    const EnvironmentVariable& plotConfBase = windows ? mWinPlotConfBase : mUnixPlotConfBase;
+    if (!plotConfBase.value.empty())
+        mergeOne(EnvironmentVariable(PlotServerDirVariable, plotConfBase.value + (windows ? "/win" : "/lnx64")), vars);
+
+    const bool hasDocumentationDir = std::any_of(vars.begin(), vars.end(), [](const EnvironmentVariable& variable) {
+        return variable.name == DocumentationDirVariable;
+    });
+    // Left unexpanded: the launch expands it against the finished environment.
+    if (!hasDocumentationDir) vars.push_back(EnvironmentVariable(DocumentationDirVariable, DocumentationDirValue));
+
+    mergeUserEnvVariables(vars);
+}
+
+std::string SiteSettings::getWebBrowser() const {
+    if (Base::Platform::current().isWindows()) {
+        std::string browser = WindowsBrowser;
+        Base::Environment::expandEnvVariables(browser);
+        const std::string shortForm = Base::FileManager::shortPathName(browser);
+        return shortForm.empty() ? browser : shortForm;
+    }
+    if (mBrowser.value.empty()) return PosixBrowser;
+    std::string browser = mBrowser.value;
+    return Base::Environment::expandEnvVariables(browser);
+}
+
+void SiteSettings::initializeExternalPlugins() {
+    const std::string& location =
+        Base::Platform::current().isWindows() ? mWinExternalPluginsLocation : mUnixExternalPluginsLocation;
+    const fs::path directory(location);
+    boost::system::error_code error;
+    if (directory.empty() || !fs::is_directory(directory, error)) return;
+
+    BASE_LOG(Base::log::info()) << "adding external plugins";
+    const fs::directory_iterator first(directory), last;
+    std::vector<fs::path> entries(first, last);
+    // Sorted by name: the same order on every file system.
+    std::sort(entries.begin(), entries.end());
+
+    // A plugin that fails to load leaves the registry as it was, so a later
+    // SiteInformation() does not register the others twice.
+    PluginsManager& plugins = PluginsManagement();
+    std::vector<fs::path> added;
+    try {
+        for (const fs::path& entry : entries) {
+            const bool known = isRegistered(plugins, entry);
+            addExternalPlugin(entry);
+            if (!known) added.push_back(entry);
+        }
+    } catch (...) {
+        for (const fs::path& entry : added) plugins.removePlugin(entry);
+        throw;
+    }
+}
+
+void SiteSettings::addExternalPlugin(const fs::path& dir) {
+    PluginsManagement().addPlugin(dir);
+}
+
+SiteSettings& SiteInformation() {
+    return siteInformation.instance();
+}
+
+} // namespace Kym

@@ -1,0 +1,143 @@
+#include "kym/BaseSettings.h"
+
+#include "kym/SystemInfo.h"
+
+#include "support/Site.h"
+#include "support/TestSupport.h"
+
+#include "base/BaseException.h"
+#include "base/Platform.h"
+#include "base/SystemCalls.h"
+
+#include <gtest/gtest.h>
+
+using namespace KymTest;
+using Kym::BaseInformation;
+using Kym::BaseSettings;
+using Kym::EnvironmentVariable;
+
+namespace {
+
+std::string native(const fs::path& p) {
+    return Base::Platform::current().nativePath(p);
+}
+
+Layer sampleLayer() {
+    Layer layer;
+    layer.commonVariables = {{"CAD_COMMON", "c"}};
+    layer.unixVariables = {{"CAD_UNIX", "u"}};
+    layer.windowsVariables = {{"CAD_WIN", "w"}, {"PATH", "${PATH};w"}};
+    layer.applications = {makeApplication("nx", "ugraf", "NX"), makeApplication("view", "viewer", "Viewer"),
+                          makeApplication("cam", "cam", "CAM")};
+    return layer;
+}
+
+void addWindowsVariable(BaseSettings& store, const std::string& name, const std::string& value) {
+    Kym::EnvVariableListSource* list = store.winVariables();
+    list->insertRow(-1);
+    list->setValueForListColumnRow("Name", list->numberOfRowsInList() - 1, name);
+    list->setValueForListColumnRow("Value", list->numberOfRowsInList() - 1, value);
+}
+
+} // namespace
+
+TEST(BaseSettings, MissingFileGivesAnEmptyStoreThatWritesNothing) {
+    Site site;
+    BaseSettings& store = BaseInformation();
+    EXPECT_TRUE(store.commonVariableList().empty() && store.unixVariableList().empty() &&
+                store.winVariableList().empty() && store.applicationList().empty());
+    EXPECT_FALSE(store.needsSaving());
+    store.save();
+    EXPECT_FALSE(fs::exists(site.baseSettingsFile()));
+    EXPECT_EQ(store.dataFile(), site.baseSettingsFile());
+}
+
+TEST(BaseSettings, LoadsEveryListAndStampsTheApplicationsBaseKym) {
+    Site site;
+    site.writeBaseSettings(sampleLayer());
+    BaseSettings& store = BaseInformation();
+    EXPECT_EQ(variableTexts(store.commonVariableList()), (std::vector<std::string>{"CAD_COMMON=c"}));
+    EXPECT_EQ(variableTexts(store.unixVariableList()), (std::vector<std::string>{"CAD_UNIX=u"}));
+    EXPECT_EQ(variableTexts(store.winVariableList()), (std::vector<std::string>{"CAD_WIN=w", "PATH=${PATH};w"}));
+
+    store.applications()->application(1).setConfigurationName("Engineering");
+    std::vector<std::string> applications;
+    for (const auto& application : store.applicationList())
+        applications.push_back(application.appId + "@" + application.configurationName());
+    EXPECT_EQ(applications, (std::vector<std::string>{"nx@Base KYM", "view@Base KYM", "cam@Base KYM"}));
+    EXPECT_FALSE(store.needsSaving());
+}
+
+TEST(BaseSettings, EditOfOneListRewritesAllFourKeysInOrder) {
+    Site site;
+    site.writeBaseSettings(sampleLayer());
+    BaseSettings& store = BaseInformation();
+    addWindowsVariable(store, "CAD_EXTRA", "x");
+    EXPECT_TRUE(store.needsSaving());
+    store.save();
+    EXPECT_FALSE(store.needsSaving());
+    EXPECT_EQ(archiveTopLevelKeys(site.baseSettingsFile()),
+              (std::vector<std::string>{"Common Variables", "Unix Variables", "Windows Variables", "Application List"}));
+
+    BaseSettings reread(store);
+    reread.load();
+    EXPECT_EQ(variableTexts(reread.winVariableList()),
+              (std::vector<std::string>{"CAD_WIN=w", "PATH=${PATH};w", "CAD_EXTRA=x"}));
+    EXPECT_EQ(reread.applicationList().size(), 3u);
+}
+
+TEST(BaseSettings, FailedSaveKeepsTheOldFileAndEveryMark) {
+    Site site;
+    site.writeBaseSettings(sampleLayer());
+    const std::string before = readFile(site.baseSettingsFile());
+    BaseSettings& store = BaseInformation();
+    addWindowsVariable(store, "CAD_EXTRA", "x");
+    store.applications()->commonVariables(0)->insertRow(-1);
+
+    Base::SystemCalls::setRenameFault([](const std::string&) { return ENOSPC; });
+    EXPECT_EQ(thrownMessage([&] { store.save(); }),
+              "Cannot write settings file " + native(site.baseSettingsFile()) + ": No space left on device");
+    Base::SystemCalls::setRenameFault(nullptr);
+    EXPECT_EQ(readFile(site.baseSettingsFile()), before);
+    EXPECT_TRUE(store.winVariables()->isEdited());
+    EXPECT_TRUE(store.applications()->application(0).needsSaving());
+}
+
+TEST(BaseSettings, DamagedFileLeavesNoStoreAndTheNextCallRetries) {
+    Site site;
+    site.writeBaseSettings(sampleLayer());
+    const std::string good = readFile(site.baseSettingsFile());
+    writeFile(site.baseSettingsFile(), good.substr(0, good.size() / 2));
+    const std::string message = thrownMessage([] { BaseInformation(); });
+    EXPECT_NE(message.find(site.baseSettingsFile().string()), std::string::npos) << message;
+    writeFile(site.baseSettingsFile(), good);
+    BaseSettings& store = BaseInformation();
+    EXPECT_EQ(&BaseInformation(), &store);
+    EXPECT_EQ(store.applicationList().size(), 3u);
+}
+
+TEST(BaseSettings, ReloadOfADamagedFileKeepsTheLists) {
+    Site site;
+    site.writeBaseSettings(sampleLayer());
+    BaseSettings& store = BaseInformation();
+    writeFile(site.baseSettingsFile(), "not an archive");
+    EXPECT_THROW(store.load(), Base::BaseException);
+    EXPECT_EQ(variableTexts(store.commonVariableList()), (std::vector<std::string>{"CAD_COMMON=c"}));
+}
+
+TEST(BaseSettings, MergeAddsCommonThenTheListOfTheActiveConventions) {
+    Site site;
+    site.writeBaseSettings(sampleLayer());
+    BaseInformation();
+    LogRecorder log({"kym.info"});
+    std::vector<EnvironmentVariable> vars{{"PATH", "C:\\bin"}};
+    Base::Platform::setCurrent(Base::Platform::Windows);
+    BaseInformation().mergeEnvVariables(vars);
+    EXPECT_EQ(variableTexts(vars), (std::vector<std::string>{"PATH=C:\\bin;w", "CAD_COMMON=c", "CAD_WIN=w"}));
+
+    vars = {};
+    Base::Platform::setCurrent(Base::Platform::Posix);
+    BaseInformation().mergeEnvVariables(vars);
+    EXPECT_EQ(variableTexts(vars), (std::vector<std::string>{"CAD_COMMON=c", "CAD_UNIX=u"}));
+    EXPECT_EQ(log.lines("kym.info"), (std::vector<std::string>(2, "  merging core KYM envirnment variables")));
+}

@@ -1,0 +1,135 @@
+#include "support/Site.h"
+
+#include "kym/BaseSettings.h"
+#include "kym/PluginSettings.h"
+#include "kym/SiteSettings.h"
+
+#include "base/Archiver.h"
+
+#include <boost/regex.hpp>
+
+namespace KymTest {
+
+std::vector<std::string> variableTexts(const std::vector<Kym::EnvironmentVariable>& variables) {
+    std::vector<std::string> texts;
+    for (const auto& variable : variables) texts.push_back(variable.name + "=" + variable.value);
+    return texts;
+}
+
+std::vector<std::string> archiveTopLevelKeys(const fs::path& file) {
+    static const boost::regex element("<(/?)(?:dict|array)(/?)>|<key>([^<]*)</key>");
+    const std::string text = readFile(file);
+    std::vector<std::string> keys;
+    int depth = 0;
+    for (boost::sregex_iterator match(text.begin(), text.end(), element), end; match != end; ++match) {
+        if ((*match)[3].matched) {
+            if (depth == 1) keys.push_back((*match)[3].str());
+        } else if ((*match)[2].length() == 0) {
+            depth += (*match)[1].length() == 0 ? 1 : -1;
+        }
+    }
+    return keys;
+}
+
+std::string thrownMessage(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::exception& failure) {
+        return failure.what();
+    }
+    return "(nothing thrown)";
+}
+
+Kym::ConfigApplication makeApplication(const std::string& appId, const std::string& program,
+                                       const std::string& description) {
+    Kym::ConfigApplication application;
+    application.appId = appId;
+    application.program = program;
+    application.description = description;
+    return application;
+}
+
+Site::Site(Departments departments) : mInstallPath(mRoot / "kym") {
+    fs::create_directories(configPath());
+    fs::create_directories(pluginsPath());
+    fs::create_directories(dataInstallPath());
+    fs::create_directories(applicationDataFolder());
+
+    switch (departments) {
+    case Departments::Sibling: mDepartmentsPath = root() / "ugsite"; break;
+    case Departments::Variable: mDepartmentsPath = root() / "local" / "departments"; break;
+    case Departments::Fallback: mDepartmentsPath = mInstallPath / "fb_ugsite"; break;
+    case Departments::None: break;
+    }
+    if (!mDepartmentsPath.empty()) fs::create_directories(mDepartmentsPath);
+
+    mEnvironment.push_back(std::make_unique<ScopedEnv>("KYM_BASE_DIR", mInstallPath.string()));
+    mEnvironment.push_back(std::make_unique<ScopedEnv>(
+        "KYM_UGSITE_DIR",
+        departments == Departments::Variable ? std::optional<std::string>(mDepartmentsPath.string()) : std::nullopt));
+    mEnvironment.push_back(std::make_unique<ScopedEnv>("XDG_CONFIG_HOME", applicationDataFolder().string()));
+}
+
+Site::~Site() = default;
+
+fs::path Site::siteSettingsFile(const std::string& suffix) const {
+    return mDepartmentsPath / ("site_settings" + suffix + ".dat");
+}
+
+void Site::writeSystemInfo(const std::vector<std::pair<std::string, std::string>>& values) const {
+    Base::Archiver archive(systemInfoFile());
+    for (const auto& value : values) archive.encode(value.first, value.second);
+    archive.finishEncoding();
+}
+
+void Site::writeBaseSettings(const Layer& layer) const {
+    // Encoding marks the records saved, so copies are encoded.
+    std::vector<Kym::ConfigApplication> applications = layer.applications;
+    Base::Archiver archive(baseSettingsFile());
+    archive.encodeObject(Kym::BaseSettings::CommonVariablesKey, layer.commonVariables);
+    archive.encodeObject(Kym::BaseSettings::UnixVariablesKey, layer.unixVariables);
+    archive.encodeObject(Kym::BaseSettings::WindowsVariablesKey, layer.windowsVariables);
+    archive.encodeObject(Kym::BaseSettings::ApplicationListKey, applications);
+    archive.finishEncoding();
+}
+
+void Site::writeSiteSettings(const SiteFile& site, const std::string& suffix) const {
+    using Kym::SiteSettings;
+    Base::Archiver archive(siteSettingsFile(suffix));
+    archive.encodeObject(SiteSettings::UnixNXInstallPathKey, site.unixNXInstallPath);
+    archive.encodeObject(SiteSettings::WindowsNXInstallPathKey, site.winNXInstallPath);
+    archive.encodeObject(SiteSettings::UnixTcEngInstallPathKey, site.unixTcEngInstallPath);
+    archive.encodeObject(SiteSettings::WindowsTcEngInstallPathKey, site.winTcEngInstallPath);
+    archive.encodeObject(SiteSettings::UnixPortalInstallPathKey, site.unixPortalInstallPath);
+    archive.encodeObject(SiteSettings::WindowsPortalInstallPathKey, site.winPortalInstallPath);
+    archive.encodeObject(SiteSettings::BrowserKey, site.browser);
+    archive.encode(SiteSettings::UseWindowsRegistryKey, site.useWindowsRegistry);
+    archive.encodeObject(SiteSettings::CommonVariablesKey, site.commonVariables);
+    archive.encodeObject(SiteSettings::UnixVariablesKey, site.unixVariables);
+    archive.encodeObject(SiteSettings::WindowsVariablesKey, site.windowsVariables);
+    archive.encodeObject(SiteSettings::UnixPlotConfBaseKey, site.unixPlotConfBase);
+    archive.encodeObject(SiteSettings::WindowsPlotConfBaseKey, site.winPlotConfBase);
+    archive.encode(SiteSettings::UnixExternalPluginsLocationKey, site.unixExternalPluginsLocation);
+    archive.encode(SiteSettings::WindowsExternalPluginsLocationKey, site.winExternalPluginsLocation);
+    archive.finishEncoding();
+}
+
+fs::path Site::writePlugin(const fs::path& directory, const std::string& type, const Layer& layer) const {
+    using Kym::PluginSettings;
+    fs::create_directories(directory);
+    std::vector<Kym::ConfigApplication> applications = layer.applications;
+    Base::Archiver archive(directory / PluginSettings::DataFileName);
+    archive.encode(PluginSettings::PluginTypeKey, type);
+    archive.encodeObject(PluginSettings::CommonVariablesKey, layer.commonVariables);
+    archive.encodeObject(PluginSettings::UnixVariablesKey, layer.unixVariables);
+    archive.encodeObject(PluginSettings::WindowsVariablesKey, layer.windowsVariables);
+    archive.encodeObject(PluginSettings::ApplicationListKey, applications);
+    archive.finishEncoding();
+    return directory;
+}
+
+fs::path Site::addInternalPlugin(const std::string& name, const std::string& type, const Layer& layer) const {
+    return writePlugin(pluginsPath() / name, type, layer);
+}
+
+} // namespace KymTest

@@ -1,0 +1,115 @@
+// A real site for tests: an installation directory (KYM_BASE_DIR) with its
+// config, plugins and data/install directories, a local departments
+// directory found the way the test asks for, and a private application data
+// folder, all in a temporary folder; plus writers for the settings files,
+// which go through the library's own archive and record coders so they read
+// back exactly as the library writes them.
+//
+// Build the Site before the first call of a store accessor: the stores read
+// the environment and their files when they are created.
+#pragma once
+
+#include "support/TestSupport.h"
+
+#include "kym/ConfigApplication.h"
+#include "kym/EnvironmentVariable.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace KymTest {
+
+// Where the local departments directory is, and so how it is found.
+enum class Departments {
+    Sibling,   // <root>/ugsite beside the installation; KYM_UGSITE_DIR unset
+    Variable,  // <root>/local/departments, named by KYM_UGSITE_DIR
+    Fallback,  // <installation>/fb_ugsite; KYM_UGSITE_DIR unset
+    None,      // none at all; KYM_UGSITE_DIR unset
+};
+
+// The variable lists and applications of a layer (base settings, a plugin).
+struct Layer {
+    std::vector<Kym::EnvironmentVariable> commonVariables;
+    std::vector<Kym::EnvironmentVariable> unixVariables;
+    std::vector<Kym::EnvironmentVariable> windowsVariables;
+    std::vector<Kym::ConfigApplication> applications;
+};
+
+// The content of a site settings file. The variable members carry the
+// system's default names; a test may give one another name.
+struct SiteFile {
+    Kym::EnvironmentVariable unixNXInstallPath{"UGII_BASE_DIR", ""};
+    Kym::EnvironmentVariable winNXInstallPath{"UGII_BASE_DIR", ""};
+    Kym::EnvironmentVariable unixTcEngInstallPath{"TC_ROOT", ""};
+    Kym::EnvironmentVariable winTcEngInstallPath{"TC_ROOT", ""};
+    Kym::EnvironmentVariable unixPortalInstallPath{"TC_PORTAL_ROOT", ""};
+    Kym::EnvironmentVariable winPortalInstallPath{"TC_PORTAL_ROOT", ""};
+    Kym::EnvironmentVariable browser{"UGII_HTML_BROWSER", ""};
+    bool useWindowsRegistry = true;
+    std::vector<Kym::EnvironmentVariable> commonVariables;
+    std::vector<Kym::EnvironmentVariable> unixVariables;
+    std::vector<Kym::EnvironmentVariable> windowsVariables;
+    Kym::EnvironmentVariable unixPlotConfBase{"SDI_SERVER_CFG_BASE", ""};
+    Kym::EnvironmentVariable winPlotConfBase{"SDI_SERVER_CFG_BASE", ""};
+    std::string unixExternalPluginsLocation;
+    std::string winExternalPluginsLocation;
+};
+
+// "NAME=value" for each variable, in order, so whole lists compare in one assertion.
+std::vector<std::string> variableTexts(const std::vector<Kym::EnvironmentVariable>& variables);
+// The keys of an archive file's top level, in the order they stand in the file.
+std::vector<std::string> archiveTopLevelKeys(const fs::path& file);
+
+// The what() of the std::exception the action throws, or "(nothing thrown)".
+std::string thrownMessage(const std::function<void()>& action);
+
+// An application record with the fields a test usually cares about.
+Kym::ConfigApplication makeApplication(const std::string& appId, const std::string& program,
+                                       const std::string& description = "");
+
+class Site {
+public:
+    // Makes <root>/kym (the installation) with config/, plugins/ and
+    // data/install/, the departments directory as asked, and <root>/appdata;
+    // sets KYM_BASE_DIR and XDG_CONFIG_HOME and sets or unsets KYM_UGSITE_DIR.
+    // Everything is restored and removed when the Site goes.
+    explicit Site(Departments departments = Departments::Sibling);
+    ~Site();
+    Site(const Site&) = delete;
+    Site& operator=(const Site&) = delete;
+
+    const fs::path& root() const { return mRoot.path(); }
+    const fs::path& installPath() const { return mInstallPath; }
+    // Empty with Departments::None.
+    const fs::path& departmentsPath() const { return mDepartmentsPath; }
+    fs::path configPath() const { return mInstallPath / "config"; }
+    fs::path pluginsPath() const { return mInstallPath / "plugins"; }
+    fs::path dataInstallPath() const { return mInstallPath / "data" / "install"; }
+    fs::path applicationDataFolder() const { return root() / "appdata"; }
+
+    fs::path systemInfoFile() const { return configPath() / "sysinfo.dat"; }
+    fs::path baseSettingsFile() const { return configPath() / "baseSettings.dat"; }
+    fs::path siteSettingsFile(const std::string& suffix = "Nx4") const;
+
+    // sysinfo.dat holding these keys (member names) and values, in this order.
+    void writeSystemInfo(const std::vector<std::pair<std::string, std::string>>& values) const;
+    void writeBaseSettings(const Layer& layer) const;
+    // The site settings file in the departments directory.
+    void writeSiteSettings(const SiteFile& site, const std::string& suffix = "Nx4") const;
+    // Makes the directory and writes its settings.dat; returns the directory.
+    fs::path writePlugin(const fs::path& directory, const std::string& type, const Layer& layer = {}) const;
+    // A plugin in the installation's plugins directory.
+    fs::path addInternalPlugin(const std::string& name, const std::string& type = "Site-wide",
+                               const Layer& layer = {}) const;
+
+private:
+    TempDir mRoot;
+    fs::path mInstallPath;
+    fs::path mDepartmentsPath;
+    std::vector<std::unique_ptr<ScopedEnv>> mEnvironment;
+};
+
+} // namespace KymTest
