@@ -1,0 +1,43 @@
+// Starts a program detached, with a given argument list, working directory
+// and a complete environment that replaces the inherited one. The started
+// program is not waited for; on POSIX no zombie is left behind.
+#pragma once
+
+#include <boost/filesystem/path.hpp>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Base {
+
+class Task {
+public:
+    Task() = default;
+    // Starts the program at once with these arguments and the inherited environment.
+    Task(const boost::filesystem::path& program, const std::vector<std::string>& arguments);
+
+    void setArguments(const std::vector<std::string>& arguments) { mArguments = arguments; }
+    void setLaunchPath(const boost::filesystem::path& program) { mLaunchPath = program; }
+    void setCurrentDirectoryPath(const boost::filesystem::path& directory) { mCurrentDirectory = directory; }
+    // The complete environment of the child, replacing the inherited one.
+    void setEnvironment(const std::map<std::string, std::string>& environment);
+
+    const boost::filesystem::path& launchPath() const { return mLaunchPath; }
+    const std::vector<std::string>& arguments() const { return mArguments; }
+    const boost::filesystem::path& currentDirectoryPath() const { return mCurrentDirectory; }
+
+    // Starts the process and returns without waiting for it. Throws
+    // BaseException naming the program and the reason when it cannot be
+    // started (not found, not executable, bad working directory, ...).
+    // Returns the process id.
+    long launch();
+
+private:
+    boost::filesystem::path mLaunchPath;
+    std::vector<std::string> mArguments;
+    boost::filesystem::path mCurrentDirectory;
+    bool mHasEnvironment = false;
+    std::map<std::string, std::string> mEnvironment;
+};
+
+} // namespace Base
