@@ -1,5 +1,6 @@
 #include "kym/PluginsManager.h"
 
+#include "kym/Configuration.h"
 #include "kym/SystemInfo.h"
 
 #include "base/Platform.h"
@@ -69,6 +70,33 @@ PluginSettings* PluginsManager::plugin(int index, bool external) {
 
 bool PluginsManager::isInternalPlugin(const PluginSettings& plugin) const {
     return plugin.path().parent_path() == internalPluginsDirectory();
+}
+
+bool PluginsManager::sameType(const Configuration& config, const PluginSettings& plugin) const {
+    return plugin.pluginType() == PluginSettings::SiteWideType || plugin.pluginType() == config.type;
+}
+
+bool PluginsManager::appliesTo(const Configuration& config, const PluginSettings& plugin) const {
+    return !config.isPluginDisabled(plugin.name()) && sameType(config, plugin);
+}
+
+std::vector<ConfigApplication> PluginsManager::applicationList(const Configuration& config) {
+    std::vector<ConfigApplication> applications;
+    for (PluginSettings& plugin : mPlugins) {
+        if (!appliesTo(config, plugin)) continue;
+        const std::vector<ConfigApplication>& list = plugin.applicationList();
+        applications.insert(applications.end(), list.begin(), list.end());
+    }
+    return applications;
+}
+
+void PluginsManager::mergeEnvVariables(const Configuration& config, std::vector<EnvironmentVariable>& vars) const {
+    for (const PluginSettings& plugin : mPlugins)
+        if (appliesTo(config, plugin)) plugin.mergeEnvVariables(vars);
+}
+
+void PluginsManager::mergeEnvVariables(const Configuration* config, std::vector<EnvironmentVariable>& vars) const {
+    if (config) mergeEnvVariables(*config, vars);
 }
 
 void PluginsManager::saveSettings() {

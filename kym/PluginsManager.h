@@ -16,6 +16,8 @@
 
 namespace Kym {
 
+class Configuration;
+
 class KYM_EXPORT PluginsManager : public Base::DataSourceInterface {
 public:
     // Scans the installation's plugins directory at once.
@@ -40,6 +42,20 @@ public:
     // From now on the table shows the external plugins only; there is no way back.
     void editExternalPluginsOnly() { mExternalOnly = true; }
     bool externalPluginsOnly() const { return mExternalOnly; }
+
+    // A plugin applies to a department that does not disable it (by its
+    // directory name, exactly) and whose type is the plugin's, unless the
+    // plugin is "Site-wide". The walks below go in registry order, internal
+    // plugins first.
+    bool sameType(const Configuration& config, const PluginSettings& plugin) const;
+    bool appliesTo(const Configuration& config, const PluginSettings& plugin) const;
+    // The applications of the plugins that apply, each stamped "<plugin> Plugin".
+    std::vector<ConfigApplication> applicationList(const Configuration& config);
+    // Merges the variables of the plugins that apply; a later plugin's
+    // self-reference extends what an earlier one set. Without a department
+    // (null) no plugin applies.
+    void mergeEnvVariables(const Configuration& config, std::vector<EnvironmentVariable>& vars) const;
+    void mergeEnvVariables(const Configuration* config, std::vector<EnvironmentVariable>& vars) const;
 
     void saveSettings();
     bool anyNeedsSaving() const;

@@ -1,10 +1,13 @@
 #include "support/Site.h"
 
 #include "kym/BaseSettings.h"
+#include "kym/Configuration.h"
+#include "kym/ConfigurationSettings.h"
 #include "kym/PluginSettings.h"
 #include "kym/SiteSettings.h"
 
 #include "base/Archiver.h"
+#include "base/PropertyList.h"
 
 #include <boost/regex.hpp>
 
@@ -130,6 +133,60 @@ fs::path Site::writePlugin(const fs::path& directory, const std::string& type, c
 
 fs::path Site::addInternalPlugin(const std::string& name, const std::string& type, const Layer& layer) const {
     return writePlugin(pluginsPath() / name, type, layer);
+}
+
+void Site::writeReleaseNames() const {
+    writeSystemInfo({{"CadVersionDirectory", CurrentRelease}, {"PreviousCadVersionDirectory", PreviousRelease}});
+}
+
+void Site::writeVersionFiles(const std::vector<std::pair<std::string, std::string>>& files) const {
+    TempDir content;
+    for (const auto& file : files) writeFile(content / file.first, file.second);
+    makeTarGz(versionFilesArchive(), content.path());
+}
+
+fs::path Site::addDepartment(const std::string& name, const DepartmentProperties& properties) const {
+    const fs::path department = mDepartmentsPath / name;
+    fs::create_directories(department);
+    writeDepartmentProperties(department, properties);
+    return department;
+}
+
+void Site::writeDepartmentProperties(const fs::path& department, const DepartmentProperties& properties) const {
+    using Kym::Configuration;
+    Base::PropertyList list;
+    list.setFile(department / Configuration::PropertyFileName);
+    list.setProperty(Configuration::DescriptionKey, properties.description);
+    list.setProperty(Configuration::TypeKey, properties.type);
+    list.setProperty(Configuration::CommonDepartmentKey, properties.commonDepartment);
+    list.setProperty(Configuration::DoFileCleanupKey, properties.doFileCleanup);
+    list.setProperty(Configuration::CleanupDaysKey, properties.cleanupDays);
+    list.saveList();
+}
+
+fs::path Site::writeDepartmentSettings(const fs::path& department, const DepartmentSettings& settings,
+                                       const std::string& release) const {
+    using Kym::ConfigurationSettings;
+    const fs::path file = department / release / "config" / "configSettings.dat";
+    fs::create_directories(file.parent_path());
+    std::vector<Kym::ConfigApplication> applications = settings.layer.applications;
+    Base::Archiver archive(file);
+    archive.encodeObject(ConfigurationSettings::WorkDirectoryListKey, settings.workDirectories);
+    archive.encodeObject(ConfigurationSettings::CommonVariablesKey, settings.layer.commonVariables);
+    archive.encodeObject(ConfigurationSettings::UnixVariablesKey, settings.layer.unixVariables);
+    archive.encodeObject(ConfigurationSettings::WindowsVariablesKey, settings.layer.windowsVariables);
+    archive.encode(ConfigurationSettings::DisabledPluginsKey, settings.disabledPlugins);
+    archive.encodeObject(ConfigurationSettings::ApplicationListKey, applications);
+    archive.encodeObject(ConfigurationSettings::ApplicationOverlayListKey, settings.overlays);
+    archive.finishEncoding();
+    return file;
+}
+
+fs::path Site::addUpdatedDepartment(const std::string& name, const DepartmentProperties& properties,
+                                    const DepartmentSettings& settings) const {
+    const fs::path department = addDepartment(name, properties);
+    writeDepartmentSettings(department, settings);
+    return department;
 }
 
 } // namespace KymTest

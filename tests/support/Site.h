@@ -11,9 +11,12 @@
 
 #include "support/TestSupport.h"
 
+#include "kym/ApplicationOverlay.h"
 #include "kym/ConfigApplication.h"
 #include "kym/EnvironmentVariable.h"
+#include "kym/WorkDirectory.h"
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -56,6 +59,23 @@ struct SiteFile {
     Kym::EnvironmentVariable winPlotConfBase{"SDI_SERVER_CFG_BASE", ""};
     std::string unixExternalPluginsLocation;
     std::string winExternalPluginsLocation;
+};
+
+// The properties of a department (.dirinfo.plist), defaults as the library's.
+struct DepartmentProperties {
+    std::string description = "None";
+    std::string type = "Production";
+    std::string commonDepartment;
+    bool doFileCleanup = true;
+    std::uint32_t cleanupDays = 2;
+};
+
+// The settings of a department for one release (config/configSettings.dat).
+struct DepartmentSettings {
+    std::vector<Kym::WorkDirectory> workDirectories;
+    Layer layer;
+    std::vector<std::string> disabledPlugins;
+    std::vector<Kym::ApplicationOverlay> overlays;
 };
 
 // "NAME=value" for each variable, in order, so whole lists compare in one assertion.
@@ -104,6 +124,28 @@ public:
     // A plugin in the installation's plugins directory.
     fs::path addInternalPlugin(const std::string& name, const std::string& type = "Site-wide",
                                const Layer& layer = {}) const;
+
+    // Release directory names that writeReleaseNames puts in sysinfo.dat.
+    static constexpr const char* CurrentRelease = "nx4";
+    static constexpr const char* PreviousRelease = "nx3";
+    // sysinfo.dat naming the current and the previous release directory.
+    void writeReleaseNames() const;
+
+    // The installation's version-files archive.
+    fs::path versionFilesArchive() const { return dataInstallPath() / "versionFiles.tar.gz"; }
+    // Makes it with tar from these files (relative path, content).
+    void writeVersionFiles(const std::vector<std::pair<std::string, std::string>>& files) const;
+
+    // A department directory with its .dirinfo.plist; returns the directory.
+    fs::path addDepartment(const std::string& name, const DepartmentProperties& properties = {}) const;
+    // Writes .dirinfo.plist through the library's property list writer.
+    void writeDepartmentProperties(const fs::path& department, const DepartmentProperties& properties) const;
+    // <department>/<release>/config/configSettings.dat, making the directories; returns the file.
+    fs::path writeDepartmentSettings(const fs::path& department, const DepartmentSettings& settings,
+                                     const std::string& release = CurrentRelease) const;
+    // An updated department: properties and settings of the current release.
+    fs::path addUpdatedDepartment(const std::string& name, const DepartmentProperties& properties = {},
+                                  const DepartmentSettings& settings = {}) const;
 
 private:
     TempDir mRoot;

@@ -1,0 +1,86 @@
+#include "base/ArchiveExtractor.h"
+
+#include "base/BaseException.h"
+#include "base/FileManager.h"
+
+#include "support/Site.h"
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+#include <algorithm>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace KymTest;
+using Base::ArchiveExtractor;
+
+namespace {
+
+// The test's own working directory, left again at the end.
+class InDirectory {
+public:
+    explicit InDirectory(const fs::path& directory) : mPrevious(Base::FileManager::workDirectory()) {
+        fs::create_directories(directory);
+        Base::FileManager::changeWorkDirectory(directory);
+    }
+    ~InDirectory() { Base::FileManager::changeWorkDirectory(mPrevious); }
+
+private:
+    fs::path mPrevious;
+};
+
+unsigned mode(const fs::path& p) {
+    return static_cast<unsigned>(fs::status(p).permissions());
+}
+
+std::vector<std::string> entries(const fs::path& directory) {
+    std::vector<std::string> names;
+    for (fs::recursive_directory_iterator it(directory), end; it != end; ++it)
+        names.push_back(fs::relative(it->path(), directory).generic_string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+} // namespace
+
+TEST(ArchiveExtractor, UnpacksIntoTheWorkingDirectoryWithPermissionsAndTimesButNotTheOwner) {
+    TempDir temp;
+    const fs::path content = temp / "content";
+    writeFile(content / "lib" / "readme.txt", "read me");
+    writeFile(content / "bin" / "run.sh", "#!/bin/sh\n");
+    fs::permissions(content / "lib" / "readme.txt", fs::perms(0640));
+    fs::permissions(content / "bin" / "run.sh", fs::perms(0750));
+    setAge(content / "lib" / "readme.txt", 3 * 86400);
+    const struct passwd* nobody = ::getpwnam("nobody");
+    ASSERT_NE(nobody, nullptr);
+    ASSERT_EQ(::chown((content / "bin" / "run.sh").c_str(), nobody->pw_uid, nobody->pw_gid), 0);
+    makeTarGz(temp / "files.tar.gz", content);
+
+    {
+        InDirectory target(temp / "target");
+        ArchiveExtractor::extractAll(temp / "files.tar.gz");
+    }
+    const fs::path target = temp / "target";
+    EXPECT_EQ(entries(target), (std::vector<std::string>{"bin", "bin/run.sh", "lib", "lib/readme.txt"}));
+    EXPECT_EQ(readFile(target / "lib" / "readme.txt"), "read me");
+    EXPECT_EQ(mode(target / "lib" / "readme.txt"), 0640u);
+    EXPECT_EQ(mode(target / "bin" / "run.sh"), 0750u);
+    EXPECT_EQ(fs::last_write_time(target / "lib" / "readme.txt"), fs::last_write_time(content / "lib" / "readme.txt"));
+    struct stat status {};
+    ASSERT_EQ(::stat((target / "bin" / "run.sh").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, ::getuid());
+}
+
+TEST(ArchiveExtractor, ADamagedOrMissingArchiveThrowsLibarchivesMessageAndExtractsNothing) {
+    TempDir temp;
+    writeFile(temp / "damaged.tar.gz", "this is no archive at all");
+    InDirectory target(temp / "target");
+    EXPECT_EQ(thrownMessage([&] { ArchiveExtractor::extractAll(temp / "damaged.tar.gz"); }),
+              "Unrecognized archive format");
+    EXPECT_EQ(thrownMessage([&] { ArchiveExtractor::extractAll(temp / "missing.tar.gz"); }),
+              "Failed to open '" + (temp / "missing.tar.gz").string() + "'");
+    EXPECT_THROW(ArchiveExtractor::extractAll(temp / "damaged.tar.gz"), Base::BaseException);
+    EXPECT_TRUE(fs::is_empty(temp / "target"));
+}
+

@@ -1,0 +1,267 @@
+#include "kym/Configuration.h"
+#include "kym/SystemInfo.h"
+
+#include "support/Site.h"
+#include "support/TestSupport.h"
+
+#include "base/FileManager.h"
+#include "base/Platform.h"
+#include "base/PropertyList.h"
+
+#include <gtest/gtest.h>
+#include <cstdlib>
+
+using namespace KymTest;
+using Kym::Configuration;
+using Kym::InvalidConfiguration;
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+std::string native(const fs::path& p) {
+    return Base::Platform::current().nativePath(p);
+}
+
+unsigned mode(const fs::path& p) {
+    return static_cast<unsigned>(fs::status(p).permissions());
+}
+
+// A site that names its releases nx4 (current) and nx3 (previous).
+struct Department : ::testing::Test {
+    Department() { site.writeReleaseNames(); }
+    fs::path department(const std::string& name) const { return site.departmentsPath() / name; }
+    // .dirinfo.plist holding exactly these values.
+    fs::path writeProperties(const std::string& name, const Base::PropertyList::Dictionary& values) const {
+        fs::create_directories(department(name));
+        Base::PropertyList(department(name) / Configuration::PropertyFileName, values).saveList();
+        return department(name);
+    }
+    Site site;
+};
+
+} // namespace
+
+using ConfigurationProperties = Department;
+using ConfigurationVersionDirectory = Department;
+
+TEST_F(ConfigurationProperties, LoadKeepsTheDefaultsOfMissingKeysAndNeedsNoSaving) {
+    const fs::path dir = writeProperties("dept", {{"Description", std::string("Design")},
+                                                  {"Do File Cleanup Key", false},
+                                                  {"Common Department", std::string("Shared")}});
+    LogRecorder log({"kym.verbose"});
+    Configuration config(dir, true);
+    EXPECT_EQ(config.name() + "|" + config.description + "|" + config.type + "|" + config.commonDepartment,
+              "dept|Design|Production|Shared");
+    EXPECT_FALSE(config.doFileCleanup);
+    EXPECT_EQ(config.cleanupDays, 2u);
+    EXPECT_FALSE(config.needsSaving());
+    EXPECT_EQ(log.lines("kym.verbose"),
+              (Names{"  instancing configuration settings", "instancing configuration: " + native(dir),
+                     "  Loading configuration's properties", "  Loaded the configuration's properties",
+                     "config: dept mNeedsSaving = false"}));
+    EXPECT_TRUE(Configuration(department("new"), false).needsSaving());
+}
+
+TEST_F(ConfigurationProperties, AValueOfAnotherTypeOrNoDescriptionFailsWithABadCast) {
+    const std::vector<Base::PropertyList::Dictionary> damaged{
+        {{"Type", std::string("Production")}},
+        {{"Description", std::int64_t(1)}},
+        {{"Description", std::string("d")}, {"Type", true}},
+        {{"Description", std::string("d")}, {"Do File Cleanup Key", std::string("true")}},
+        {{"Description", std::string("d")}, {"Cleanup Days Key", std::string("2")}},
+        {{"Description", std::string("d")}, {"Cleanup Days Key", std::int64_t(-1)}},
+        {{"Description", std::string("d")}, {"Cleanup Days Key", std::int64_t(4294967296)}},
+    };
+    for (const auto& values : damaged) {
+        writeProperties("dept", values);
+        EXPECT_THROW(Configuration(department("dept"), true), boost::bad_any_cast)
+            << Base::PropertyList::serialize(values);
+    }
+    writeProperties("dept", {{"Description", std::string("d")}, {"Cleanup Days Key", std::int64_t(4294967295)}});
+    EXPECT_EQ(Configuration(department("dept"), true).cleanupDays, 4294967295u);
+}
+
+TEST_F(ConfigurationProperties, ADirectoryWithoutAReadablePropertyFileIsNoDepartment) {
+    fs::create_directories(department("plain"));
+    const std::string message = "Directory " + native(department("plain")) + " is not valid department.";
+    try {
+        Configuration config(department("plain"), true);
+        FAIL() << "no exception";
+    } catch (const InvalidConfiguration& failure) {
+        EXPECT_EQ(failure.what(), message);
+    }
+
+    writeProperties("plain", {{"Description", std::string("d")}});
+    fs::permissions(department("plain") / Configuration::PropertyFileName, fs::perms(0600));
+    Kym::SystemInformation();
+    EXPECT_EQ(runAsNobody([&] {
+                  try {
+                      Configuration config(department("plain"), true);
+                  } catch (const InvalidConfiguration& failure) {
+                      return failure.what() == message ? 0 : 1;
+                  }
+                  return 2;
+              }),
+              0);
+}
+
+TEST_F(ConfigurationProperties, SaveWritesTheTypedPropertyListAndDropsACommonNameWithABlank) {
+    Configuration config(department("dept"), false);
+    fs::create_directories(config.path());
+    config.description = "Body design";
+    config.type = "Development";
+    config.commonDepartment = "My Common";
+    config.cleanupDays = 14;
+    config.settings()->setNeedsSaving(true);
+    config.save();
+
+    EXPECT_EQ(readFile(config.path() / ".dirinfo.plist"),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+              "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+              "<plist version=\"1.0\">\n"
+              "\t<dict>\n"
+              "\t\t<key>Cleanup Days Key</key>\n\t\t<integer>14</integer>\n"
+              "\t\t<key>Common Department</key>\n\t\t<string />\n"
+              "\t\t<key>Description</key>\n\t\t<string>Body design</string>\n"
+              "\t\t<key>Do File Cleanup Key</key>\n\t\t<true />\n"
+              "\t\t<key>Type</key>\n\t\t<string>Development</string>\n"
+              "\t</dict>\n"
+              "</plist>\n");
+    // Not updated for this release: its settings are not written and stay dirty.
+    EXPECT_FALSE(fs::exists(config.versionPath()));
+    EXPECT_TRUE(config.needsSaving());
+
+    Configuration loaded(config.path(), true);
+    EXPECT_EQ(loaded.description + "|" + loaded.type + "|" + loaded.commonDepartment, "Body design|Development|");
+    EXPECT_EQ(loaded.cleanupDays, 14u);
+    EXPECT_TRUE(loaded.doFileCleanup);
+}
+
+TEST_F(ConfigurationProperties, CommonDepartmentPathIsTheOwnOneUnlessAUsableNameIsGiven) {
+    Configuration config(department("dept"), false);
+    EXPECT_EQ(config.commonConfigPath(), department("dept"));
+    config.commonDepartment = "My Common";
+    EXPECT_EQ(config.commonConfigPath(), department("dept"));
+    config.commonDepartment = "Shared";
+    EXPECT_EQ(config.commonConfigPath(), department("Shared"));
+    EXPECT_EQ(config.commonConfigVersionPath(), department("Shared") / "nx4");
+    EXPECT_EQ(config.versionPath(), department("dept") / "nx4");
+}
+
+TEST_F(ConfigurationProperties, LoadAndSaveOfAnUpdatedDepartmentIncludeItsSettings) {
+    DepartmentSettings content;
+    content.layer.commonVariables = {{"COMMON", "1"}};
+    content.layer.unixVariables = {{"COMMON", "unix"}};
+    content.layer.windowsVariables = {{"COMMON", "$COMMON;2"}};
+    content.layer.applications = {makeApplication("nx", "ugraf")};
+    const fs::path dir = site.addUpdatedDepartment("dept", {}, content);
+    Configuration config(dir, true);
+    Base::Platform::setCurrent(Base::Platform::Windows);
+    std::vector<Kym::EnvironmentVariable> vars;
+    config.mergeEnvVariables(vars);
+    EXPECT_EQ(variableTexts(vars), Names{"COMMON=1;2"});
+    EXPECT_EQ(config.applicationList().at(0).configurationName(), "dept");
+
+    const fs::path settingsFile = dir / "nx4" / "config" / "configSettings.dat";
+    setAge(settingsFile, 3600);
+    const auto untouched = fs::last_write_time(settingsFile);
+    config.save();
+    EXPECT_EQ(fs::last_write_time(settingsFile), untouched);
+
+    config.settings()->winVariables()->deleteRows({0});
+    config.description = "Edited";
+    config.setNeedsSaving(true);
+    config.save();
+    EXPECT_FALSE(config.needsSaving());
+    Configuration reloaded(dir, true);
+    EXPECT_EQ(reloaded.description, "Edited");
+    EXPECT_EQ(variableTexts(reloaded.settings()->winVariableList()), Names{});
+}
+
+TEST_F(ConfigurationProperties, ACopyMovedInAVectorEditsItsOwnLists) {
+    std::vector<Configuration> configurations;
+    configurations.push_back(Configuration(department("first"), false));
+    configurations[0].settings()->workDirectories()->insertRow(-1);
+    configurations[0].settings()->disablePlugins();
+    configurations[0].settings()->applications();
+    const std::size_t capacity = configurations.capacity();
+    while (configurations.capacity() == capacity) configurations.push_back(Configuration(department("more"), false));
+    const Configuration copy = configurations[0];
+
+    configurations[0].settings()->workDirectories()->insertRow(-1);
+    configurations[0].settings()->applications()->insertRow(-1);
+    configurations[0].settings()->commonVariables()->insertRow(-1);
+    EXPECT_EQ(configurations[0].settings()->workDirectoryList().size(), 2u);
+    EXPECT_EQ(configurations[0].applicationList().size(), 1u);
+    EXPECT_EQ(configurations[0].settings()->commonVariableList().size(), 1u);
+    EXPECT_EQ(copy.settings()->workDirectoryList().size(), 1u);
+    EXPECT_TRUE(copy.settings()->commonVariableList().empty());
+}
+
+TEST_F(ConfigurationVersionDirectory, UnpacksTheVersionFilesAndCarriesThePreviousSettingsForward) {
+    site.writeVersionFiles({{"lib/readme.txt", "r"}, {"config/default.txt", "d"}});
+    const fs::path dir = site.addDepartment("dept");
+    DepartmentSettings previous;
+    previous.disabledPlugins = {"cam"};
+    const fs::path previousFile = site.writeDepartmentSettings(dir, previous, "nx3");
+    Configuration config(dir, true);
+    EXPECT_FALSE(config.isUpdated() || config.isPluginDisabled("cam"));
+    const fs::path workDirectory = Base::FileManager::workDirectory();
+
+    config.createNXVersionDirectory();
+    EXPECT_EQ(Base::FileManager::workDirectory(), workDirectory);
+    EXPECT_TRUE(config.isUpdated());
+    EXPECT_EQ(readFile(dir / "nx4" / "lib" / "readme.txt") + readFile(dir / "nx4" / "config" / "default.txt"), "rd");
+    EXPECT_EQ(readFile(dir / "nx4" / "config" / "configSettings.dat"), readFile(previousFile));
+    EXPECT_TRUE(config.isPluginDisabled("cam"));
+    EXPECT_FALSE(config.needsSaving());
+
+    writeFile(dir / "nx4" / "lib" / "readme.txt", "kept");
+    EXPECT_EQ(thrownMessage([&] { config.createNXVersionDirectory(); }),
+              "Directory " + native(dir / "nx4") + " already exists.");
+    EXPECT_EQ(readFile(dir / "nx4" / "lib" / "readme.txt"), "kept");
+}
+
+TEST_F(ConfigurationVersionDirectory, NothingIsLeftWhenTheArchiveIsMissingDamagedOrFailsHalfWay) {
+    const fs::path dir = site.addDepartment("dept");
+    Configuration config(dir, true);
+    const fs::path workDirectory = Base::FileManager::workDirectory();
+    EXPECT_EQ(thrownMessage([&] { config.createNXVersionDirectory(); }),
+              "Data file " + native(site.versionFilesArchive()) + " was not found.");
+    EXPECT_FALSE(fs::exists(dir / "nx4"));
+
+    writeFile(site.versionFilesArchive(), "no archive");
+    EXPECT_EQ(thrownMessage([&] { config.createNXVersionDirectory(); }), "Unrecognized archive format");
+    EXPECT_FALSE(fs::exists(dir / "nx4"));
+    EXPECT_EQ(Base::FileManager::workDirectory(), workDirectory);
+
+    // The directory "lib" with a file, then a plain file "lib" that cannot replace it.
+    writeFile(site.root() / "first" / "lib" / "x", "x");
+    writeFile(site.root() / "second" / "lib", "plain");
+    const std::string command = "tar -czf '" + site.versionFilesArchive().string() + "' -C '" +
+                                (site.root() / "first").string() + "' lib -C '" + (site.root() / "second").string() +
+                                "' lib";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    EXPECT_EQ(thrownMessage([&] { config.createNXVersionDirectory(); }),
+              "Can't replace existing directory with non-directory");
+    EXPECT_FALSE(fs::exists(dir / "nx4"));
+    EXPECT_EQ(Base::FileManager::workDirectory(), workDirectory);
+    EXPECT_FALSE(config.isUpdated());
+}
+
+TEST_F(ConfigurationVersionDirectory, The64BitLayoutIsMadeInsideTheUnpackedFilesWithMode775) {
+    const fs::path dir = site.addDepartment("dept");
+    Configuration config(dir, true);
+    fs::create_directories(dir / "nx4");
+    EXPECT_THROW(config.createWin64VersionDirectory(), fs::filesystem_error);
+    EXPECT_FALSE(fs::exists(dir / "nx4" / "win64"));
+
+    fs::create_directories(dir / "nx4" / "lib");
+    EXPECT_FALSE(config.isWin64Updated());
+    config.createWin64VersionDirectory();
+    EXPECT_TRUE(config.isWin64Updated());
+    for (const char* name : {"lib/win64", "win64", "win64/application", "win64/startup", "win64/udo"})
+        EXPECT_EQ(mode(dir / "nx4" / name), 0775u) << name;
+}
