@@ -2,6 +2,7 @@
 
 #include "base/BaseException.h"
 #include "base/Coder.h"
+#include "base/Platform.h"
 #include "base/PropertyList.h"
 
 #include <boost/core/demangle.hpp>
@@ -28,8 +29,13 @@ bool isReservedKey(const std::string& key) {
     return key == archiveTypeKey || key == archiveItemsKey;
 }
 
+// Messages name the file as the user's platform writes paths.
+std::string archiveName(const boost::filesystem::path& file) {
+    return "Archive " + Platform::current().nativePath(file);
+}
+
 [[noreturn]] void throwReservedKey(const boost::filesystem::path& file, const std::string& key) {
-    throw BaseException("Archive " + file.string() + ": key '" + key + "' is reserved for the archive itself");
+    throw BaseException(archiveName(file) + ": key '" + key + "' is reserved for the archive itself");
 }
 
 void putMember(PropertyList::OrderedDictionary& members, const boost::filesystem::path& file,
@@ -77,7 +83,7 @@ void Archiver::encode(const std::string& key, const std::vector<std::string>& va
 CoderBase* Archiver::getCoder(const TypeInfo& type) const {
     CoderBase* coder = CoderBase::coderForType(type);
     if (!coder)
-        throw BaseException("Archive " + mFile.string() + ": no coder is registered for the type '" +
+        throw BaseException(archiveName(mFile) + ": no coder is registered for the type '" +
                             boost::core::demangle(type.name()) + "'");
     return coder;
 }
@@ -85,7 +91,7 @@ CoderBase* Archiver::getCoder(const TypeInfo& type) const {
 void Archiver::encodeObject(const std::string& key, void* object, CoderBase* coder) {
     Frame& parent = *mFrames.back();
     if (!coder)
-        throw BaseException("Archive " + mFile.string() + ": key '" + key + "' is written without a coder");
+        throw BaseException(archiveName(mFile) + ": key '" + key + "' is written without a coder");
     if (!parent.collecting && isReservedKey(key)) throwReservedKey(mFile, key);
 
     const std::size_t depth = mFrames.size();
@@ -121,7 +127,7 @@ void Archiver::prepareCollection() {
 void Archiver::finishCollection() {
     Frame& frame = *mFrames.back();
     if (!frame.collecting)
-        throw BaseException("Archive " + mFile.string() + ": a collection is finished that was never prepared");
+        throw BaseException(archiveName(mFile) + ": a collection is finished that was never prepared");
     frame.collecting = false;
 }
 

@@ -1,6 +1,7 @@
 #include "base/Task.h"
 
 #include "base/BaseException.h"
+#include "base/Platform.h"
 #include "base/SystemCalls.h"
 
 #include <system_error>
@@ -26,8 +27,9 @@ namespace {
 
 BaseException startFailure(const boost::filesystem::path& program, const boost::filesystem::path& directory,
                            bool directoryAtFault, int error) {
-    std::string message = "Cannot start program " + program.string();
-    if (directoryAtFault) message += " in directory " + directory.string();
+    const Platform& platform = Platform::current();
+    std::string message = "Cannot start program " + platform.nativePath(program);
+    if (directoryAtFault) message += " in directory " + platform.nativePath(directory);
     return BaseException(message + ": " + std::system_category().message(error));
 }
 

@@ -3,6 +3,7 @@
 #include "base/BaseException.h"
 #include "base/Coder.h"
 #include "base/FileManager.h"
+#include "base/Platform.h"
 #include "base/PropertyList.h"
 
 #include <boost/core/demangle.hpp>
@@ -82,7 +83,7 @@ private:
 } // namespace
 
 Unarchiver::Unarchiver(const boost::filesystem::path& file)
-    : Unarchiver(FileManager::readFile(file), file.string(), 0) {}
+    : Unarchiver(FileManager::readFile(file), Platform::current().nativePath(file), 0) {}
 
 Unarchiver::Unarchiver(const std::string& text, const std::string& sourceName, int)
     : mSourceName(sourceName), mState(std::make_unique<State>()) {

@@ -54,6 +54,13 @@ public:
     T* decodeObject(const std::string& key, T* target) {
         return static_cast<T*>(decodeObjectOfType(key, target, TypeInfo::of<T>()));
     }
+    // A new T filled from the nested object under the key; a default T when the key is absent.
+    template <class T>
+    T decodeValue(const std::string& key) {
+        T value;
+        decodeObject(key, &value);
+        return value;
+    }
 
     // The items of the collection being decoded; throws BaseException when the
     // current object is not a collection.

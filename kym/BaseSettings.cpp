@@ -20,14 +20,6 @@ const char* const BaseConfigurationName = "Base KYM";
 
 Base::ProcessWide<BaseSettings> baseInformation;
 
-template <class T>
-T decodeValue(Base::Unarchiver& archive, const char* key) {
-    T value;
-    T* decoded = archive.decodeObject(key, &value);
-    if (decoded != &value) value = *decoded;
-    return value;
-}
-
 } // namespace
 
 BaseSettings::BaseSettings() : mDataFile(SystemInformation().installPath() / "config" / "baseSettings.dat") {
@@ -57,10 +49,10 @@ void BaseSettings::load() {
     if (!fs::exists(mDataFile, error)) return;
     Base::Unarchiver archive(mDataFile);
     // Decoded aside first, so a damaged file leaves the store as it was.
-    auto common = decodeValue<std::vector<EnvironmentVariable>>(archive, CommonVariablesKey);
-    auto unixList = decodeValue<std::vector<EnvironmentVariable>>(archive, UnixVariablesKey);
-    auto windows = decodeValue<std::vector<EnvironmentVariable>>(archive, WindowsVariablesKey);
-    auto applications = decodeValue<std::vector<ConfigApplication>>(archive, ApplicationListKey);
+    auto common = archive.decodeValue<std::vector<EnvironmentVariable>>(CommonVariablesKey);
+    auto unixList = archive.decodeValue<std::vector<EnvironmentVariable>>(UnixVariablesKey);
+    auto windows = archive.decodeValue<std::vector<EnvironmentVariable>>(WindowsVariablesKey);
+    auto applications = archive.decodeValue<std::vector<ConfigApplication>>(ApplicationListKey);
     mCommonVariables = std::move(common);
     mUnixVariables = std::move(unixList);
     mWinVariables = std::move(windows);

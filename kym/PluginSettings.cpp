@@ -11,18 +11,6 @@ namespace fs = boost::filesystem;
 
 namespace Kym {
 
-namespace {
-
-template <class T>
-T decodeValue(Base::Unarchiver& archive, const char* key) {
-    T value;
-    T* decoded = archive.decodeObject(key, &value);
-    if (decoded != &value) value = *decoded;
-    return value;
-}
-
-} // namespace
-
 PluginSettings::PluginSettings(const fs::path& dir)
     : mPluginType(SiteWideType), mDataFile(dir / DataFileName), mDirectory(dir), mNeedsSaving(false) {
     load();
@@ -63,10 +51,10 @@ void PluginSettings::load() {
     // Decoded aside first, so a damaged file leaves the plugin as it was.
     std::string type = SiteWideType;
     archive.decode(PluginTypeKey, type);
-    auto common = decodeValue<std::vector<EnvironmentVariable>>(archive, CommonVariablesKey);
-    auto unixList = decodeValue<std::vector<EnvironmentVariable>>(archive, UnixVariablesKey);
-    auto windows = decodeValue<std::vector<EnvironmentVariable>>(archive, WindowsVariablesKey);
-    auto applications = decodeValue<std::vector<ConfigApplication>>(archive, ApplicationListKey);
+    auto common = archive.decodeValue<std::vector<EnvironmentVariable>>(CommonVariablesKey);
+    auto unixList = archive.decodeValue<std::vector<EnvironmentVariable>>(UnixVariablesKey);
+    auto windows = archive.decodeValue<std::vector<EnvironmentVariable>>(WindowsVariablesKey);
+    auto applications = archive.decodeValue<std::vector<ConfigApplication>>(ApplicationListKey);
     mPluginType = std::move(type);
     mCommonVariables = std::move(common);
     mUnixVariables = std::move(unixList);

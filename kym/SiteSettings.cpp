@@ -37,23 +37,9 @@ std::string native(const fs::path& p) {
     return Base::Platform::current().nativePath(p);
 }
 
-template <class T>
-T decodeValue(Base::Unarchiver& archive, const char* key) {
-    T value;
-    T* decoded = archive.decodeObject(key, &value);
-    if (decoded != &value) value = *decoded;
-    return value;
-}
-
 // Replaces a variable whole or appends it; values of the site are plain, never self-referencing.
 void mergeOne(const EnvironmentVariable& variable, std::vector<EnvironmentVariable>& vars) {
     SettingsProtocol::replaceVariable(variable, vars);
-}
-
-bool isRegistered(PluginsManager& plugins, const fs::path& dir) {
-    for (int index = 0; index < plugins.numberOfPlugins(); ++index)
-        if (plugins.plugin(index, false)->path() == dir) return true;
-    return false;
 }
 
 } // namespace
@@ -95,20 +81,20 @@ void SiteSettings::load() {
 
     Base::Unarchiver archive(file);
     // Decoded aside first, so a damaged file leaves the store as it was.
-    auto unixNXInstallPath = decodeValue<EnvironmentVariable>(archive, UnixNXInstallPathKey);
-    auto winNXInstallPath = decodeValue<EnvironmentVariable>(archive, WindowsNXInstallPathKey);
-    auto unixTcEngInstallPath = decodeValue<EnvironmentVariable>(archive, UnixTcEngInstallPathKey);
-    auto winTcEngInstallPath = decodeValue<EnvironmentVariable>(archive, WindowsTcEngInstallPathKey);
-    auto unixPortalInstallPath = decodeValue<EnvironmentVariable>(archive, UnixPortalInstallPathKey);
-    auto winPortalInstallPath = decodeValue<EnvironmentVariable>(archive, WindowsPortalInstallPathKey);
-    auto browser = decodeValue<EnvironmentVariable>(archive, BrowserKey);
+    auto unixNXInstallPath = archive.decodeValue<EnvironmentVariable>(UnixNXInstallPathKey);
+    auto winNXInstallPath = archive.decodeValue<EnvironmentVariable>(WindowsNXInstallPathKey);
+    auto unixTcEngInstallPath = archive.decodeValue<EnvironmentVariable>(UnixTcEngInstallPathKey);
+    auto winTcEngInstallPath = archive.decodeValue<EnvironmentVariable>(WindowsTcEngInstallPathKey);
+    auto unixPortalInstallPath = archive.decodeValue<EnvironmentVariable>(UnixPortalInstallPathKey);
+    auto winPortalInstallPath = archive.decodeValue<EnvironmentVariable>(WindowsPortalInstallPathKey);
+    auto browser = archive.decodeValue<EnvironmentVariable>(BrowserKey);
     bool useWindowsRegistry = true;
     archive.decode(UseWindowsRegistryKey, useWindowsRegistry);
-    auto common = decodeValue<std::vector<EnvironmentVariable>>(archive, CommonVariablesKey);
-    auto unixList = decodeValue<std::vector<EnvironmentVariable>>(archive, UnixVariablesKey);
-    auto windows = decodeValue<std::vector<EnvironmentVariable>>(archive, WindowsVariablesKey);
-    auto unixPlotConfBase = decodeValue<EnvironmentVariable>(archive, UnixPlotConfBaseKey);
-    auto winPlotConfBase = decodeValue<EnvironmentVariable>(archive, WindowsPlotConfBaseKey);
+    auto common = archive.decodeValue<std::vector<EnvironmentVariable>>(CommonVariablesKey);
+    auto unixList = archive.decodeValue<std::vector<EnvironmentVariable>>(UnixVariablesKey);
+    auto windows = archive.decodeValue<std::vector<EnvironmentVariable>>(WindowsVariablesKey);
+    auto unixPlotConfBase = archive.decodeValue<EnvironmentVariable>(UnixPlotConfBaseKey);
+    auto winPlotConfBase = archive.decodeValue<EnvironmentVariable>(WindowsPlotConfBaseKey);
     std::string unixExternalPluginsLocation;
     archive.decode(UnixExternalPluginsLocationKey, unixExternalPluginsLocation);
     std::string winExternalPluginsLocation;
@@ -237,20 +223,11 @@ void SiteSettings::initializeExternalPlugins() {
     // Sorted by name: the same order on every file system.
     std::sort(entries.begin(), entries.end());
 
-    // A plugin that fails to load leaves the registry as it was, so a later
-    // SiteInformation() does not register the others twice.
-    PluginsManager& plugins = PluginsManagement();
-    std::vector<fs::path> added;
-    try {
-        for (const fs::path& entry : entries) {
-            const bool known = isRegistered(plugins, entry);
-            addExternalPlugin(entry);
-            if (!known) added.push_back(entry);
-        }
-    } catch (...) {
-        for (const fs::path& entry : added) plugins.removePlugin(entry);
-        throw;
-    }
+    // Each plugin is read once before any is registered: a damaged one throws
+    // with the registry as it was, so the next SiteInformation() does not
+    // register the others twice.
+    for (const fs::path& entry : entries) static_cast<void>(PluginSettings(entry));
+    for (const fs::path& entry : entries) addExternalPlugin(entry);
 }
 
 void SiteSettings::addExternalPlugin(const fs::path& dir) {

@@ -1,10 +1,10 @@
 #include "kym/Time.h"
 
+#include "base/Clock.h"
 #include "base/SmartAssert.h"
 #include "base/log/Logger.h"
 
 #include <array>
-#include <ctime>
 #include <limits>
 #include <stdexcept>
 
@@ -97,9 +97,7 @@ int normalise(std::uint8_t& field, int count, int modulus) {
 
 // Broken-down time of a runtime time value; any zone but Local counts as GMT.
 bool breakDown(Time::Int64 seconds, Time::TimeZone zone, std::tm& result) {
-    const std::time_t value = static_cast<std::time_t>(seconds);
-    tzset();
-    return (zone != Time::Local ? gmtime_r(&value, &result) : localtime_r(&value, &result)) != nullptr;
+    return zone != Time::Local ? Base::Clock::gmtTime(seconds, result) : Base::Clock::localTime(seconds, result);
 }
 
 std::string zeroFilled(long long value, std::size_t width) {
@@ -138,11 +136,11 @@ Time::Time(const std::string& text, const std::string& format, TimeZone zone) : 
 }
 
 Time Time::currentLocalTime() {
-    return Time(static_cast<Int64>(std::time(nullptr)), Local);
+    return Time(Base::Clock::now(), Local);
 }
 
 Time Time::currentGmtTime() {
-    return Time(static_cast<Int64>(std::time(nullptr)), Gmt);
+    return Time(Base::Clock::now(), Gmt);
 }
 
 std::string Time::currentDateInGMFormat() {
@@ -168,7 +166,6 @@ Time::Int64 Time::getTime() const {
     const long long yearSince1900 = static_cast<long long>(mYear) - 1900;
     if (yearSince1900 < std::numeric_limits<int>::min() || yearSince1900 > std::numeric_limits<int>::max())
         return -1;
-    tzset();
     std::tm fields{};
     fields.tm_year = static_cast<int>(yearSince1900);
     fields.tm_mon = mMonth - 1;
@@ -177,17 +174,17 @@ Time::Int64 Time::getTime() const {
     fields.tm_min = mMinute;
     fields.tm_sec = mSecond;
     fields.tm_isdst = -1;
-    if (mZone != Gmt) return static_cast<Int64>(std::mktime(&fields));
+    if (mZone != Gmt) return Base::Clock::fromLocalTime(fields);
 
     // GMT fields read as local wall-clock time once shifted by the standard offset;
     // the daylight hour that mktime then takes off is given back below.
-    fields.tm_sec -= static_cast<int>(::timezone);
-    const std::time_t result = std::mktime(&fields);
-    if (result == static_cast<std::time_t>(-1)) return -1;
+    fields.tm_sec -= static_cast<int>(Base::Clock::secondsWestOfGmt());
+    const Int64 result = Base::Clock::fromLocalTime(fields);
+    if (result == -1) return -1;
     std::tm local{};
-    if (!localtime_r(&result, &local)) return -1;
-    if (local.tm_isdst > 0 && ::daylight) return static_cast<Int64>(result) + 3600;
-    return static_cast<Int64>(result);
+    if (!Base::Clock::localTime(result, local)) return -1;
+    if (local.tm_isdst > 0 && Base::Clock::hasDaylightSavingRule()) return result + 3600;
+    return result;
 }
 
 void Time::toTime(TimeZone zone) {

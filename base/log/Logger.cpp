@@ -132,6 +132,10 @@ void enableLoggers(const std::string& commaSeparatedNames) {
     }
 }
 
+void configureFromEnvironment() {
+    applyEnvironment(state());
+}
+
 void setOutputFile(const std::string& path) {
     replaceOutput(state(), fileSink(path));
 }

@@ -35,6 +35,10 @@ Logger& verbose();
 
 // Switches on the loggers named in a comma-separated list ("kym.info,kym.verbose").
 void enableLoggers(const std::string& commaSeparatedNames);
+// Applies KYM_LOG_FILE (the output file; standard error when unset) and
+// KYM_LOG (the loggers to switch on); throws BaseException naming a file
+// that cannot be opened.
+void configureFromEnvironment();
 // Where switched-on loggers write: standard error, or the file given
 // (appended). Applies to every logger, also those created later.
 void setOutputFile(const std::string& path);

@@ -2,10 +2,12 @@
 #include "base/BaseException.h"
 #include "base/Coder.h"
 #include "base/FileManager.h"
+#include "base/Platform.h"
 #include "base/PropertyList.h"
 #include "base/Unarchiver.h"
 #include "support/TestSupport.h"
 
+#include <boost/algorithm/string/replace.hpp>
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -481,6 +483,20 @@ TEST(Archive, DamagedOrMissingFileIsReportedAsThePropertyListReaderDoes) {
     const std::string missingExpected = errorOf([&] { Base::FileManager::readFile(missing); });
     ASSERT_NE(missingExpected, "no exception");
     EXPECT_EQ(errorOf([&] { Base::Unarchiver unarchiver(missing); }), missingExpected);
+}
+
+TEST(Archive, MessagesNameTheFileAsTheConventionsWritePaths) {
+    TempDir dir;
+    const auto file = dir / "baseSettings.dat";
+    KymTest::writeFile(file, "<plist version=\"1.0\"><array/></plist>");
+    Base::Platform::setCurrent(Base::Platform::Windows);
+    Base::Archiver archiver("/x/w.dat");
+    const std::string writing = errorOf([&] { archiver.encode("$type", "x"); });
+    const std::string reading = errorOf([&] { Base::Unarchiver unarchiver(file); });
+    Base::Platform::resetCurrent();
+    EXPECT_EQ(writing, "Archive \\x\\w.dat: key '$type' is reserved for the archive itself");
+    EXPECT_EQ(reading, "Archive " + boost::algorithm::replace_all_copy(file.string(), "/", "\\") +
+                           ": the root holds an array, expected a dictionary");
 }
 
 TEST(Archive, WriteIntoAMissingDirectoryFailsNamingTheFileAndCreatesNothing) {

@@ -1,9 +1,11 @@
 #include "base/Task.h"
 
 #include "base/BaseException.h"
+#include "base/Platform.h"
 #include "base/SystemCalls.h"
 #include "support/TestSupport.h"
 
+#include <boost/algorithm/string/replace.hpp>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -257,6 +259,21 @@ TEST(Task, UnusableWorkingDirectoryIsReportedWithTheDirectory) {
         EXPECT_TRUE(hasNoChildren());
     }
     EXPECT_FALSE(fs::exists(dir / "cmdline"));
+}
+
+TEST(Task, FailureNamesProgramAndDirectoryAsTheConventionsWritePaths) {
+    TempDir dir;
+    fs::path probe = writeProbe(dir);
+    Base::Platform::setCurrent(Base::Platform::Windows);
+    Base::Task task;
+    task.setLaunchPath(probe);
+    task.setCurrentDirectoryPath(dir / "missing");
+    const std::string failure = launchFailure(task);
+    Base::Platform::resetCurrent();
+    auto windows = [](const fs::path& p) { return boost::algorithm::replace_all_copy(p.string(), "/", "\\"); };
+    EXPECT_EQ("Cannot start program " + windows(probe) + " in directory " + windows(dir / "missing") +
+                  ": No such file or directory",
+              failure);
 }
 
 TEST(Task, InjectedExecFaultFailsTheLaunchLikeAFailedExec) {

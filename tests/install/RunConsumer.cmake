@@ -57,6 +57,11 @@ if(static_libraries)
   message(FATAL_ERROR "The installation holds static libraries: ${static_libraries}")
 endif()
 
+# The installed command finds the installed library by its own run path.
+if(MODE STREQUAL "cmake" AND EXISTS ${prefix}/bin/kym)
+  run("Running the installed kym command" ${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH ${prefix}/bin/kym --help)
+endif()
+
 set(warnings -Wall -Wextra -Werror)
 separate_arguments(extra_flags UNIX_COMMAND "${EXTRA_FLAGS}")
 

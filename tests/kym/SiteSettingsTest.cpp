@@ -297,3 +297,15 @@ TEST(SiteExternalPlugins, DamagedPluginLeavesTheRegistryAsItWas) {
     SiteInformation();
     EXPECT_EQ(pluginNames(), (std::vector<std::string>{"internal", "a", "b"}));
 }
+
+TEST(SiteExternalPlugins, DamagedPluginAddsNoneAlsoWhenTheOthersAreRegisteredAlready) {
+    Site site;
+    SiteFile file;
+    file.unixExternalPluginsLocation = (site.root() / "external").string();
+    site.writeSiteSettings(file);
+    site.writePlugin(site.root() / "external" / "a", "Site-wide");
+    SiteInformation();
+    writeFile(site.root() / "external" / "b" / "settings.dat", "damaged");
+    EXPECT_THROW(SiteSettings(), Base::BaseException);
+    EXPECT_EQ(pluginNames(), (std::vector<std::string>{"a"}));
+}
