@@ -7,12 +7,17 @@
 #include <boost/regex.hpp>
 
 #include <algorithm>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
 
 namespace Kym {
 
 namespace {
 
-std::vector<EnvironmentVariable>::iterator findByName(std::vector<EnvironmentVariable>& list, const std::string& name) {
+using Variables = std::vector<EnvironmentVariable>;
+
+Variables::iterator findByName(Variables& list, const std::string& name) {
     return std::find_if(list.begin(), list.end(),
                         [&name](const EnvironmentVariable& candidate) { return candidate.name == name; });
 }
@@ -21,6 +26,91 @@ std::vector<EnvironmentVariable>::iterator findByName(std::vector<EnvironmentVar
 boost::regex selfReferencePattern(const std::string& name) {
     return boost::regex("\\$" + name + "|\\$\\{" + name + "\\}", boost::regex::perl);
 }
+
+// Letters, digits and "_" only: such a name is the same as a pattern and as plain text.
+bool isPlainName(const std::string& name) {
+    if (name.empty()) return false;
+    for (char c : name)
+        if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_')) return false;
+    return true;
+}
+
+// What the pattern substitution gives for a plain name, without compiling a
+// pattern: every $NAME and ${NAME}, left to right and not overlapping, becomes
+// the current value.
+std::string substituteSelfReferences(const std::string& value, const std::string& name, const std::string& current) {
+    std::string result;
+    std::string::size_type position = 0;
+    for (std::string::size_type dollar; (dollar = value.find('$', position)) != std::string::npos;) {
+        std::string::size_type length = 0;
+        if (value.compare(dollar + 1, name.size(), name) == 0) {
+            length = 1 + name.size();
+        } else if (dollar + 1 < value.size() && value[dollar + 1] == '{' &&
+                   value.compare(dollar + 2, name.size(), name) == 0 &&
+                   dollar + 2 + name.size() < value.size() && value[dollar + 2 + name.size()] == '}') {
+            length = 3 + name.size();
+        }
+        if (length == 0) {
+            result.append(value, position, dollar + 1 - position);
+            position = dollar + 1;
+            continue;
+        }
+        result.append(value, position, dollar - position);
+        result += current;
+        position = dollar + length;
+    }
+    result.append(value, position, std::string::npos);
+    return result;
+}
+
+// For each name of a layer, the index of the first element of that name in
+// the target list, or Absent; the views point into the layer's own records.
+using NameIndex = std::unordered_map<std::string_view, std::size_t>;
+constexpr std::size_t Absent = static_cast<std::size_t>(-1);
+
+// A found element's value stands for the self-references; backslashes are
+// doubled for the pattern substitution, where a backslash escapes.
+void mergeInto(const EnvironmentVariable& variable, Variables& list, NameIndex* index) {
+    BASE_LOG(Base::log::verbose()) << "  merging " << variable.name;
+    Variables::iterator existing;
+    if (index) {
+        const std::size_t position = index->at(variable.name);
+        existing = position == Absent ? list.end() : list.begin() + static_cast<std::ptrdiff_t>(position);
+    } else {
+        existing = findByName(list, variable.name);
+    }
+    const std::string* current = existing == list.end() ? nullptr : &existing->value;
+    if (current) {
+        BASE_LOG(Base::log::verbose()) << "    current value: " << boost::algorithm::replace_all_copy(*current, "\\", "\\\\");
+    }
+
+    std::string newValue;
+    if (isPlainName(variable.name) && variable.value.find('$') == std::string::npos) {
+        newValue = variable.value;
+    } else if (isPlainName(variable.name) && (!current || current->find('$') == std::string::npos)) {
+        newValue = substituteSelfReferences(variable.value, variable.name, current ? *current : std::string());
+    } else {
+        // A "$" in the current value would be a format sequence of the replacement.
+        const std::string escaped = current ? boost::algorithm::replace_all_copy(*current, "\\", "\\\\") : std::string();
+        newValue = boost::regex_replace(variable.value, selfReferencePattern(variable.name), escaped);
+    }
+    BASE_LOG(Base::log::verbose()) << "    value = " << newValue;
+    if (existing == list.end()) {
+        EnvironmentVariable added(variable.name, newValue);
+        added.comment = variable.comment;
+        added.type = variable.type;
+        list.push_back(std::move(added));
+        if (index) index->at(variable.name) = list.size() - 1;
+    } else {
+        BASE_LOG(Base::log::verbose()) << "    replacing existing value";
+        existing->comment = variable.comment;
+        existing->value = std::move(newValue);
+        BASE_LOG(Base::log::verbose()) << "    new value: " << existing->value;
+    }
+}
+
+// Below this many variables a layer searches the list instead of indexing it.
+constexpr std::size_t IndexedMergeThreshold = 8;
 
 } // namespace
 
@@ -80,33 +170,32 @@ void SettingsProtocol::setVariableListsEdited(bool edited) {
 }
 
 void SettingsProtocol::mergeUserEnvVariables(std::vector<EnvironmentVariable>& list) const {
-    for (const EnvironmentVariable& variable : mCommonVariables) mergeVariable(variable, list);
     const auto& platformVariables = Base::Platform::current().isWindows() ? mWinVariables : mUnixVariables;
-    for (const EnvironmentVariable& variable : platformVariables) mergeVariable(variable, list);
+    const std::size_t count = mCommonVariables.size() + platformVariables.size();
+    if (count < IndexedMergeThreshold) {
+        for (const EnvironmentVariable& variable : mCommonVariables) mergeInto(variable, list, nullptr);
+        for (const EnvironmentVariable& variable : platformVariables) mergeInto(variable, list, nullptr);
+        return;
+    }
+    // One pass over the list finds every name of the layer; the list's own names are not copied.
+    NameIndex index;
+    index.reserve(count);
+    for (const EnvironmentVariable& variable : mCommonVariables) index.emplace(variable.name, Absent);
+    for (const EnvironmentVariable& variable : platformVariables) index.emplace(variable.name, Absent);
+    std::size_t unresolved = index.size();
+    for (std::size_t position = 0; position < list.size() && unresolved > 0; ++position) {
+        const auto found = index.find(list[position].name);
+        if (found != index.end() && found->second == Absent) {
+            found->second = position;
+            --unresolved;
+        }
+    }
+    for (const EnvironmentVariable& variable : mCommonVariables) mergeInto(variable, list, &index);
+    for (const EnvironmentVariable& variable : platformVariables) mergeInto(variable, list, &index);
 }
 
 void SettingsProtocol::mergeVariable(const EnvironmentVariable& variable, std::vector<EnvironmentVariable>& list) {
-    BASE_LOG(Base::log::verbose()) << "  merging " << variable.name;
-    auto existing = findByName(list, variable.name);
-    // The current value becomes the replacement text of a substitution, where a backslash escapes.
-    std::string currentValue;
-    if (existing != list.end()) {
-        currentValue = boost::algorithm::replace_all_copy(existing->value, "\\", "\\\\");
-        BASE_LOG(Base::log::verbose()) << "    current value: " << currentValue;
-    }
-    const std::string newValue = boost::regex_replace(variable.value, selfReferencePattern(variable.name), currentValue);
-    BASE_LOG(Base::log::verbose()) << "    value = " << newValue;
-    if (existing == list.end()) {
-        EnvironmentVariable added(variable.name, newValue);
-        added.comment = variable.comment;
-        added.type = variable.type;
-        list.push_back(added);
-    } else {
-        BASE_LOG(Base::log::verbose()) << "    replacing existing value";
-        existing->comment = variable.comment;
-        existing->value = newValue;
-        BASE_LOG(Base::log::verbose()) << "    new value: " << existing->value;
-    }
+    mergeInto(variable, list, nullptr);
 }
 
 void SettingsProtocol::replaceVariable(const EnvironmentVariable& variable, std::vector<EnvironmentVariable>& list) {

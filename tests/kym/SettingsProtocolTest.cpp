@@ -3,10 +3,14 @@
 #include "base/Platform.h"
 #include "support/TestSupport.h"
 
+#include <boost/algorithm/string/replace.hpp>
 #include <boost/regex.hpp>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
+#include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -155,4 +159,95 @@ TEST(SettingsProtocol, CopiesOwnTheirListsAndKeepTheEditedMarks) {
     EXPECT_TRUE(assigned.variableListsEdited());
     assigned.setVariableListsEdited(false);
     EXPECT_FALSE(assigned.winVariables()->isEdited());
+}
+
+namespace {
+
+// The merge rule exactly as stated: the first element of that name, its value
+// with backslashes doubled as the replacement of \$NAME|\$\{NAME\}.
+void referenceMerge(const EnvironmentVariable& later, Variables& list) {
+    auto existing = std::find_if(list.begin(), list.end(), [&](const EnvironmentVariable& v) { return v.name == later.name; });
+    std::string current;
+    if (existing != list.end()) {
+        current = existing->value;
+        std::string::size_type at = 0;
+        while ((at = current.find('\\', at)) != std::string::npos) {
+            current.insert(at, "\\");
+            at += 2;
+        }
+    }
+    const boost::regex pattern("\\$" + later.name + "|\\$\\{" + later.name + "\\}", boost::regex::perl);
+    const std::string value = boost::regex_replace(later.value, pattern, current);
+    if (existing == list.end()) {
+        list.push_back(variable(later.name, value, later.comment, later.type));
+    } else {
+        existing->value = value;
+        existing->comment = later.comment;
+    }
+}
+
+// The entries after the merge, or the exception's type.
+template <class Merge>
+Lines outcome(Merge merge, Variables list) {
+    try {
+        merge(list);
+    } catch (const boost::regex_error&) {
+        return {"(regex_error)"};
+    }
+    return entries(list);
+}
+
+} // namespace
+
+TEST(LayeredMerge, GivesWhatThePatternSubstitutionGivesForEveryKindOfNameAndValue) {
+    const std::vector<std::string> names = {"P", "PATH", "A1_b", "X86", "A.B", "A|B", "A+", "A("};
+    const std::vector<std::string> fragments = {"$NAME", "${NAME}", "$NAMEX", "${NAME", "$$", "\\", "$&", "$1",
+                                                "${", "}", "x", "$", "{NAME}", "$OTHER", ";"};
+    const std::vector<std::optional<std::string>> currents = {
+        std::nullopt, std::string(), std::string("C:\\a\\"), std::string("$&"), std::string("$1\\$2"),
+        std::string("${NAME}"), std::string("a$"), std::string("\\\\srv"), std::string("plain")};
+
+    std::vector<std::string> shapes;
+    for (const auto& first : fragments) {
+        shapes.push_back(first);
+        for (const auto& second : fragments) shapes.push_back(first + second);
+    }
+    std::mt19937 random(20240611);
+    for (int i = 0; i < 300; ++i) {
+        std::string shape;
+        for (int length = 3 + static_cast<int>(random() % 4); length > 0; --length) shape += fragments[random() % fragments.size()];
+        shapes.push_back(shape);
+    }
+
+    int compared = 0;
+    for (const auto& name : names) {
+        for (const auto& current : currents) {
+            Variables list{variable("OTHER", "o")};
+            if (current) list.push_back(variable(name, boost::replace_all_copy(*current, "NAME", name)));
+            for (const auto& shape : shapes) {
+                const EnvironmentVariable later = variable(name, boost::replace_all_copy(shape, "NAME", name), "c");
+                ASSERT_EQ(outcome([&](Variables& l) { referenceMerge(later, l); }, list),
+                          outcome([&](Variables& l) { SettingsProtocol::mergeVariable(later, l); }, list))
+                    << "name " << name << ", value " << later.value << ", current " << (current ? *current : "(none)");
+                ++compared;
+            }
+        }
+    }
+    EXPECT_EQ(static_cast<int>(names.size() * currents.size() * shapes.size()), compared);
+}
+
+TEST(LayeredMerge, ALargeLayerMergesLikeOneVariableAfterTheOther) {
+    Base::Platform::setCurrent(Base::Platform::Posix);
+    Layer layer;
+    Variables expected{variable("A", "first"), variable("B", "b\\"), variable("A", "second"), variable("D", "$D&")};
+    for (int i = 0; i < 40; ++i) {
+        const std::string name = i % 3 == 0 ? "A" : i % 3 == 1 ? "N" + std::to_string(i / 2) : "D";
+        const std::string value = i % 2 ? "${" + name + "};" + std::to_string(i) : "$" + name + "\\$B" + std::to_string(i);
+        layer.add(i % 4 ? layer.commonVariables() : layer.unixVariables(), name, value);
+    }
+    Variables actual = expected;
+    for (const auto& v : layer.commonVariableList()) referenceMerge(v, expected);
+    for (const auto& v : layer.unixVariableList()) referenceMerge(v, expected);
+    layer.mergeUserEnvVariables(actual);
+    EXPECT_EQ(entries(expected), entries(actual));
 }

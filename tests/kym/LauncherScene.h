@@ -1,0 +1,127 @@
+// A scene for the launcher's tests: the whole process environment replaced
+// by a known one, a real site (installation, departments directory, stores'
+// files) and departments made on disk, under the launch conventions asked for.
+#pragma once
+
+#include "support/Site.h"
+
+#include "kym/Configuration.h"
+#include "kym/Launcher.h"
+
+#include "base/Platform.h"
+
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+extern char** environ;
+
+namespace LauncherTest {
+
+namespace fs = boost::filesystem;
+using Environment = Kym::Launcher::EnvironmentMap;
+using Lines = std::vector<std::string>;
+
+// Replaces the whole process environment and puts the old one back when it goes.
+class ProcessEnvironment {
+public:
+    explicit ProcessEnvironment(const std::vector<std::pair<std::string, std::string>>& variables) {
+        for (char** entry = environ; entry && *entry; ++entry) mSaved.emplace_back(*entry);
+        ::clearenv();
+        for (const auto& [name, value] : variables) ::setenv(name.c_str(), value.c_str(), 1);
+    }
+    ~ProcessEnvironment() {
+        ::clearenv();
+        for (const std::string& entry : mSaved) {
+            const auto equals = entry.find('=');
+            if (equals != std::string::npos && equals > 0)
+                ::setenv(entry.substr(0, equals).c_str(), entry.substr(equals + 1).c_str(), 1);
+        }
+    }
+    ProcessEnvironment(const ProcessEnvironment&) = delete;
+    ProcessEnvironment& operator=(const ProcessEnvironment&) = delete;
+
+private:
+    std::vector<std::string> mSaved;
+};
+
+inline Kym::EnvironmentVariable var(const std::string& name, const std::string& value) {
+    return Kym::EnvironmentVariable(name, value);
+}
+
+// The site's CAD install path and every other setting empty; the registry is not asked.
+inline KymTest::SiteFile siteFile(const std::string& installPath,
+                                  const std::vector<Kym::EnvironmentVariable>& commonVariables = {}) {
+    KymTest::SiteFile file;
+    file.useWindowsRegistry = false;
+    file.winNXInstallPath.value = installPath;
+    file.unixNXInstallPath.value = installPath;
+    file.commonVariables = commonVariables;
+    return file;
+}
+
+class Scene {
+public:
+    // The process environment holds exactly these variables, and what the site adds (KYM_BASE_DIR, XDG_CONFIG_HOME).
+    Scene(Base::Platform::Kind conventions, const std::vector<std::pair<std::string, std::string>>& process = {})
+        : mEnvironment(process) {
+        Base::Platform::setCurrent(conventions);
+        site.writeReleaseNames();
+    }
+
+    // A department of the current release on disk, read back as the launcher gets it.
+    Kym::Configuration department(const std::string& name, const KymTest::DepartmentProperties& properties = {},
+                                  const KymTest::DepartmentSettings& settings = {}) const {
+        return Kym::Configuration(site.addUpdatedDepartment(name, properties, settings), true);
+    }
+
+    // Text of a path as the launch conventions write it.
+    static std::string native(const fs::path& p) {
+        return Base::Platform::current().nativePath(p);
+    }
+
+private:
+    ProcessEnvironment mEnvironment;
+
+public:
+    KymTest::Site site;
+};
+
+inline KymTest::DepartmentSettings settingsWith(const std::vector<Kym::EnvironmentVariable>& commonVariables) {
+    KymTest::DepartmentSettings settings;
+    settings.layer.commonVariables = commonVariables;
+    return settings;
+}
+
+inline KymTest::DepartmentProperties propertiesWith(const std::string& commonDepartment, bool doFileCleanup = false) {
+    KymTest::DepartmentProperties properties;
+    properties.commonDepartment = commonDepartment;
+    properties.doFileCleanup = doFileCleanup;
+    return properties;
+}
+
+inline Kym::ConfigApplication application(const std::string& program, const std::string& arguments = "",
+                                          const std::vector<Kym::EnvironmentVariable>& commonVariables = {}) {
+    Kym::ConfigApplication app = KymTest::makeApplication("app", program);
+    app.arguments = arguments;
+    app.addUGLibsToPath = false;
+    for (const auto& variable : commonVariables) {
+        Kym::EnvVariableListSource* list = app.commonVariables();
+        list->insertRow(-1);
+        const int row = list->numberOfRowsInList() - 1;
+        list->setValueForListColumnRow("Name", row, variable.name);
+        list->setValueForListColumnRow("Value", row, variable.value);
+    }
+    return app;
+}
+
+inline Environment build(const Kym::Configuration& config, const Kym::Configuration* common,
+                         const Kym::ConfigApplication& app, Kym::Launcher::LayerObserver* observer = nullptr) {
+    Environment env;
+    Kym::Launcher().buildEnvVarMap(config, common, app, env, observer);
+    return env;
+}
+
+} // namespace LauncherTest
