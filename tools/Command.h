@@ -1,0 +1,79 @@
+// The frame every kym command runs in: the global options, where output
+// goes, and the registry that ties a CLI11 subcommand to the code it runs.
+#pragma once
+
+#include "Output.h"
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <iostream>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace KymTool {
+
+struct Context {
+    bool json = false;
+    int verbosity = 0;
+    std::string platform;
+    // What follows "--" on the command line of `kym run`.
+    std::vector<std::string> programCommand;
+    std::ostream* out = &std::cout;
+    std::ostream* err = &std::cerr;
+
+    bool inputIsTerminal() const;
+    bool errorIsTerminal() const;
+
+    // Prints the value as JSON or, without --json, runs the text printer.
+    void print(const Json& value, const std::function<void(std::ostream&)>& text) const;
+    // A line of progress on standard error, shown only on a terminal.
+    void progress(const std::string& text) const;
+};
+
+// The command line itself is wrong: reported with the usage and status 2.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// A command's result; doctor answers 1 when it found problems.
+using Action = std::function<int()>;
+
+class Commands {
+public:
+    Commands(CLI::App& root, Context& context) : mRoot(root), mContext(context) {}
+
+    CLI::App& root() { return mRoot; }
+    Context& context() { return mContext; }
+
+    // A command that only groups others, such as `kym dept`.
+    CLI::App* group(CLI::App* parent, const std::string& name, const std::string& alias,
+                    const std::string& description, const std::string& examples);
+    // A command that runs the action once the command line is parsed.
+    CLI::App* command(CLI::App* parent, const std::string& name, const std::string& description,
+                      const std::string& examples, Action action);
+
+    // The action of the deepest command chosen, or null.
+    const Action* chosen(CLI::App*& leaf) const;
+
+private:
+    CLI::App& mRoot;
+    Context& mContext;
+    std::map<const CLI::App*, Action> mActions;
+};
+
+void addLauncherCommands(Commands& commands);
+void addDepartmentCommands(Commands& commands);
+void addVariableCommands(Commands& commands);
+void addApplicationCommands(Commands& commands);
+void addPluginCommands(Commands& commands);
+void addSiteCommands(Commands& commands);
+void addDoctorCommand(Commands& commands);
+
+// Text of a yes/no setting: on/off, true/false, yes/no, 1/0, any case.
+bool parseSwitch(const std::string& text, const std::string& what);
+
+} // namespace KymTool

@@ -1,0 +1,239 @@
+// kym plugin list|create|set-type|disable|enable.
+#include "Command.h"
+#include "SiteAccess.h"
+
+#include "kym/ConfigurationSettings.h"
+#include "kym/PluginsManager.h"
+#include "kym/SiteSettings.h"
+#include "kym/SystemInfo.h"
+
+#include "base/FileManager.h"
+#include "base/Platform.h"
+
+#include <boost/algorithm/string/join.hpp>
+#include <boost/filesystem/operations.hpp>
+#include <algorithm>
+#include <memory>
+
+namespace KymTool {
+
+namespace {
+
+int listPlugins(Context& context) {
+    prepareStores();
+    Kym::PluginsManager& plugins = Kym::PluginsManagement();
+    Json list = Json::array();
+    Table table({"NAME", "TYPE", "KIND", "PATH"});
+    for (int index = 0; index < plugins.numberOfPlugins(); ++index) {
+        Kym::PluginSettings& plugin = *plugins.plugin(index, false);
+        const bool internal = plugins.isInternalPlugin(plugin);
+        Json entry = Json::object();
+        entry.set("name", plugin.name());
+        entry.set("type", plugin.pluginType());
+        entry.set("internal", internal);
+        entry.set("path", native(plugin.path()));
+        list.push(entry);
+        table.add({plugin.name(), plugin.pluginType(), internal ? "internal" : "external", native(plugin.path())});
+    }
+    Json value = Json::object();
+    value.set("plugins", list);
+    context.print(value, [&](std::ostream& out) {
+        if (table.empty())
+            out << "The site has no plugins (create one with 'kym plugin create NAME').\n";
+        else
+            table.write(out);
+    });
+    return 0;
+}
+
+fs::path externalPluginsLocation() {
+    const Kym::SiteSettings& site = Kym::SiteInformation();
+    const bool windows = Base::Platform::current().isWindows();
+    const std::string location = windows ? site.winExternalPluginsLocation() : site.unixExternalPluginsLocation();
+    const std::string key = windows ? "windows-external-plugins" : "unix-external-plugins";
+    if (location.empty())
+        throw std::runtime_error("The site names no external plugins location for " +
+                                 Base::Platform::current().name() + " clients: set one with 'kym site set " + key +
+                                 " DIRECTORY'.");
+    boost::system::error_code error;
+    if (!fs::is_directory(location, error))
+        throw std::runtime_error("The external plugins location " + location + " is not a directory.");
+    return location;
+}
+
+int createPlugin(Context& context, const std::string& name, const std::string& type, bool external) {
+    const bool blank = std::any_of(name.begin(), name.end(), [](unsigned char c) { return std::isspace(c); });
+    if (name.empty() || name == "." || name == ".." || blank || name.find('/') != std::string::npos ||
+        name.find('\\') != std::string::npos)
+        throw std::runtime_error("Invalid plugin name '" + name + "': a plugin is a directory, named without blanks "
+                                 "and without '/' or '\\'.");
+    prepareStores();
+    const std::string pluginType = type.empty() ? Kym::PluginSettings::SiteWideType : type;
+    checkPluginType(pluginType);
+    const fs::path parent = external ? externalPluginsLocation() : Kym::SystemInfo::installPath() / "plugins";
+    const fs::path directory = parent / name;
+    boost::system::error_code error;
+    if (fs::exists(directory, error))
+        throw std::runtime_error("Plugin directory " + native(directory) + " already exists.");
+    Kym::PluginsManager& plugins = Kym::PluginsManagement();
+    for (int index = 0; index < plugins.numberOfPlugins(); ++index)
+        if (plugins.plugin(index, false)->name() == name)
+            throw std::runtime_error("A plugin named '" + name + "' already exists: " +
+                                     native(plugins.plugin(index, false)->path()) + ".");
+
+    if (!fs::exists(parent, error)) {
+        fs::create_directory(parent);
+        Base::FileManager::setPermissions(parent, 0775);
+    }
+    fs::create_directory(directory);
+    try {
+        Base::FileManager::setPermissions(directory, 0775);
+        plugins.addPlugin(directory);
+        Kym::PluginSettings& plugin = *plugins.plugin(plugins.numberOfPlugins() - 1, false);
+        plugin.setPluginType(pluginType);
+        plugin.setNeedsSaving(true);
+        plugin.save();
+    } catch (...) {
+        fs::remove_all(directory, error);
+        throw;
+    }
+    Json value = Json::object();
+    value.set("name", name);
+    value.set("type", pluginType);
+    value.set("internal", !external);
+    value.set("path", native(directory));
+    context.print(value, [&](std::ostream& out) {
+        out << "Created " << (external ? "external" : "internal") << " plugin " << name << " (" << pluginType
+            << ") in " << native(directory) << ".\n";
+    });
+    return 0;
+}
+
+int setPluginType(Context& context, const std::string& name, const std::string& type) {
+    Kym::PluginSettings& plugin = findPlugin(name);
+    checkPluginType(type);
+    plugin.setPluginType(type);
+    plugin.setNeedsSaving(true);
+    plugin.save();
+    Json value = Json::object();
+    value.set("name", name);
+    value.set("type", type);
+    value.set("file", native(plugin.dataFile()));
+    context.print(value, [&](std::ostream& out) { out << "Plugin " << name << " is now of type " << type << ".\n"; });
+    return 0;
+}
+
+std::string disableCell(Kym::DisablePluginSource& source, const std::string& column, int row) {
+    return boost::any_cast<std::string>(source.valueForListColumnRow(column, row));
+}
+
+int pluginRow(Kym::DisablePluginSource& source, const std::string& name) {
+    for (int row = 0; row < source.numberOfRowsInList(); ++row)
+        if (disableCell(source, "Name", row) == name) return row;
+    findPlugin(name);  // says which plugins there are
+    throw std::runtime_error("No plugin named '" + name + "'.");
+}
+
+int switchPlugin(Context& context, const std::string& departmentName, const std::string& name, bool disable) {
+    std::unique_ptr<Kym::Configuration> department = loadDepartment(departmentName);
+    requireUpdated(*department);
+    Kym::ConfigurationSettings& settings = *department->settings();
+    Kym::DisablePluginSource& source = *settings.disablePlugins();
+    const int row = pluginRow(source, name);
+    const bool wasDisabled = disableCell(source, "Disabled", row) == "True";
+    std::vector<std::string> forgotten;
+    if (disable && !wasDisabled) {
+        source.setValueForListColumnRow("Disabled", row, std::string("True"));
+    } else if (!disable && wasDisabled) {
+        const std::vector<std::string> before = settings.disabledPluginList();
+        source.setValueForListColumnRow("Disabled", row, std::string("False"));
+        // The table enables every plugin listed after this one too; they are disabled again.
+        auto at = std::find(before.begin(), before.end(), name);
+        for (auto later = at + 1; later < before.end(); ++later) {
+            int laterRow = -1;
+            for (int candidate = 0; candidate < source.numberOfRowsInList(); ++candidate)
+                if (disableCell(source, "Name", candidate) == *later) laterRow = candidate;
+            if (laterRow < 0)
+                forgotten.push_back(*later);
+            else if (disableCell(source, "Disabled", laterRow) != "True")
+                source.setValueForListColumnRow("Disabled", laterRow, std::string("True"));
+        }
+    }
+    const bool changed = disable != wasDisabled;
+    if (changed) department->save();
+
+    Json value = Json::object();
+    value.set("department", departmentName);
+    value.set("plugin", name);
+    value.set("disabled", disable);
+    value.set("changed", changed);
+    value.set("disabledPlugins", Json::strings(settings.disabledPluginList()));
+    context.print(value, [&](std::ostream& out) {
+        if (!changed)
+            out << "Plugin " << name << " is already " << (disable ? "disabled" : "enabled") << " in department "
+                << departmentName << ".\n";
+        else
+            out << (disable ? "Disabled" : "Enabled") << " plugin " << name << " in department " << departmentName
+                << ".\n";
+        if (!forgotten.empty())
+            out << "No longer listed as disabled, since no such plugin exists: " << boost::algorithm::join(forgotten, ", ")
+                << ".\n";
+    });
+    return 0;
+}
+
+} // namespace
+
+void addPluginCommands(Commands& commands) {
+    Context& context = commands.context();
+    CLI::App* plugin = commands.group(
+        &commands.root(), "plugin", "",
+        "Manage plugins. Plugins add variables and applications to the departments of their type (Site-wide: to all). Internal "
+        "plugins live in the installation's plugins directory, external ones in the site's external plugins "
+        "location. Their variables and applications are edited with 'kym var ... plugin:NAME' and "
+        "'kym app ... plugin:NAME'.",
+        "  kym plugin create cam --type Production\n  kym plugin create tools --external\n"
+        "  kym plugin disable Design cam\n  kym plugin list\n");
+
+    commands.command(plugin, "list", "List the plugins: name, type, internal or external, directory.",
+                     "  kym plugin list\n", [&context] { return listPlugins(context); });
+
+    struct CreateOptions {
+        std::string name;
+        std::string type;
+        bool external = false;
+    };
+    auto create = std::make_shared<CreateOptions>();
+    CLI::App* createCommand = commands.command(
+        plugin, "create",
+        "Create a plugin directory with its settings.dat, in the installation's plugins directory or, with "
+        "--external, in the site's external plugins location for the active launch conventions.",
+        "  kym plugin create cam --type Production\n  kym plugin create tools --external\n",
+        [&context, create] { return createPlugin(context, create->name, create->type, create->external); });
+    createCommand->add_option("NAME", create->name, "The plugin's directory name")->required();
+    createCommand->add_option("--type", create->type, "Site-wide (the default), Common, Development, Production or Test");
+    createCommand->add_flag("--external", create->external, "Create it in the site's external plugins location");
+
+    auto setType = std::make_shared<std::pair<std::string, std::string>>();
+    CLI::App* setTypeCommand = commands.command(
+        plugin, "set-type", "Change which departments a plugin applies to.", "  kym plugin set-type cam Development\n",
+        [&context, setType] { return setPluginType(context, setType->first, setType->second); });
+    setTypeCommand->add_option("NAME", setType->first, "The plugin")->required();
+    setTypeCommand->add_option("TYPE", setType->second, "Site-wide, Common, Development, Production or Test")->required();
+
+    auto disable = std::make_shared<std::pair<std::string, std::string>>();
+    CLI::App* disableCommand = commands.command(
+        plugin, "disable", "Switch a plugin off for one department.", "  kym plugin disable Design cam\n",
+        [&context, disable] { return switchPlugin(context, disable->first, disable->second, true); });
+    disableCommand->add_option("DEPT", disable->first, "The department")->required();
+    disableCommand->add_option("PLUGIN", disable->second, "The plugin")->required();
+
+    auto enable = std::make_shared<std::pair<std::string, std::string>>();
+    CLI::App* enableCommand = commands.command(
+        plugin, "enable", "Switch a plugin on again for one department.", "  kym plugin enable Design cam\n",
+        [&context, enable] { return switchPlugin(context, enable->first, enable->second, false); });
+    enableCommand->add_option("DEPT", enable->first, "The department")->required();
+    enableCommand->add_option("PLUGIN", enable->second, "The plugin")->required();
+}
+
+} // namespace KymTool

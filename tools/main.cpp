@@ -1,0 +1,238 @@
+// kym: starts CAD applications of a department with their assembled
+// environment, and edits every settings layer of a site.
+#include "Command.h"
+
+#include "kym/App.h"
+
+#include "base/Platform.h"
+#include "base/log/Logger.h"
+
+#include <boost/algorithm/string/case_conv.hpp>
+#include <algorithm>
+#include <iostream>
+#include <unistd.h>
+
+namespace KymTool {
+
+bool Context::inputIsTerminal() const {
+    return ::isatty(0) == 1;
+}
+
+bool Context::errorIsTerminal() const {
+    return ::isatty(2) == 1;
+}
+
+void Context::print(const Json& value, const std::function<void(std::ostream&)>& text) const {
+    if (json) {
+        value.write(*out);
+        *out << '\n';
+    } else {
+        text(*out);
+    }
+    out->flush();
+}
+
+void Context::progress(const std::string& text) const {
+    if (errorIsTerminal()) *err << text << std::endl;
+}
+
+namespace {
+
+// The first sentence is the summary in the list of commands; the rest and
+// the examples follow the options in the command's own help.
+CLI::App* addCommand(CLI::App* parent, const std::string& name, const std::string& description,
+                     const std::string& examples) {
+    const std::size_t end = description.find(". ");
+    const std::string summary = end == std::string::npos ? description : description.substr(0, end + 1);
+    std::string footer = end == std::string::npos ? std::string() : description.substr(end + 2) + "\n";
+    if (!examples.empty()) footer += (footer.empty() ? "" : "\n") + std::string("Examples:\n") + examples;
+    CLI::App* command = parent->add_subcommand(name, summary);
+    if (!footer.empty()) command->footer(footer);
+    return command;
+}
+
+} // namespace
+
+CLI::App* Commands::group(CLI::App* parent, const std::string& name, const std::string& alias,
+                          const std::string& description, const std::string& examples) {
+    CLI::App* group = addCommand(parent, name, description, examples);
+    if (!alias.empty()) group->alias(alias);
+    group->require_subcommand(1);
+    return group;
+}
+
+CLI::App* Commands::command(CLI::App* parent, const std::string& name, const std::string& description,
+                            const std::string& examples, Action action) {
+    CLI::App* command = addCommand(parent, name, description, examples);
+    mActions[command] = std::move(action);
+    return command;
+}
+
+const Action* Commands::chosen(CLI::App*& leaf) const {
+    leaf = &mRoot;
+    while (!leaf->get_subcommands().empty()) leaf = leaf->get_subcommands().front();
+    auto found = mActions.find(leaf);
+    return found == mActions.end() ? nullptr : &found->second;
+}
+
+bool parseSwitch(const std::string& text, const std::string& what) {
+    const std::string lower = boost::algorithm::to_lower_copy(text);
+    if (lower == "on" || lower == "true" || lower == "yes" || lower == "1") return true;
+    if (lower == "off" || lower == "false" || lower == "no" || lower == "0") return false;
+    throw UsageError("Invalid value '" + text + "' for " + what + ": give on or off.");
+}
+
+namespace {
+
+const char* const Overview =
+    "kym starts the CAD applications of a department with the environment that the site, base, plugin, "
+    "common department, department and application settings make together, and edits each of these layers.";
+
+const char* const Examples =
+    "Launching (engineers):\n"
+    "  kym departments                  the departments of the site\n"
+    "  kym apps Design                  what department Design offers to start\n"
+    "  kym env Design nx --explain      the environment of application nx, and which layer set what\n"
+    "  kym launch Design nx             start it (DEPT may be left out once named)\n"
+    "  kym run Design -- xterm          start any program with the department's environment\n"
+    "Configuring (administrators):\n"
+    "  kym dept create Design --description \"Design office\" --common Shared\n"
+    "  kym var set base UGII_LANG english\n"
+    "  kym app add dept:Design nx --program '${UGII_BASE_DIR}/ugii/ugraf' --category CAD\n"
+    "  kym site set unix-install-path /opt/nx\n"
+    "  kym doctor                       check the whole site\n"
+    "Every command takes --json (output for scripts), -v/-vv (log to standard error) and\n"
+    "--platform windows|posix (the launch conventions, default: this machine's). 'kym help COMMAND' explains one.\n"
+    "Exit status: 0 success, 1 failure (message on standard error), 2 wrong command line.";
+
+std::string commandPath(const CLI::App* app) {
+    std::string path;
+    for (const CLI::App* at = app; at; at = at->get_parent())
+        path = at->get_name() + (path.empty() ? "" : " " + path);
+    return path;
+}
+
+void printUsage(std::ostream& out, const CLI::App* app) {
+    out << CLI::Formatter().make_usage(app, commandPath(app));
+    out << "Run '" << (app->get_parent() ? "kym help " + commandPath(app).substr(4) : std::string("kym --help"))
+        << "' for more.\n";
+}
+
+std::string withoutTrailingNewlines(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    return text;
+}
+
+// `kym run` takes the program after "--" verbatim, options and all.
+std::vector<std::string> splitProgramCommand(std::vector<std::string>& arguments) {
+    std::size_t index = 0;
+    while (index < arguments.size()) {
+        const std::string& word = arguments[index];
+        if (word == "--platform") {
+            index += 2;
+        } else if (!word.empty() && word[0] == '-' && word != "--") {
+            ++index;
+        } else {
+            break;
+        }
+    }
+    if (index >= arguments.size() || arguments[index] != "run") return {};
+    auto separator = std::find(arguments.begin() + static_cast<long>(index), arguments.end(), "--");
+    if (separator == arguments.end()) return {};
+    std::vector<std::string> command(separator + 1, arguments.end());
+    arguments.erase(separator, arguments.end());
+    return command;
+}
+
+int runHelp(CLI::App& root, const std::vector<std::string>& words) {
+    CLI::App* app = &root;
+    for (const std::string& word : words) {
+        CLI::App* next = nullptr;
+        try {
+            next = app->get_subcommand(word);
+        } catch (const CLI::OptionNotFound&) {
+            throw UsageError("No command '" + commandPath(app).substr(3) + (app == &root ? "" : " ") + word +
+                             "'. 'kym --help' lists the commands.");
+        }
+        app = next;
+    }
+    std::cout << app->get_formatter()->make_help(app, commandPath(app), CLI::AppFormatMode::Normal);
+    return 0;
+}
+
+} // namespace
+
+} // namespace KymTool
+
+int main(int argc, char** argv) {
+    using namespace KymTool;
+    Context context;
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    context.programCommand = splitProgramCommand(arguments);
+
+    CLI::App root(Overview, "kym");
+    root.footer(Examples);
+    root.fallthrough();
+    // One command per call, so a department or application named like a command stays a value.
+    root.require_subcommand(0, 1);
+    root.set_help_flag("-h,--help", "Show this help, or the help of the command given");
+    root.add_flag("--json", context.json, "Print results as JSON for scripts");
+    root.add_flag("-v,--verbose", context.verbosity, "Log the main steps (kym.info) to standard error; -vv adds detail (kym.verbose)");
+    root.add_option("--platform", context.platform, "Launch conventions: windows or posix (default: this machine's, or KYM_PLATFORM)")
+        ->check(CLI::IsMember({"windows", "posix"}));
+
+    Commands commands(root, context);
+    addLauncherCommands(commands);
+    addDepartmentCommands(commands);
+    addVariableCommands(commands);
+    addApplicationCommands(commands);
+    addPluginCommands(commands);
+    addSiteCommands(commands);
+    addDoctorCommand(commands);
+    std::vector<std::string> helpWords;
+    CLI::App* help = commands.command(&root, "help", "Explain a command: kym help COMMAND [SUBCOMMAND]",
+                                      "  kym help\n  kym help env\n  kym help var set\n",
+                                      [&root, &helpWords] { return runHelp(root, helpWords); });
+    help->add_option("COMMAND", helpWords, "The command to explain");
+
+    CLI::App* leaf = &root;
+    try {
+        std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+        root.parse(reversed);
+    } catch (const CLI::CallForHelp&) {
+        commands.chosen(leaf);
+        std::cout << leaf->get_formatter()->make_help(leaf, commandPath(leaf), CLI::AppFormatMode::Normal);
+        return 0;
+    } catch (const CLI::ParseError& error) {
+        commands.chosen(leaf);
+        std::cerr << "kym: " << error.what() << "\n";
+        printUsage(std::cerr, leaf);
+        return 2;
+    }
+
+    const Action* action = commands.chosen(leaf);
+    if (!action) {
+        std::cerr << "kym: no command given.\n";
+        printUsage(std::cerr, &root);
+        return 2;
+    }
+    try {
+        if (leaf == help) return (*action)();
+        if (!context.platform.empty()) Base::Platform::setCurrent(Base::Platform::kindFromName(context.platform));
+        if (leaf->get_name() != "run" && !context.programCommand.empty())
+            throw UsageError("Only 'kym run' takes a program after '--'.");
+        if (context.verbosity >= 1) Base::log::enableLoggers("kym.info");
+        if (context.verbosity >= 2) Base::log::enableLoggers("kym.verbose");
+        Kym::App application("kym");
+        application.initialize(nullptr);
+        return (*action)();
+    } catch (const UsageError& error) {
+        std::cerr << "kym: " << error.what() << "\n";
+        printUsage(std::cerr, leaf);
+        return 2;
+    } catch (const std::exception& error) {
+        std::cout.flush();
+        std::cerr << "kym: " << withoutTrailingNewlines(error.what()) << std::endl;
+        return 1;
+    }
+}
