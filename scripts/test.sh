@@ -66,7 +66,7 @@ build_and_test() {
   echo "=== [$name] ctest"
   local log="$dir/ctest.log"
   local result="ok"
-  if ! ctest --test-dir "$dir" -j "$jobs" --output-on-failure --no-tests=error 2>&1 | tee "$log"; then
+  if ! ctest --test-dir "$dir" -j "$jobs" --output-on-failure --no-tests=error --repeat until-pass:2 2>&1 | tee "$log"; then
     result="FAILED"
     status=1
   fi

@@ -62,18 +62,18 @@ std::string flagsText(Kym::ApplicationListSource& applications, int row) {
     return boost::algorithm::join(flags, ",");
 }
 
-Layer openApplicationLayer(const std::string& spec) {
-    Layer layer = openLayer(spec);
+Layer openApplicationLayer(const std::string& layerName) {
+    Layer layer = openLayer(layerName);
     if (!layer.applications)
         throw UsageError("The site settings hold no applications: choose base, plugin:NAME or dept:NAME.");
     return layer;
 }
 
-int listApplications(Context& context, const std::string& spec) {
-    Layer layer = openApplicationLayer(spec);
+int listApplications(Context& context, const std::string& layerName) {
+    Layer layer = openApplicationLayer(layerName);
     Kym::ApplicationListSource& applications = *layer.applications;
     Json value = Json::object();
-    value.set("layer", spec);
+    value.set("layer", layerName);
     value.set("file", native(layer.file));
     Json list = Json::array();
     Table table({"APPID", "CATEGORY", "DESCRIPTION", "EXECUTABLE", "ARGUMENTS", "FLAGS"});
@@ -132,10 +132,10 @@ int addApplication(Context& context, const AddOptions& options) {
     return 0;
 }
 
-int setApplication(Context& context, const std::string& spec, const std::string& appId, const std::string& givenColumn,
+int setApplication(Context& context, const std::string& layerName, const std::string& appId, const std::string& givenColumn,
                    const std::string& text) {
     const std::string column = canonicalColumn(givenColumn);
-    Layer layer = openApplicationLayer(spec);
+    Layer layer = openApplicationLayer(layerName);
     Kym::ApplicationListSource& applications = *layer.applications;
     const int row = requireApplicationRow(layer, appId);
     std::string newValue = text;
@@ -149,7 +149,7 @@ int setApplication(Context& context, const std::string& spec, const std::string&
     layer.save();
 
     Json value = applicationJson(applications, row);
-    value.set("layer", spec);
+    value.set("layer", layerName);
     value.set("file", native(layer.file));
     context.print(value, [&](std::ostream& out) {
         out << "Set " << column << " of application " << appId << " in " << layer.description << " to '" << newValue
@@ -158,13 +158,13 @@ int setApplication(Context& context, const std::string& spec, const std::string&
     return 0;
 }
 
-int removeApplication(Context& context, const std::string& spec, const std::string& appId) {
-    Layer layer = openApplicationLayer(spec);
+int removeApplication(Context& context, const std::string& layerName, const std::string& appId) {
+    Layer layer = openApplicationLayer(layerName);
     const int row = requireApplicationRow(layer, appId);
     layer.applications->deleteRows({row});
     layer.save();
     Json value = Json::object();
-    value.set("layer", spec);
+    value.set("layer", layerName);
     value.set("removed", appId);
     value.set("file", native(layer.file));
     context.print(value, [&](std::ostream& out) {

@@ -418,8 +418,8 @@ void addDepartmentCommands(Commands& commands) {
     auto create = std::make_shared<CreateOptions>();
     CLI::App* createCommand = commands.command(
         dept, "create",
-        "Create a department with its version directory for the current release (unpacked from the installation's "
-        "data/install/versionFiles.tar.gz) and set its properties.",
+        "Create a department. It gets its version directory for the current release, unpacked from the "
+        "installation's data/install/versionFiles.tar.gz, and the properties given.",
         "  kym dept create Shared --type Common --description \"Shared settings\"\n"
         "  kym dept create Design --description \"Design office\" --common Shared --cleanup-days 7\n",
         [&context, create] { return createDepartment(context, *create); });
@@ -433,7 +433,7 @@ void addDepartmentCommands(Commands& commands) {
     auto renameNames = std::make_shared<std::pair<std::string, std::string>>();
     CLI::App* rename = commands.command(
         dept, "rename",
-        "Rename a department's directory; departments that name it as their common department follow.",
+        "Rename a department. Departments that name it as their common department follow.",
         "  kym dept rename Design Design2\n",
         [&context, renameNames] { return renameDepartment(context, renameNames->first, renameNames->second); });
     rename->add_option("OLD", renameNames->first, "The department")->required();
@@ -466,8 +466,8 @@ void addDepartmentCommands(Commands& commands) {
     auto updateName = std::make_shared<std::string>();
     CLI::App* update = commands.command(
         dept, "update",
-        "Make a department's version directory for the current release; its previous release's settings are "
-        "carried over.",
+        "Update a department for the current release. Makes its version directory; the settings of the previous "
+        "release are carried over.",
         "  kym dept update Design\n", [&context, updateName] { return updateDepartment(context, *updateName); });
     update->add_option("NAME", *updateName, "The department")->required();
 

@@ -131,6 +131,10 @@ void rememberDepartment(const std::string& name) {
     Kym::App* app = Kym::App::instance();
     Kym::SystemPreferences* preferences = app ? app->getPreferenceDB() : nullptr;
     if (!preferences) return;
+    // Most launches name the department used last: rewriting the file then would only cost time.
+    const boost::shared_ptr<boost::any> last = preferences->GetPreference(LastDepartmentKey);
+    const std::string* lastName = last ? boost::any_cast<std::string>(last.get()) : nullptr;
+    if (lastName && *lastName == name) return;
     preferences->SetPreference(LastDepartmentKey, name);
     preferences->Flush();
 }
@@ -181,19 +185,19 @@ void checkPluginType(const std::string& type) {
 const char* const LayerHelp =
     "LAYER is one of: site, base, plugin:NAME, dept:NAME (a department).";
 
-Layer openLayer(const std::string& spec) {
+Layer openLayer(const std::string& layerName) {
     Layer layer;
-    const std::size_t colon = spec.find(':');
-    const std::string kind = spec.substr(0, colon);
-    const std::string name = colon == std::string::npos ? std::string() : spec.substr(colon + 1);
-    if (spec == "site") {
+    const std::size_t colon = layerName.find(':');
+    const std::string kind = layerName.substr(0, colon);
+    const std::string name = colon == std::string::npos ? std::string() : layerName.substr(colon + 1);
+    if (layerName == "site") {
         prepareStores();
         Kym::SiteSettings& site = Kym::SiteInformation();
         layer.description = "the site settings";
         layer.file = site.dataFile();
         layer.variables = &site;
         layer.save = [&site] { site.save(); };
-    } else if (spec == "base") {
+    } else if (layerName == "base") {
         Kym::BaseSettings& base = Kym::BaseInformation();
         layer.description = "the base settings";
         layer.file = base.dataFile();
@@ -217,7 +221,7 @@ Layer openLayer(const std::string& spec) {
         layer.applications = department->settings()->applications();
         layer.save = [department] { department->save(); };
     } else {
-        throw UsageError("Unknown layer '" + spec + "': " + LayerHelp);
+        throw UsageError("Unknown layer '" + layerName + "': " + LayerHelp);
     }
     return layer;
 }

@@ -70,7 +70,7 @@ struct Layer {
     std::function<void()> save;
     std::unique_ptr<Kym::Configuration> department;
 };
-Layer openLayer(const std::string& spec);
+Layer openLayer(const std::string& layerName);
 extern const char* const LayerHelp;
 
 // Why a variable cannot be kept; `where` ("in the common list of ...") may be empty.

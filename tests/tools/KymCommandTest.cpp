@@ -7,6 +7,7 @@
 #include "kym/PluginSettings.h"
 #include "kym/SiteSettings.h"
 #include "kym/SystemInfo.h"
+#include "kym/WorkDirectory.h"
 
 #include "base/PropertyList.h"
 #include "base/Unarchiver.h"
@@ -161,6 +162,13 @@ std::string block(const std::string& text, const std::string& first) {
     std::size_t end = start + first.size() + 2;
     while (end < text.size() && text[end] == ' ') end = text.find('\n', end) + 1;
     return text.substr(start + 1, end - start - 1);
+}
+
+Kym::WorkDirectory workDirectoryRecord(const std::string& name, const std::string& path) {
+    Kym::WorkDirectory directory;
+    directory.name = name;
+    directory.path = path;
+    return directory;
 }
 
 template <class T>
@@ -375,6 +383,83 @@ TEST_F(KymCommand, AFailedCreationLeavesNoDepartmentBehind) {
     EXPECT_EQ(blank.err, "kym: Invalid department name 'Design office': a department is a directory of the "
                          "departments directory, named without blanks and without '/' or '\\'.\n");
     EXPECT_TRUE(fs::is_empty(site.departmentsPath()));
+}
+
+TEST_F(KymCommand, UpdatingADepartmentCarriesItsPreviousReleaseSettingsOver) {
+    const fs::path old = site.addDepartment("Old");
+    DepartmentSettings previous;
+    previous.layer.commonVariables = {{"PROJECT_DIR", "/projects/old"}};
+    previous.workDirectories = {workDirectoryRecord("projects", "/projects")};
+    site.writeDepartmentSettings(old, previous, Site::PreviousRelease);
+    EXPECT_EQ(kym({"departments"}).out, "   NAME  TYPE        UPDATED  DESCRIPTION\n"
+                                        "   Old   Production  no       None\n");
+
+    Outcome update = kym({"dept", "update", "Old"});
+    EXPECT_EQ(update.status, 0);
+    EXPECT_EQ(update.out, "Updated department Old for release nx4.\n");
+    EXPECT_EQ(readFile(old / "nx4" / "config" / "readme"), "release files\n");
+    EXPECT_EQ(kym({"var", "list", "dept:Old"}).out, "LIST    NAME         VALUE          COMMENT\n"
+                                                    "common  PROJECT_DIR  /projects/old\n");
+    EXPECT_EQ(kym({"workdir", "list", "Old"}).out, "NAME      PATH\nprojects  /projects\n");
+    EXPECT_EQ(kym({"dept", "update", "Old"}).err, "kym: Department 'Old' is already updated for release nx4.\n");
+}
+
+TEST_F(KymCommand, WorkDirectoriesAndOverlaysAreListedAndRemoved) {
+    makeDepartments();
+    ASSERT_EQ(kym({"app", "add", "base", "nx", "--description", "NX", "--category", "CAD"}).status, 0);
+    EXPECT_EQ(kym({"workdir", "list", "Design"}).out, "Department Design has no work directories.\n");
+    EXPECT_EQ(kym({"workdir", "add", "Design", "projects", "${HOME}/projects"}).out,
+              "Added work directory projects (${HOME}/projects) to department Design.\n");
+    EXPECT_EQ(kym({"workdir", "add", "Design", "scratch", "/tmp"}).status, 0);
+    EXPECT_EQ(kym({"workdir", "add", "Design", "scratch", "/var/tmp"}).err,
+              "kym: Department 'Design' already has a work directory 'scratch'.\n");
+    EXPECT_EQ(kym({"workdir", "remove", "Design", "projects"}).out, "Removed work directory projects from department Design.\n");
+    EXPECT_EQ(kym({"workdir", "remove", "Design", "projects"}).err,
+              "kym: Department 'Design' has no work directory 'projects'.\n");
+    EXPECT_EQ(kym({"workdir", "list", "Design"}).out, "NAME     PATH\nscratch  /tmp\n");
+
+    ASSERT_EQ(kym({"overlay", "set", "Design", "Base KYM", "nx", "--description", "NX for design"}).status, 0);
+    EXPECT_EQ(kym({"overlay", "set", "Design", "Base KYM", "nx", "--disable"}).out,
+              "Changed the overlay of application nx of 'Base KYM' in department Design.\n");
+    EXPECT_EQ(kym({"overlay", "list", "Design"}).out, "CONFIGURATION  APPID  CATEGORY  DESCRIPTION    DISABLED\n"
+                                                      "Base KYM       nx     CAD       NX for design  yes\n");
+    EXPECT_EQ(kym({"overlay", "set", "Design", "Base KYM", "nx", "--disable", "--enable"}).status, 2);
+    EXPECT_EQ(kym({"overlay", "remove", "Design", "Base KYM", "nx"}).out,
+              "Removed the overlay of application nx of 'Base KYM' from department Design.\n");
+    EXPECT_EQ(kym({"overlay", "remove", "Design", "Base KYM", "nx"}).err,
+              "kym: Department 'Design' has no overlay for application 'nx' of 'Base KYM'.\n");
+    EXPECT_EQ(kym({"overlay", "list", "Design"}).out, "Department Design has no overlays.\n");
+}
+
+TEST_F(KymCommand, TheListsOfTheChosenLaunchConventionsApply) {
+    makeDepartments();
+    ASSERT_EQ(kym({"app", "add", "base", "nx", "--program", "/bin/true", "--no-libraries"}).status, 0);
+    ASSERT_EQ(kym({"var", "set", "base", "CAD_HOME", "/opt/cad", "--list", "unix"}).status, 0);
+    ASSERT_EQ(kym({"var", "set", "base", "CAD_HOME", "C:/cad", "--list", "windows"}).status, 0);
+
+    EXPECT_TRUE(boost::contains(kym({"env", "Design", "nx"}).out, "\nCAD_HOME=/opt/cad\n"));
+    EXPECT_TRUE(boost::contains(kym({"--platform", "windows", "env", "Design", "nx"}).out, "\nCAD_HOME=C:\\cad\n"));
+    ScopedEnv windows("KYM_PLATFORM", std::string("windows"));
+    EXPECT_TRUE(boost::contains(kym({"env", "Design", "nx"}).out, "\nCAD_HOME=C:\\cad\n"));
+    EXPECT_TRUE(boost::contains(kym({"--platform", "posix", "env", "Design", "nx"}).out, "\nCAD_HOME=/opt/cad\n"));
+
+    EXPECT_EQ(kym({"--json", "apps", "Design"}).out, "{\n"
+                                                     "  \"department\": \"Design\",\n"
+                                                     "  \"description\": \"Design office\",\n"
+                                                     "  \"applications\": [\n"
+                                                     "    {\n"
+                                                     "      \"appId\": \"nx\",\n"
+                                                     "      \"description\": \"\",\n"
+                                                     "      \"category\": \"\",\n"
+                                                     "      \"configuration\": \"Base KYM\",\n"
+                                                     "      \"source\": \"base\",\n"
+                                                     "      \"program\": \"/bin/true\",\n"
+                                                     "      \"arguments\": \"\",\n"
+                                                     "      \"disabled\": false,\n"
+                                                     "      \"overlaid\": false\n"
+                                                     "    }\n"
+                                                     "  ]\n"
+                                                     "}\n");
 }
 
 TEST_F(KymCommand, AppsListsEveryLayerWithTheDepartmentsOverlays) {
