@@ -150,30 +150,33 @@ int showEnvironment(Context& context, const Target& target, bool explain) {
                                    explain ? &explanation : nullptr);
 
     Json value = Json::object();
-    value.set("department", session.name());
-    value.set("application", application.appId);
-    value.set("configuration", application.configurationName());
-    Json variables = Json::object();
-    for (const auto& [name, text] : environment) variables.set(name, text);
-    value.set("environment", variables);
-    if (explain) {
-        Json list = Json::array();
-        for (const auto& [name, steps] : explanation.steps()) {
-            Json entry = Json::object();
-            entry.set("name", name);
-            auto final = environment.find(name);
-            entry.set("value", final == environment.end() ? Json() : Json(final->second));
-            Json layers = Json::array();
-            for (const Explanation::Step& step : steps) {
-                Json layer = Json::object();
-                layer.set("layer", step.layer);
-                layer.set("value", step.value ? Json(*step.value) : Json());
-                layers.push(layer);
+    // A large environment makes the document costly; text output does not need it.
+    if (context.json) {
+        value.set("department", session.name());
+        value.set("application", application.appId);
+        value.set("configuration", application.configurationName());
+        Json variables = Json::object();
+        for (const auto& [name, text] : environment) variables.set(name, text);
+        value.set("environment", variables);
+        if (explain) {
+            Json list = Json::array();
+            for (const auto& [name, steps] : explanation.steps()) {
+                Json entry = Json::object();
+                entry.set("name", name);
+                auto final = environment.find(name);
+                entry.set("value", final == environment.end() ? Json() : Json(final->second));
+                Json layers = Json::array();
+                for (const Explanation::Step& step : steps) {
+                    Json layer = Json::object();
+                    layer.set("layer", step.layer);
+                    layer.set("value", step.value ? Json(*step.value) : Json());
+                    layers.push(layer);
+                }
+                entry.set("layers", layers);
+                list.push(entry);
             }
-            entry.set("layers", layers);
-            list.push(entry);
+            value.set("explanation", list);
         }
-        value.set("explanation", list);
     }
     context.print(value, [&](std::ostream& out) {
         if (!explain) {
