@@ -9,6 +9,7 @@
 #include "base/Unarchiver.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Base {
@@ -77,7 +78,7 @@ public:
             T element;
             T* decoded = unarchiver.decodeObject("NOTUSED", &element);
             if (decoded != &element) element = *decoded;
-            list.push_back(element);
+            list.push_back(std::move(element));
             unarchiver.currentContainer().nextItem();
         }
         unarchiver.endContainer();

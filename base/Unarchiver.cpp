@@ -4,61 +4,98 @@
 #include "base/Coder.h"
 #include "base/FileManager.h"
 #include "base/Platform.h"
-#include "base/PropertyList.h"
+#include "base/plist/Document.h"
 
 #include <boost/core/demangle.hpp>
 #include <climits>
 #include <cstdint>
+#include <deque>
 #include <utility>
+#include <variant>
 
 namespace Base {
 
 namespace {
 
-using Dictionary = PropertyList::Dictionary;
+using Node = plist::Document::Node;
 
-// How a value of the parsed tree is named in messages.
-std::string kindOf(const boost::any& value) {
-    const std::type_info& type = value.type();
-    if (type == typeid(std::string)) return "a string";
-    if (type == typeid(bool)) return "a boolean";
-    if (type == typeid(std::int64_t) || type == typeid(std::uint64_t)) return "an integer";
-    if (type == typeid(double)) return "a real number";
-    if (type == typeid(Dictionary) || type == typeid(PropertyList::OrderedDictionary)) return "a dictionary";
-    if (type == typeid(PropertyList::Array)) return "an array";
-    if (type == typeid(PropertyList::Date)) return "a date";
-    if (type == typeid(PropertyList::Data)) return "data";
-    return "a value of an unknown kind";
+// How a value of the document is named in messages.
+std::string kindOf(Node value) {
+    return plist::kindName(value.kind());
 }
 
-// One entry of the decoding stack: an object (a dictionary of the tree) or a
-// cursor over the items of a collection. label and outer name the object in
-// messages: "'Common Variables'" and " of 'Applications' item 2".
+// One entry of the decoding stack: an object (a dictionary of the document)
+// or a cursor over the items of a collection. An object is reached by its key
+// in the object at parent, or as item position of the collection at parent;
+// messages name it from these ("'Common Variables'", "'Applications' item 2").
 struct UnarchiverFrame {
-    Dictionary* object = nullptr;
+    Node object;
+    plist::Document::Members members;
     std::vector<boost::any>* items = nullptr;
     std::unique_ptr<Unarchiver::ObjectContainer> container;
-    std::string label;
-    std::string outer;
-
-    // The words that follow a key of this object in messages.
-    std::string context() const { return label.empty() ? std::string() : " of " + label + outer; }
-    // The object itself in messages.
-    std::string description() const { return label.empty() ? "the root" : "key " + label + outer; }
+    const std::string* key = nullptr;
+    std::size_t position = 0;
+    std::size_t parent = 0;
 };
 
 } // namespace
 
 struct Unarchiver::State {
-    boost::any root;
+    State(const std::string& text, const std::string& source) : sourceName(source), document(text, source) {}
+
+    const std::string& sourceName;
+    plist::Document document;
     std::vector<UnarchiverFrame> frames;
+    // The item lists handed out by getObjectList; a deque keeps them in place.
+    std::deque<std::vector<boost::any>> lists;
     // Objects created for null targets, released with their coder.
     std::vector<std::pair<const CoderBase*, void*>> owned;
 
-    UnarchiverFrame& objectFrame() {
-        for (auto frame = frames.rbegin(); frame != frames.rend(); ++frame)
-            if (frame->object) return *frame;
-        return frames.front();
+    std::size_t objectFrame() const {
+        for (std::size_t frame = frames.size(); frame-- > 0;)
+            if (frames[frame].object) return frame;
+        return 0;
+    }
+
+    bool isRoot(std::size_t frame) const { return frame == 0; }
+
+    std::string label(std::size_t index) const {
+        const UnarchiverFrame& frame = frames[index];
+        if (isRoot(index)) return std::string();
+        if (frame.key) return "'" + *frame.key + "'";
+        const std::string collection = isRoot(frame.parent) ? "'" + std::string(archiveItemsKey) + "'" : label(frame.parent);
+        return collection + " item " + std::to_string(frame.position + 1);
+    }
+
+    std::string outer(std::size_t index) const {
+        const UnarchiverFrame& frame = frames[index];
+        if (isRoot(index)) return std::string();
+        return frame.key ? context(frame.parent) : outer(frame.parent);
+    }
+
+    // The words that follow a key of an object in messages.
+    std::string context(std::size_t index) const {
+        return isRoot(index) ? std::string() : " of " + label(index) + outer(index);
+    }
+
+    // The object itself in messages.
+    std::string description(std::size_t index) const {
+        return isRoot(index) ? "the root" : "key " + label(index) + outer(index);
+    }
+
+    // Every message names the file, then the key and the objects holding it.
+    BaseException keyError(std::size_t frame, const std::string& key, const std::string& text) const {
+        return BaseException("Archive " + sourceName + ": key '" + key + "'" + context(frame) + " " + text);
+    }
+
+    BaseException objectError(std::size_t frame, const std::string& text) const {
+        return BaseException("Archive " + sourceName + ": " + description(frame) + " " + text);
+    }
+
+    // A member of the current object, and the frame of that object.
+    std::pair<std::size_t, Node> member(const std::string& key) const {
+        const std::size_t frame = objectFrame();
+        return {frame, frames[frame].members.find(key)};
     }
 };
 
@@ -86,14 +123,13 @@ Unarchiver::Unarchiver(const boost::filesystem::path& file)
     : Unarchiver(FileManager::readFile(file), Platform::current().nativePath(file), 0) {}
 
 Unarchiver::Unarchiver(const std::string& text, const std::string& sourceName, int)
-    : mSourceName(sourceName), mState(std::make_unique<State>()) {
-    mState->root = PropertyList::parse(text, sourceName);
-    auto* root = boost::any_cast<Dictionary>(&mState->root);
-    if (!root)
-        throw BaseException("Archive " + mSourceName + ": the root holds " + kindOf(mState->root) +
-                            ", expected a dictionary");
+    : mSourceName(sourceName), mState(std::make_unique<State>(text, mSourceName)) {
+    const Node root = mState->document.root();
+    if (root.kind() != Node::Kind::Dictionary)
+        throw BaseException("Archive " + mSourceName + ": the root holds " + kindOf(root) + ", expected a dictionary");
     UnarchiverFrame frame;
     frame.object = root;
+    frame.members = plist::Document::Members(root);
     mState->frames.push_back(std::move(frame));
 }
 
@@ -106,81 +142,54 @@ Unarchiver::~Unarchiver() {
         if (object->second) object->first->destroy(object->second);
 }
 
-namespace {
-
-const boost::any* findMember(const UnarchiverFrame& frame, const std::string& key) {
-    auto found = frame.object->find(key);
-    return found == frame.object->end() ? nullptr : &found->second;
-}
-
-// Every message names the file, then the key and the objects holding it.
-BaseException keyError(const std::string& source, const UnarchiverFrame& frame, const std::string& key,
-                       const std::string& text) {
-    return BaseException("Archive " + source + ": key '" + key + "'" + frame.context() + " " + text);
-}
-
-BaseException objectError(const std::string& source, const UnarchiverFrame& frame, const std::string& text) {
-    return BaseException("Archive " + source + ": " + frame.description() + " " + text);
-}
-
-} // namespace
-
 bool Unarchiver::containsKey(const std::string& key) const {
-    return findMember(mState->objectFrame(), key) != nullptr;
+    return static_cast<bool>(mState->member(key).second);
 }
 
 void Unarchiver::decode(const std::string& key, std::string& value) {
-    const UnarchiverFrame& frame = mState->objectFrame();
-    const boost::any* member = findMember(frame, key);
+    const auto [frame, member] = mState->member(key);
     if (!member) return;
-    const auto* text = boost::any_cast<std::string>(member);
-    if (!text) throw keyError(mSourceName, frame, key, "holds " + kindOf(*member) + ", expected a string");
-    value = *text;
+    if (member.kind() != Node::Kind::String)
+        throw mState->keyError(frame, key, "holds " + kindOf(member) + ", expected a string");
+    value = member.text();
 }
 
 void Unarchiver::decode(const std::string& key, bool& value) {
-    const UnarchiverFrame& frame = mState->objectFrame();
-    const boost::any* member = findMember(frame, key);
+    const auto [frame, member] = mState->member(key);
     if (!member) return;
-    const auto* flag = boost::any_cast<bool>(member);
-    if (!flag) throw keyError(mSourceName, frame, key, "holds " + kindOf(*member) + ", expected a boolean");
-    value = *flag;
+    if (member.kind() != Node::Kind::Boolean)
+        throw mState->keyError(frame, key, "holds " + kindOf(member) + ", expected a boolean");
+    value = member.boolean();
 }
 
 void Unarchiver::decode(const std::string& key, int& value) {
-    const UnarchiverFrame& frame = mState->objectFrame();
-    const boost::any* member = findMember(frame, key);
+    const auto [frame, member] = mState->member(key);
     if (!member) return;
-    std::string number;
-    if (const auto* small = boost::any_cast<std::int64_t>(member)) {
+    if (member.kind() != Node::Kind::Integer)
+        throw mState->keyError(frame, key, "holds " + kindOf(member) + ", expected an integer");
+    const auto number = member.integer();
+    if (const auto* small = std::get_if<std::int64_t>(&number)) {
         if (*small >= INT_MIN && *small <= INT_MAX) {
             value = static_cast<int>(*small);
             return;
         }
-        number = std::to_string(*small);
-    } else if (const auto* large = boost::any_cast<std::uint64_t>(member)) {
-        number = std::to_string(*large);
-    } else {
-        throw keyError(mSourceName, frame, key, "holds " + kindOf(*member) + ", expected an integer");
     }
-    throw keyError(mSourceName, frame, key, "holds " + number + ", beyond the range of an integer");
+    const std::string text = std::visit([](auto integer) { return std::to_string(integer); }, number);
+    throw mState->keyError(frame, key, "holds " + text + ", beyond the range of an integer");
 }
 
 void Unarchiver::decode(const std::string& key, std::vector<std::string>& values) {
-    const UnarchiverFrame& frame = mState->objectFrame();
-    const boost::any* member = findMember(frame, key);
+    const auto [frame, member] = mState->member(key);
     if (!member) return;
-    const auto* array = boost::any_cast<PropertyList::Array>(member);
-    if (!array) throw keyError(mSourceName, frame, key, "holds " + kindOf(*member) + ", expected an array of strings");
+    if (member.kind() != Node::Kind::Array)
+        throw mState->keyError(frame, key, "holds " + kindOf(member) + ", expected an array of strings");
     std::vector<std::string> decoded;
-    decoded.reserve(array->size());
-    for (const boost::any& item : *array) {
-        const auto* text = boost::any_cast<std::string>(&item);
-        if (!text)
+    for (const Node& item : member.items()) {
+        if (item.kind() != Node::Kind::String)
             throw BaseException("Archive " + mSourceName + ": item " + std::to_string(decoded.size() + 1) +
-                                " of key '" + key + "'" + frame.context() + " holds " + kindOf(item) +
+                                " of key '" + key + "'" + mState->context(frame) + " holds " + kindOf(item) +
                                 ", expected a string");
-        decoded.push_back(*text);
+        decoded.push_back(item.text());
     }
     values = std::move(decoded);
 }
@@ -195,82 +204,77 @@ void* Unarchiver::decodeObjectOfType(const std::string& key, void* target, const
 
 void* Unarchiver::decodeObjectAs(const std::string& key, void* target, const TypeInfo* type) {
     auto& frames = mState->frames;
-    boost::any* value = nullptr;
+    const boost::any* item = nullptr;
     UnarchiverFrame next;
     if (frames.back().container) {
         // Inside a collection the key means nothing: the object is the current item.
         const UnarchiverFrame& cursor = frames.back();
-        const UnarchiverFrame& collection = mState->objectFrame();
-        const std::size_t position =
-            cursor.container->endOfAnyArray()
-                ? cursor.items->size()
-                : static_cast<std::size_t>(&cursor.container->currentItem() - cursor.items->data());
-        next.label = (collection.label.empty() ? "'" + std::string(archiveItemsKey) + "'" : collection.label) +
-                     " item " + std::to_string(position + 1);
-        next.outer = collection.outer;
-        if (position >= cursor.items->size())
-            throw objectError(mSourceName, next, "does not exist");
-        value = &(*cursor.items)[position];
+        next.parent = mState->objectFrame();
+        next.position = cursor.container->endOfAnyArray()
+                            ? cursor.items->size()
+                            : static_cast<std::size_t>(&cursor.container->currentItem() - cursor.items->data());
+        if (next.position < cursor.items->size()) item = &(*cursor.items)[next.position];
     } else {
-        const UnarchiverFrame& parent = frames.back();
-        auto found = parent.object->find(key);
-        if (found == parent.object->end()) return target;
-        value = &found->second;
-        next.label = "'" + key + "'";
-        next.outer = parent.context();
+        next.parent = frames.size() - 1;
+        next.key = &key;
+        next.object = frames.back().members.find(key);
+        if (!next.object) return target;
     }
-
-    next.object = boost::any_cast<Dictionary>(value);
-    if (!next.object)
-        throw objectError(mSourceName, next, "holds " + kindOf(*value) + ", expected a dictionary");
 
     DepthGuard guard(frames);
     frames.push_back(std::move(next));
-    const UnarchiverFrame& frame = frames.back();
+    const std::size_t frame = frames.size() - 1;
+    Node& object = frames.back().object;
+    if (frames.back().key == nullptr) {
+        if (!item) throw mState->objectError(frame, "does not exist");
+        object = boost::any_cast<Node>(*item);
+    }
+    if (object.kind() != Node::Kind::Dictionary)
+        throw mState->objectError(frame, "holds " + kindOf(object) + ", expected a dictionary");
 
-    const boost::any* typeMember = findMember(frame, archiveTypeKey);
+    frames.back().members = plist::Document::Members(object);
+    const Node typeMember = frames.back().members.find(archiveTypeKey);
     if (!typeMember)
-        throw objectError(mSourceName, frame, "holds a dictionary without '" + std::string(archiveTypeKey) + "'");
-    const auto* typeName = boost::any_cast<std::string>(typeMember);
-    if (!typeName)
-        throw keyError(mSourceName, frame, archiveTypeKey, "holds " + kindOf(*typeMember) + ", expected a string");
+        throw mState->objectError(frame, "holds a dictionary without '" + std::string(archiveTypeKey) + "'");
+    if (typeMember.kind() != Node::Kind::String)
+        throw mState->keyError(frame, archiveTypeKey, "holds " + kindOf(typeMember) + ", expected a string");
+    const std::string typeName = typeMember.text();
 
-    CoderBase* coder = CoderBase::coderForName(*typeName);
+    CoderBase* coder = CoderBase::coderForName(typeName);
     if (type) {
         CoderBase* expected = CoderBase::coderForType(*type);
         if (!expected)
-            throw objectError(mSourceName, frame,
-                              "cannot be read: no coder is registered for the type '" +
-                                  boost::core::demangle(type->name()) + "'");
+            throw mState->objectError(frame, "cannot be read: no coder is registered for the type '" +
+                                         boost::core::demangle(type->name()) + "'");
         // The coder of the expected type, even when a later coder has taken its name.
-        if (*typeName == expected->name())
+        if (typeName == expected->name())
             coder = expected;
         else if (coder)
-            throw objectError(mSourceName, frame,
-                              "holds an object of type '" + *typeName + "', expected type '" + expected->name() + "'");
+            throw mState->objectError(frame, "holds an object of type '" + typeName + "', expected type '" +
+                                         expected->name() + "'");
     }
-    if (!coder)
-        throw objectError(mSourceName, frame, "holds an object of the unknown type '" + *typeName + "'");
+    if (!coder) throw mState->objectError(frame, "holds an object of the unknown type '" + typeName + "'");
 
-    void* object = target;
-    if (!object) {
+    void* decoded = target;
+    if (!decoded) {
         // Recorded before it exists, so that it cannot leak between the two steps.
         mState->owned.emplace_back(coder, nullptr);
-        object = mState->owned.back().second = coder->create();
+        decoded = mState->owned.back().second = coder->create();
     }
-    coder->decode(*this, object);
-    return object;
+    coder->decode(*this, decoded);
+    return decoded;
 }
 
 std::vector<boost::any>* Unarchiver::getObjectList() {
-    UnarchiverFrame& frame = mState->objectFrame();
-    auto found = frame.object->find(archiveItemsKey);
-    if (found == frame.object->end())
-        throw objectError(mSourceName, frame, "is not a collection: it has no '" + std::string(archiveItemsKey) + "'");
-    auto* items = boost::any_cast<PropertyList::Array>(&found->second);
+    const std::size_t frame = mState->objectFrame();
+    const Node items = mState->frames[frame].members.find(archiveItemsKey);
     if (!items)
-        throw keyError(mSourceName, frame, archiveItemsKey, "holds " + kindOf(found->second) + ", expected an array");
-    return items;
+        throw mState->objectError(frame, "is not a collection: it has no '" + std::string(archiveItemsKey) + "'");
+    if (items.kind() != Node::Kind::Array)
+        throw mState->keyError(frame, archiveItemsKey, "holds " + kindOf(items) + ", expected an array");
+    std::vector<boost::any>& list = mState->lists.emplace_back();
+    for (const Node& item : items.items()) list.emplace_back(item);
+    return &list;
 }
 
 void Unarchiver::beginContainer(std::vector<boost::any>* items) {

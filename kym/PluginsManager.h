@@ -65,6 +65,9 @@ public:
     boost::any valueForListColumnRow(const std::string& column, int row) const override;
 
 private:
+    // The site registers the external plugins, all or none.
+    friend class SiteSettings;
+
     void initialize();
 
     std::vector<PluginSettings> mPlugins;

@@ -223,11 +223,18 @@ void SiteSettings::initializeExternalPlugins() {
     // Sorted by name: the same order on every file system.
     std::sort(entries.begin(), entries.end());
 
-    // Each plugin is read once before any is registered: a damaged one throws
-    // with the registry as it was, so the next SiteInformation() does not
-    // register the others twice.
-    for (const fs::path& entry : entries) static_cast<void>(PluginSettings(entry));
-    for (const fs::path& entry : entries) addExternalPlugin(entry);
+    if (entries.empty()) return;
+
+    // A damaged plugin takes the ones added before it out again, so that the
+    // next SiteInformation() does not register them twice.
+    PluginsManager& plugins = PluginsManagement();
+    const std::size_t before = plugins.mPlugins.size();
+    try {
+        for (const fs::path& entry : entries) addExternalPlugin(entry);
+    } catch (...) {
+        plugins.mPlugins.erase(plugins.mPlugins.begin() + static_cast<std::ptrdiff_t>(before), plugins.mPlugins.end());
+        throw;
+    }
 }
 
 void SiteSettings::addExternalPlugin(const fs::path& dir) {

@@ -1,6 +1,7 @@
 #include "base/plist/TextCodec.h"
 
 #include <cstdint>
+#include <cstring>
 
 namespace Base {
 namespace plist {
@@ -18,6 +19,8 @@ int base64Digit(char c) {
     return -1;
 }
 
+const std::uint64_t asciiMask = 0x8080808080808080ULL;
+
 bool isContinuation(unsigned char c) {
     return (c & 0xC0) == 0x80;
 }
@@ -29,6 +32,13 @@ std::size_t invalidUtf8Offset(const std::string& text) {
     const std::size_t size = text.size();
     std::size_t i = 0;
     while (i < size) {
+        // Settings files are almost all ASCII: skip it eight bytes at a time.
+        std::uint64_t word;
+        for (; i + sizeof word <= size; i += sizeof word) {
+            std::memcpy(&word, bytes + i, sizeof word);
+            if (word & asciiMask) break;
+        }
+        if (i >= size) break;
         unsigned char lead = bytes[i];
         if (lead < 0x80) {
             ++i;
@@ -79,10 +89,6 @@ void appendUtf8(std::string& out, char32_t codePoint) {
         out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
         out += static_cast<char>(0x80 | (c & 0x3F));
     }
-}
-
-bool isXmlSpace(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
 
 bool isAllXmlSpace(const std::string& text) {

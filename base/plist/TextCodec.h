@@ -19,7 +19,9 @@ bool isValidUtf8(const std::string& text);
 void appendUtf8(std::string& out, char32_t codePoint);
 
 // The four characters XML counts as white space: space, tab, line feed, carriage return.
-bool isXmlSpace(char c);
+inline bool isXmlSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
 bool isAllXmlSpace(const std::string& text);
 std::string trimXmlSpace(const std::string& text);
 

@@ -115,6 +115,11 @@ TEST(PropertyListRead, StringsKeepTheirWhiteSpaceExactly) {
                                 "<string>x\r\ny</string><string>&#13;</string></array>");
     EXPECT_EQ(show(PropertyList::parse(text, "x")), "[\"  a\n b \", \"\t\", \"x\ny\", \"\r\"]");
     EXPECT_EQ(show(PropertyList::parse(head + "<string> </string></plist>", "x")), "\" \"");
+    // White space beside a CDATA section belongs to the value too.
+    EXPECT_EQ(show(PropertyList::parse(document("<array><string> <![CDATA[a]]>\t</string>"
+                                                 "<string>\n</string></array>"),
+                                       "x")),
+              "[\" a\t\", \"\n\"]");
 }
 
 TEST(PropertyListRead, NumbersTakeEveryAcceptedFormAndTheWholeRange) {

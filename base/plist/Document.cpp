@@ -1,0 +1,576 @@
+#include "base/plist/Document.h"
+
+#include "base/BaseException.h"
+#include "base/PropertyList.h"
+#include "base/plist/TextCodec.h"
+
+#include <array>
+#include <charconv>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <unordered_set>
+
+namespace Base {
+namespace plist {
+
+namespace {
+
+using Node = Document::Node;
+using Kind = Node::Kind;
+
+// No escape decoding (done here, strictly) and no trimming: text is kept byte
+// for byte, white-space-only text included. A fragment keeps top-level text,
+// so text after the root can be seen and rejected.
+const unsigned fullParse = pugi::parse_cdata | pugi::parse_eol | pugi::parse_ws_pcdata | pugi::parse_declaration |
+                           pugi::parse_doctype | pugi::parse_fragment;
+// The same without the indentation between elements, which is most of the
+// nodes. It would also drop white space beside a CDATA section inside a
+// value, so documents with CDATA are read with fullParse.
+const unsigned compactParse = (fullParse & ~pugi::parse_ws_pcdata) | pugi::parse_ws_pcdata_single;
+
+unsigned parseOptionsFor(const std::string& text) {
+    // Searched from the rare '!' rather than the '<' of every element.
+    for (std::size_t at = text.find('!'); at != std::string::npos; at = text.find('!', at + 1))
+        if (at > 0 && text.compare(at - 1, 9, "<![CDATA[") == 0) return fullParse;
+    return compactParse;
+}
+
+bool isText(pugi::xml_node node) {
+    return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
+}
+
+std::string elementName(pugi::xml_node element) {
+    return std::string("<") + element.name() + ">";
+}
+
+std::string_view trimmed(std::string_view text) {
+    std::size_t first = 0, last = text.size();
+    while (first < last && isXmlSpace(text[first])) ++first;
+    while (last > first && isXmlSpace(text[last - 1])) --last;
+    return text.substr(first, last - first);
+}
+
+bool isAllSpace(std::string_view text) {
+    return trimmed(text).empty();
+}
+
+// Appends raw with its references replaced. Only the five predefined entities
+// and character references exist in a property list. On a bad reference,
+// returns its offset in raw and the reason; npos otherwise.
+std::size_t appendUnescaped(std::string_view raw, std::string& out, std::string& reason) {
+    std::size_t done = 0;
+    for (std::size_t amp = raw.find('&'); amp != std::string_view::npos; amp = raw.find('&', done)) {
+        out.append(raw, done, amp - done);
+        std::size_t semicolon = raw.find(';', amp);
+        if (semicolon == std::string_view::npos || semicolon - amp > 12) {
+            reason = "bare '&'";
+            return amp;
+        }
+        const std::string_view reference = raw.substr(amp + 1, semicolon - amp - 1);
+        if (reference == "amp") out += '&';
+        else if (reference == "lt") out += '<';
+        else if (reference == "gt") out += '>';
+        else if (reference == "quot") out += '"';
+        else if (reference == "apos") out += '\'';
+        else if (!reference.empty() && reference[0] == '#') {
+            bool hex = reference.size() > 1 && reference[1] == 'x';
+            const char* first = reference.data() + (hex ? 2 : 1);
+            const char* last = reference.data() + reference.size();
+            std::uint32_t code = 0;
+            auto [end, error] = std::from_chars(first, last, code, hex ? 16 : 10);
+            if (first == last || error != std::errc() || end != last || code == 0 || code > 0x10FFFF ||
+                (code >= 0xD800 && code <= 0xDFFF)) {
+                reason = "invalid character reference '&" + std::string(reference) + ";'";
+                return amp;
+            }
+            appendUtf8(out, static_cast<char32_t>(code));
+        } else {
+            reason = "unknown entity '&" + std::string(reference) + ";'";
+            return amp;
+        }
+        done = semicolon + 1;
+    }
+    out.append(raw, done, std::string_view::npos);
+    return std::string_view::npos;
+}
+
+// The text of a checked element: a view of the document's own text when it
+// needs no decoding, otherwise decoded into scratch.
+std::string_view textOf(pugi::xml_node element, std::string& scratch) {
+    pugi::xml_node child = element.first_child();
+    if (!child) return {};
+    if (!child.next_sibling() && child.type() == pugi::node_pcdata && !std::strchr(child.value(), '&'))
+        return child.value();
+    scratch.clear();
+    std::string unused;
+    for (; child; child = child.next_sibling()) {
+        if (child.type() == pugi::node_pcdata) appendUnescaped(child.value(), scratch, unused);
+        else if (child.type() == pugi::node_cdata) scratch += child.value();
+    }
+    return scratch;
+}
+
+enum class NumberStatus { Ok, Invalid, OutOfRange };
+
+// Decimal, or hexadecimal after "0x"; either with an optional sign.
+NumberStatus parseInteger(std::string_view number, std::variant<std::int64_t, std::uint64_t>& value) {
+    const char* first = number.data();
+    const char* last = number.data() + number.size();
+    bool negative = first != last && *first == '-';
+    if (first != last && (*first == '-' || *first == '+')) ++first;
+    int base = 10;
+    if (last - first > 2 && first[0] == '0' && (first[1] == 'x' || first[1] == 'X')) {
+        first += 2;
+        base = 16;
+    }
+    std::uint64_t magnitude = 0;
+    auto [end, error] = std::from_chars(first, last, magnitude, base);
+    if (first == last || end != last || error == std::errc::invalid_argument) return NumberStatus::Invalid;
+    const std::uint64_t int64Limit = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    if (error == std::errc::result_out_of_range || (negative && magnitude > int64Limit + 1))
+        return NumberStatus::OutOfRange;
+    if (negative)
+        value = magnitude == int64Limit + 1 ? std::numeric_limits<std::int64_t>::min()
+                                            : -static_cast<std::int64_t>(magnitude);
+    else if (magnitude > int64Limit)
+        value = magnitude;
+    else
+        value = static_cast<std::int64_t>(magnitude);
+    return NumberStatus::Ok;
+}
+
+// Decimal or exponent notation, "nan", "inf" and "infinity" with an optional sign.
+NumberStatus parseReal(std::string_view number, double& value) {
+    const char* first = number.data();
+    const char* last = number.data() + number.size();
+    if (last - first > 1 && *first == '+' && first[1] != '-') ++first;
+    auto [end, error] = std::from_chars(first, last, value);
+    if (first == last || end != last || error == std::errc::invalid_argument) return NumberStatus::Invalid;
+    if (error == std::errc::result_out_of_range) return NumberStatus::OutOfRange;
+    return NumberStatus::Ok;
+}
+
+// Checks a parsed document against the property-list rules; every rejection
+// names the source and the line.
+class Checker {
+public:
+    Checker(const std::string& text, const std::string& sourceName) : mText(text), mSourceName(sourceName) {}
+
+    void checkBytes() const {
+        std::size_t nul = mText.find('\0');
+        if (nul != std::string::npos) failAtOffset(nul, "NUL byte");
+        std::size_t invalid = invalidUtf8Offset(mText);
+        if (invalid != std::string::npos) failAtOffset(invalid, "invalid UTF-8");
+    }
+
+    void checkParse(const pugi::xml_parse_result& result) const {
+        if (!result)
+            failAtOffset(static_cast<std::size_t>(result.offset),
+                         std::string("malformed XML (") + result.description() + ")");
+    }
+
+    // The checked root value of the document.
+    pugi::xml_node root(const pugi::xml_document& document) const {
+        pugi::xml_node plist = plistElement(document);
+        for (pugi::xml_attribute attribute : plist.attributes()) {
+            if (std::strcmp(attribute.name(), "version") != 0)
+                fail(plist, std::string("unexpected attribute '") + attribute.name() + "' on <plist>");
+            if (std::strcmp(attribute.value(), "1.0") != 0)
+                fail(plist, std::string("unsupported plist version '") + attribute.value() + "'");
+        }
+        pugi::xml_node root;
+        for (pugi::xml_node child : plist.children()) {
+            if (child.type() == pugi::node_element) {
+                if (root) fail(child, "second value " + elementName(child) + " in <plist>");
+                root = child;
+            } else if (isText(child)) {
+                expectSpace(child, "stray text in <plist>");
+            }
+        }
+        if (!root) fail(plist, "empty <plist>");
+        value(root, 1);
+        return root;
+    }
+
+private:
+    // Lines end at a line feed or at a carriage return not followed by one,
+    // the same breaks the parser turns into line feeds inside values.
+    std::size_t lineAt(std::size_t offset) const {
+        std::size_t line = 1;
+        std::size_t end = std::min(offset, mText.size());
+        for (std::size_t i = 0; i < end; ++i) {
+            if (mText[i] == '\n' || (mText[i] == '\r' && (i + 1 >= mText.size() || mText[i + 1] != '\n')))
+                ++line;
+        }
+        return line;
+    }
+
+    [[noreturn]] void failAtLine(std::size_t line, const std::string& detail) const {
+        throw BaseException(messagePrefix(mSourceName) + ", line " + std::to_string(line) + ": " + detail);
+    }
+
+    [[noreturn]] void failAtOffset(std::size_t offset, const std::string& detail) const {
+        failAtLine(lineAt(offset), detail);
+    }
+
+    [[noreturn]] void fail(pugi::xml_node node, const std::string& detail) const {
+        for (pugi::xml_node at = node; at; at = at.parent()) {
+            std::ptrdiff_t offset = at.offset_debug();
+            if (offset >= 0) failAtOffset(static_cast<std::size_t>(offset), detail);
+        }
+        failAtLine(1, detail);
+    }
+
+    [[noreturn]] void failInText(pugi::xml_node textNode, std::string_view raw, std::size_t position,
+                                 const std::string& detail) const {
+        std::ptrdiff_t offset = textNode.offset_debug();
+        if (offset < 0) fail(textNode, detail);
+        std::size_t line = lineAt(static_cast<std::size_t>(offset));
+        for (std::size_t i = 0; i < position && i < raw.size(); ++i)
+            if (raw[i] == '\n') ++line;
+        failAtLine(line, detail);
+    }
+
+    // Nothing but a byte order mark may stand before the XML declaration,
+    // whose offset is that of its name, after "<?".
+    bool isAtStart(pugi::xml_node declaration) const {
+        const std::size_t bom = mText.compare(0, 3, "\xEF\xBB\xBF") == 0 ? 3 : 0;
+        return declaration.offset_debug() == static_cast<std::ptrdiff_t>(bom + 2);
+    }
+
+    // Text where only white space may stand fails at its first other character.
+    void expectSpace(pugi::xml_node textNode, const std::string& detail) const {
+        const std::string_view raw = textNode.value();
+        for (std::size_t i = 0; i < raw.size(); ++i)
+            if (!isXmlSpace(raw[i])) failInText(textNode, raw, i, detail);
+    }
+
+    pugi::xml_node plistElement(const pugi::xml_document& document) const {
+        pugi::xml_node plist;
+        for (pugi::xml_node node : document.children()) {
+            switch (node.type()) {
+            case pugi::node_declaration:
+                if (!isAtStart(node)) fail(node, "XML declaration not at the start");
+                break;
+            case pugi::node_doctype: {
+                if (plist) fail(node, "DOCTYPE after the plist element");
+                std::string_view value = node.value();
+                if (value.compare(0, 5, "plist") != 0 || (value.size() > 5 && !isXmlSpace(value[5])))
+                    fail(node, "DOCTYPE of another document type");
+                break;
+            }
+            case pugi::node_element:
+                if (plist) fail(node, "element " + elementName(node) + " after the plist element");
+                if (std::strcmp(node.name(), "plist") != 0)
+                    fail(node, "root element " + elementName(node) + " is not <plist>");
+                plist = node;
+                break;
+            default:
+                if (isText(node))
+                    expectSpace(node, plist ? "text after the plist element" : "text before the plist element");
+                break;
+            }
+        }
+        // Reported at the last character, not after the final line end.
+        if (!plist) failAtOffset(mText.empty() ? 0 : mText.size() - 1, "no plist element");
+        return plist;
+    }
+
+    void value(pugi::xml_node element, int depth) const {
+        if (pugi::xml_attribute attribute = element.first_attribute())
+            fail(element, std::string("unexpected attribute '") + attribute.name() + "' on " + elementName(element));
+        const char* name = element.name();
+        std::string scratch;
+        switch (name[0]) {
+        case 'd':
+            if (std::strcmp(name, "dict") == 0) return container(element, depth);
+            if (std::strcmp(name, "date") == 0) return static_cast<void>(text(element, scratch));
+            if (std::strcmp(name, "data") == 0) {
+                std::vector<unsigned char> bytes;
+                if (!decodeBase64(std::string(text(element, scratch)), bytes))
+                    fail(element, "invalid base64 in <data>");
+                return;
+            }
+            break;
+        case 'a':
+            if (std::strcmp(name, "array") == 0) return container(element, depth);
+            break;
+        case 's':
+            if (std::strcmp(name, "string") == 0) return static_cast<void>(text(element, scratch));
+            break;
+        case 'i':
+            if (std::strcmp(name, "integer") == 0) {
+                const std::string_view number = trimmed(text(element, scratch));
+                std::variant<std::int64_t, std::uint64_t> unused;
+                NumberStatus status = parseInteger(number, unused);
+                if (status == NumberStatus::Invalid) fail(element, "invalid integer '" + std::string(number) + "'");
+                if (status == NumberStatus::OutOfRange)
+                    fail(element, "integer out of range '" + std::string(number) + "'");
+                return;
+            }
+            break;
+        case 'r':
+            if (std::strcmp(name, "real") == 0) {
+                const std::string_view number = trimmed(text(element, scratch));
+                double unused = 0;
+                NumberStatus status = parseReal(number, unused);
+                if (status == NumberStatus::Invalid) fail(element, "invalid real '" + std::string(number) + "'");
+                if (status == NumberStatus::OutOfRange)
+                    fail(element, "real out of range '" + std::string(number) + "'");
+                return;
+            }
+            break;
+        case 't':
+        case 'f':
+            if (std::strcmp(name, "true") == 0 || std::strcmp(name, "false") == 0) {
+                if (!isAllSpace(text(element, scratch))) fail(element, "text in " + elementName(element));
+                return;
+            }
+            break;
+        case 'k':
+            if (std::strcmp(name, "key") == 0) fail(element, "<key> outside a <dict>");
+            break;
+        }
+        fail(element, "unknown element " + elementName(element));
+    }
+
+    void container(pugi::xml_node element, int depth) const {
+        // The check recurses once per level, so this bounds the stack.
+        if (depth > PropertyList::maxDepth)
+            fail(element, "nesting deeper than " + std::to_string(PropertyList::maxDepth) + " levels");
+        if (element.name()[0] == 'd') dictionary(element, depth);
+        else array(element, depth);
+    }
+
+    void dictionary(pugi::xml_node element, int depth) const {
+        KeySet keys;
+        pugi::xml_node key;
+        std::string_view keyText;
+        for (pugi::xml_node child = element.first_child(); child; child = child.next_sibling()) {
+            if (isText(child)) {
+                expectSpace(child, "stray text in <dict>");
+                continue;
+            }
+            if (child.type() != pugi::node_element) continue;
+            bool isKey = std::strcmp(child.name(), "key") == 0;
+            if (!key) {
+                if (!isKey) fail(child, elementName(child) + " without a <key> in <dict>");
+                key = child;
+                std::string scratch;
+                keyText = text(child, scratch);
+                if (keyText.data() == scratch.data()) keyText = keys.keep(std::move(scratch));
+                continue;
+            }
+            if (isKey) fail(key, "key '" + std::string(keyText) + "' has no value");
+            if (!keys.insert(keyText)) fail(key, "duplicate key '" + std::string(keyText) + "'");
+            value(child, depth + 1);
+            key = pugi::xml_node();
+        }
+        if (key) fail(key, "key '" + std::string(keyText) + "' has no value");
+    }
+
+    // The keys of one dictionary: compared in place while few, hashed beyond.
+    class KeySet {
+    public:
+        bool insert(std::string_view key) {
+            if (mCount < mFew.size()) {
+                for (std::size_t i = 0; i < mCount; ++i)
+                    if (mFew[i] == key) return false;
+                mFew[mCount++] = key;
+                if (mCount == mFew.size()) mMany.insert(mFew.begin(), mFew.end());
+                return true;
+            }
+            return mMany.insert(key).second;
+        }
+        // A decoded key outlives the decoding's scratch text here.
+        std::string_view keep(std::string&& text) {
+            mDecoded.push_back(std::make_unique<std::string>(std::move(text)));
+            return *mDecoded.back();
+        }
+
+    private:
+        std::array<std::string_view, 16> mFew;
+        std::size_t mCount = 0;
+        std::unordered_set<std::string_view> mMany;
+        std::vector<std::unique_ptr<std::string>> mDecoded;
+    };
+
+    void array(pugi::xml_node element, int depth) const {
+        for (pugi::xml_node child = element.first_child(); child; child = child.next_sibling()) {
+            if (child.type() == pugi::node_element)
+                value(child, depth + 1);
+            else if (isText(child))
+                expectSpace(child, "stray text in <array>");
+        }
+    }
+
+    // The character content of an element that may hold no element.
+    std::string_view text(pugi::xml_node element, std::string& scratch) const {
+        pugi::xml_node child = element.first_child();
+        if (!child) return {};
+        if (!child.next_sibling() && child.type() == pugi::node_pcdata) {
+            const char* raw = child.value();
+            if (!std::strchr(raw, '&')) return raw;
+        }
+        for (; child; child = child.next_sibling()) {
+            if (child.type() == pugi::node_element)
+                fail(child, "unexpected element " + elementName(child) + " in " + elementName(element));
+            if (child.type() == pugi::node_pcdata) {
+                std::string reason, unused;
+                const std::string_view raw = child.value();
+                std::size_t at = appendUnescaped(raw, unused, reason);
+                if (at != std::string_view::npos) failInText(child, raw, at, reason);
+            }
+        }
+        return textOf(element, scratch);
+    }
+
+    const std::string& mText;
+    const std::string& mSourceName;
+};
+
+} // namespace
+
+Document::Document(const std::string& text, const std::string& sourceName) {
+    Checker checker(text, sourceName);
+    checker.checkBytes();
+    checker.checkParse(mDocument.load_buffer(text.data(), text.size(), parseOptionsFor(text), pugi::encoding_utf8));
+    mRoot = Node(checker.root(mDocument));
+}
+
+Kind Node::kind() const {
+    const char* name = mElement.name();
+    switch (name[0]) {
+    case 'a': return Kind::Array;
+    case 's': return Kind::String;
+    case 'i': return Kind::Integer;
+    case 'r': return Kind::Real;
+    case 't':
+    case 'f': return Kind::Boolean;
+    default:  // "dict", "date", "data"
+        return name[1] == 'i' ? Kind::Dictionary : name[3] == 'e' ? Kind::Date : Kind::Data;
+    }
+}
+
+namespace {
+
+// The value that follows a key of a checked dictionary.
+pugi::xml_node valueOf(pugi::xml_node key) {
+    pugi::xml_node value = key.next_sibling();
+    while (value && value.type() != pugi::node_element) value = value.next_sibling();
+    return value;
+}
+
+} // namespace
+
+std::vector<std::pair<std::string, Node>> Node::members() const {
+    std::vector<std::pair<std::string, Node>> result;
+    std::string scratch;
+    for (pugi::xml_node child = mElement.child("key"); child; child = child.next_sibling("key"))
+        result.emplace_back(std::string(textOf(child, scratch)), Node(valueOf(child)));
+    return result;
+}
+
+Document::Members::Members(Node dictionary) {
+    // Room for a record's few keys at once; larger dictionaries grow as usual.
+    mEntries.reserve(8);
+    std::string scratch;
+    for (pugi::xml_node key = dictionary.mElement.first_child(); key; key = key.next_sibling()) {
+        if (key.type() != pugi::node_element) continue;
+        const pugi::xml_node value = valueOf(key);
+        std::string_view text = textOf(key, scratch);
+        if (text.data() == scratch.data()) {
+            mDecoded.push_back(std::make_unique<std::string>(std::move(scratch)));
+            text = *mDecoded.back();
+        }
+        mEntries.emplace_back(text, Node(value));
+        key = value;
+    }
+}
+
+Node Document::Members::find(std::string_view key) const {
+    for (const auto& [text, value] : mEntries)
+        if (text == key) return value;
+    return Node();
+}
+
+std::vector<Node> Node::items() const {
+    std::vector<Node> result;
+    for (pugi::xml_node child = mElement.first_child(); child; child = child.next_sibling())
+        if (child.type() == pugi::node_element) result.push_back(Node(child));
+    return result;
+}
+
+std::string Node::text() const {
+    std::string scratch;
+    const std::string_view view = textOf(mElement, scratch);
+    return view.data() == scratch.data() ? scratch : std::string(view);
+}
+
+bool Node::boolean() const {
+    return mElement.name()[0] == 't';
+}
+
+std::variant<std::int64_t, std::uint64_t> Node::integer() const {
+    std::string scratch;
+    std::variant<std::int64_t, std::uint64_t> value;
+    parseInteger(trimmed(textOf(mElement, scratch)), value);
+    return value;
+}
+
+double Node::real() const {
+    std::string scratch;
+    double value = 0;
+    parseReal(trimmed(textOf(mElement, scratch)), value);
+    return value;
+}
+
+std::vector<unsigned char> Node::data() const {
+    std::vector<unsigned char> bytes;
+    decodeBase64(text(), bytes);
+    return bytes;
+}
+
+boost::any Node::toAny() const {
+    switch (kind()) {
+    case Kind::Dictionary: {
+        PropertyList::Dictionary result;
+        for (auto& [key, value] : members()) result.emplace(std::move(key), value.toAny());
+        return result;
+    }
+    case Kind::Array: {
+        PropertyList::Array result;
+        for (const Node& item : items()) result.push_back(item.toAny());
+        return result;
+    }
+    case Kind::String: return text();
+    case Kind::Integer: return std::visit([](auto number) { return boost::any(number); }, integer());
+    case Kind::Real: return real();
+    case Kind::Boolean: return boolean();
+    case Kind::Date: return PropertyList::Date{text()};
+    case Kind::Data: return PropertyList::Data{data()};
+    }
+    return boost::any();
+}
+
+std::string messagePrefix(const std::string& sourceName) {
+    return sourceName.empty() ? "Property list" : "Property list " + sourceName;
+}
+
+const char* kindName(Kind kind) {
+    switch (kind) {
+    case Kind::Dictionary: return "a dictionary";
+    case Kind::Array: return "an array";
+    case Kind::String: return "a string";
+    case Kind::Integer: return "an integer";
+    case Kind::Real: return "a real number";
+    case Kind::Boolean: return "a boolean";
+    case Kind::Date: return "a date";
+    case Kind::Data: return "data";
+    }
+    return "a value of an unknown kind";
+}
+
+} // namespace plist
+} // namespace Base
