@@ -2,7 +2,7 @@
 # Installs the Debian packages that building and testing libkym need, when missing.
 set -euo pipefail
 packages=(build-essential cmake pkg-config
-  libboost-filesystem-dev libboost-regex-dev libboost-dev
+  libboost1.81-dev libboost-filesystem1.81-dev
   libarchive-dev libpugixml-dev libspdlog-dev libfmt-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   clang libclang-rt-dev

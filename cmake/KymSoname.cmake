@@ -1,0 +1,27 @@
+# kym_library_soname(<imported target> <variable>)
+# Sets <variable> to the SONAME of the shared library behind an imported
+# target: the file name the dynamic loader opens at run time.
+function(kym_library_soname target variable)
+  get_target_property(location ${target} IMPORTED_LOCATION)
+  if(NOT location)
+    get_target_property(location ${target} LOCATION)
+  endif()
+  if(NOT location OR NOT EXISTS "${location}")
+    message(FATAL_ERROR "${target} names no library file (\"${location}\"); its SONAME cannot be read.")
+  endif()
+  if(CMAKE_OBJDUMP)
+    set(command ${CMAKE_OBJDUMP} -p "${location}")
+  elseif(CMAKE_READELF)
+    set(command ${CMAKE_READELF} -d "${location}")
+  else()
+    message(FATAL_ERROR "Neither objdump nor readelf was found to read the SONAME of ${location}.")
+  endif()
+  execute_process(COMMAND ${command} RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE error)
+  # objdump: "  SONAME   libx.so.1"; readelf: "(SONAME)   Library soname: [libx.so.1]"
+  if(result EQUAL 0 AND output MATCHES "SONAME\\)?[ \t]+(Library soname: \\[)?([^] \t\r\n]+)")
+    set(${variable} "${CMAKE_MATCH_2}" PARENT_SCOPE)
+  else()
+    message(FATAL_ERROR "${location} is no shared library with a SONAME (${command}: ${result} ${error}); "
+      "the program loads it at run time and needs one.")
+  endif()
+endfunction()
