@@ -49,13 +49,9 @@ void BaseSettings::load() {
     if (!fs::exists(mDataFile, error)) return;
     Base::Unarchiver archive(mDataFile);
     // Decoded aside first, so a damaged file leaves the store as it was.
-    auto common = archive.decodeValue<std::vector<EnvironmentVariable>>(CommonVariablesKey);
-    auto unixList = archive.decodeValue<std::vector<EnvironmentVariable>>(UnixVariablesKey);
-    auto windows = archive.decodeValue<std::vector<EnvironmentVariable>>(WindowsVariablesKey);
+    auto lists = decodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
     auto applications = archive.decodeValue<std::vector<ConfigApplication>>(ApplicationListKey);
-    mCommonVariables = std::move(common);
-    mUnixVariables = std::move(unixList);
-    mWinVariables = std::move(windows);
+    takeVariableLists(std::move(lists));
     mApplications = std::move(applications);
 }
 
@@ -64,9 +60,7 @@ void BaseSettings::save() {
     // Encoding an application clears its marks, so a copy is encoded: a failed write keeps them.
     std::vector<ConfigApplication> applications = mApplications;
     Base::Archiver archive(mDataFile);
-    archive.encodeObject(CommonVariablesKey, mCommonVariables);
-    archive.encodeObject(UnixVariablesKey, mUnixVariables);
-    archive.encodeObject(WindowsVariablesKey, mWinVariables);
+    encodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
     archive.encodeObject(ApplicationListKey, applications);
     archive.finishEncoding();
     for (ConfigApplication& application : mApplications) application.setVariableListsEdited(false);

@@ -140,9 +140,7 @@ void ConfigurationSettings::save() {
     std::vector<ConfigApplication> applications = mApplications;
     Base::Archiver archive(mDataFile);
     archive.encodeObject(WorkDirectoryListKey, mWorkDirectories);
-    archive.encodeObject(CommonVariablesKey, mCommonVariables);
-    archive.encodeObject(UnixVariablesKey, mUnixVariables);
-    archive.encodeObject(WindowsVariablesKey, mWinVariables);
+    encodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
     archive.encode(DisabledPluginsKey, mDisabledPlugins);
     archive.encodeObject(ApplicationListKey, applications);
     archive.encodeObject(ApplicationOverlayListKey, mOverlays);

@@ -51,14 +51,10 @@ void PluginSettings::load() {
     // Decoded aside first, so a damaged file leaves the plugin as it was.
     std::string type = SiteWideType;
     archive.decode(PluginTypeKey, type);
-    auto common = archive.decodeValue<std::vector<EnvironmentVariable>>(CommonVariablesKey);
-    auto unixList = archive.decodeValue<std::vector<EnvironmentVariable>>(UnixVariablesKey);
-    auto windows = archive.decodeValue<std::vector<EnvironmentVariable>>(WindowsVariablesKey);
+    auto lists = decodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
     auto applications = archive.decodeValue<std::vector<ConfigApplication>>(ApplicationListKey);
     mPluginType = std::move(type);
-    mCommonVariables = std::move(common);
-    mUnixVariables = std::move(unixList);
-    mWinVariables = std::move(windows);
+    takeVariableLists(std::move(lists));
     mApplications = std::move(applications);
 }
 
@@ -68,9 +64,7 @@ void PluginSettings::save() {
     std::vector<ConfigApplication> applications = mApplications;
     Base::Archiver archive(mDataFile);
     archive.encode(PluginTypeKey, mPluginType);
-    archive.encodeObject(CommonVariablesKey, mCommonVariables);
-    archive.encodeObject(UnixVariablesKey, mUnixVariables);
-    archive.encodeObject(WindowsVariablesKey, mWinVariables);
+    encodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
     archive.encodeObject(ApplicationListKey, applications);
     archive.finishEncoding();
     for (ConfigApplication& application : mApplications) application.setVariableListsEdited(false);

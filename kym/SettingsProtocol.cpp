@@ -1,6 +1,8 @@
 #include "kym/SettingsProtocol.h"
 
+#include "base/Archiver.h"
 #include "base/Platform.h"
+#include "base/Unarchiver.h"
 #include "base/log/Logger.h"
 
 #include <boost/algorithm/string/replace.hpp>
@@ -157,6 +159,28 @@ EnvVariableListSource* SettingsProtocol::unixVariables() {
 EnvVariableListSource* SettingsProtocol::winVariables() {
     mWinVariablesSource.setList(&mWinVariables);
     return &mWinVariablesSource;
+}
+
+SettingsProtocol::VariableLists SettingsProtocol::decodeVariableLists(Base::Unarchiver& archive, const char* commonKey,
+                                                                     const char* unixKey, const char* windowsKey) {
+    VariableLists lists;
+    lists.common = archive.decodeValue<std::vector<EnvironmentVariable>>(commonKey);
+    lists.unixList = archive.decodeValue<std::vector<EnvironmentVariable>>(unixKey);
+    lists.windows = archive.decodeValue<std::vector<EnvironmentVariable>>(windowsKey);
+    return lists;
+}
+
+void SettingsProtocol::encodeVariableLists(Base::Archiver& archive, const char* commonKey, const char* unixKey,
+                                           const char* windowsKey) const {
+    archive.encodeObject(commonKey, mCommonVariables);
+    archive.encodeObject(unixKey, mUnixVariables);
+    archive.encodeObject(windowsKey, mWinVariables);
+}
+
+void SettingsProtocol::takeVariableLists(VariableLists&& lists) {
+    mCommonVariables = std::move(lists.common);
+    mUnixVariables = std::move(lists.unixList);
+    mWinVariables = std::move(lists.windows);
 }
 
 bool SettingsProtocol::variableListsEdited() const {

@@ -9,6 +9,11 @@
 #include <string>
 #include <vector>
 
+namespace Base {
+class Archiver;
+class Unarchiver;
+} // namespace Base
+
 namespace Kym {
 
 class KYM_EXPORT SettingsProtocol {
@@ -44,6 +49,20 @@ public:
     static void replaceVariable(const EnvironmentVariable& variable, std::vector<EnvironmentVariable>& list);
 
 protected:
+    // The three lists as a store reads them: aside, so that a damaged file
+    // leaves the store as it was until it takes them.
+    struct VariableLists {
+        std::vector<EnvironmentVariable> common;
+        std::vector<EnvironmentVariable> unixList;
+        std::vector<EnvironmentVariable> windows;
+    };
+    // Under the store's own keys, in the order common, Unix, Windows.
+    static VariableLists decodeVariableLists(Base::Unarchiver& archive, const char* commonKey, const char* unixKey,
+                                             const char* windowsKey);
+    void encodeVariableLists(Base::Archiver& archive, const char* commonKey, const char* unixKey,
+                             const char* windowsKey) const;
+    void takeVariableLists(VariableLists&& lists);
+
     std::vector<EnvironmentVariable> mCommonVariables;
     std::vector<EnvironmentVariable> mUnixVariables;
     std::vector<EnvironmentVariable> mWinVariables;

@@ -90,9 +90,7 @@ void SiteSettings::load() {
     auto browser = archive.decodeValue<EnvironmentVariable>(BrowserKey);
     bool useWindowsRegistry = true;
     archive.decode(UseWindowsRegistryKey, useWindowsRegistry);
-    auto common = archive.decodeValue<std::vector<EnvironmentVariable>>(CommonVariablesKey);
-    auto unixList = archive.decodeValue<std::vector<EnvironmentVariable>>(UnixVariablesKey);
-    auto windows = archive.decodeValue<std::vector<EnvironmentVariable>>(WindowsVariablesKey);
+    auto lists = decodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
     auto unixPlotConfBase = archive.decodeValue<EnvironmentVariable>(UnixPlotConfBaseKey);
     auto winPlotConfBase = archive.decodeValue<EnvironmentVariable>(WindowsPlotConfBaseKey);
     std::string unixExternalPluginsLocation;
@@ -108,9 +106,7 @@ void SiteSettings::load() {
     mWinPortalInstallPath = std::move(winPortalInstallPath);
     mBrowser = std::move(browser);
     mUseWindowsRegistry = useWindowsRegistry;
-    mCommonVariables = std::move(common);
-    mUnixVariables = std::move(unixList);
-    mWinVariables = std::move(windows);
+    takeVariableLists(std::move(lists));
     mUnixPlotConfBase = std::move(unixPlotConfBase);
     mWinPlotConfBase = std::move(winPlotConfBase);
     mUnixExternalPluginsLocation = std::move(unixExternalPluginsLocation);
@@ -131,9 +127,7 @@ void SiteSettings::save() {
     archive.encodeObject(WindowsPortalInstallPathKey, mWinPortalInstallPath);
     archive.encodeObject(BrowserKey, mBrowser);
     archive.encode(UseWindowsRegistryKey, mUseWindowsRegistry);
-    archive.encodeObject(CommonVariablesKey, mCommonVariables);
-    archive.encodeObject(UnixVariablesKey, mUnixVariables);
-    archive.encodeObject(WindowsVariablesKey, mWinVariables);
+    encodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
     archive.encodeObject(UnixPlotConfBaseKey, mUnixPlotConfBase);
     archive.encodeObject(WindowsPlotConfBaseKey, mWinPlotConfBase);
     archive.encode(UnixExternalPluginsLocationKey, mUnixExternalPluginsLocation);

@@ -44,17 +44,6 @@ std::string elementName(pugi::xml_node element) {
     return std::string("<") + element.name() + ">";
 }
 
-std::string_view trimmed(std::string_view text) {
-    std::size_t first = 0, last = text.size();
-    while (first < last && isXmlSpace(text[first])) ++first;
-    while (last > first && isXmlSpace(text[last - 1])) --last;
-    return text.substr(first, last - first);
-}
-
-bool isAllSpace(std::string_view text) {
-    return trimmed(text).empty();
-}
-
 // Appends raw with its references replaced. Only the five predefined entities
 // and character references exist in a property list. On a bad reference,
 // returns its offset in raw and the reason; npos otherwise.
@@ -301,7 +290,7 @@ private:
             break;
         case 'i':
             if (std::strcmp(name, "integer") == 0) {
-                const std::string_view number = trimmed(text(element, scratch));
+                const std::string_view number = trimXmlSpace(text(element, scratch));
                 std::variant<std::int64_t, std::uint64_t> unused;
                 NumberStatus status = parseInteger(number, unused);
                 if (status == NumberStatus::Invalid) fail(element, "invalid integer '" + std::string(number) + "'");
@@ -312,7 +301,7 @@ private:
             break;
         case 'r':
             if (std::strcmp(name, "real") == 0) {
-                const std::string_view number = trimmed(text(element, scratch));
+                const std::string_view number = trimXmlSpace(text(element, scratch));
                 double unused = 0;
                 NumberStatus status = parseReal(number, unused);
                 if (status == NumberStatus::Invalid) fail(element, "invalid real '" + std::string(number) + "'");
@@ -324,7 +313,7 @@ private:
         case 't':
         case 'f':
             if (std::strcmp(name, "true") == 0 || std::strcmp(name, "false") == 0) {
-                if (!isAllSpace(text(element, scratch))) fail(element, "text in " + elementName(element));
+                if (!trimXmlSpace(text(element, scratch)).empty()) fail(element, "text in " + elementName(element));
                 return;
             }
             break;
@@ -413,17 +402,20 @@ private:
             const char* raw = child.value();
             if (!std::strchr(raw, '&')) return raw;
         }
+        scratch.clear();
         for (; child; child = child.next_sibling()) {
             if (child.type() == pugi::node_element)
                 fail(child, "unexpected element " + elementName(child) + " in " + elementName(element));
-            if (child.type() == pugi::node_pcdata) {
-                std::string reason, unused;
+            if (child.type() == pugi::node_cdata) {
+                scratch += child.value();
+            } else if (child.type() == pugi::node_pcdata) {
+                std::string reason;
                 const std::string_view raw = child.value();
-                std::size_t at = appendUnescaped(raw, unused, reason);
+                std::size_t at = appendUnescaped(raw, scratch, reason);
                 if (at != std::string_view::npos) failInText(child, raw, at, reason);
             }
         }
-        return textOf(element, scratch);
+        return scratch;
     }
 
     const std::string& mText;
@@ -463,14 +455,6 @@ pugi::xml_node valueOf(pugi::xml_node key) {
 }
 
 } // namespace
-
-std::vector<std::pair<std::string, Node>> Node::members() const {
-    std::vector<std::pair<std::string, Node>> result;
-    std::string scratch;
-    for (pugi::xml_node child = mElement.child("key"); child; child = child.next_sibling("key"))
-        result.emplace_back(std::string(textOf(child, scratch)), Node(valueOf(child)));
-    return result;
-}
 
 Document::Members::Members(Node dictionary) {
     // Room for a record's few keys at once; larger dictionaries grow as usual.
@@ -515,14 +499,14 @@ bool Node::boolean() const {
 std::variant<std::int64_t, std::uint64_t> Node::integer() const {
     std::string scratch;
     std::variant<std::int64_t, std::uint64_t> value;
-    parseInteger(trimmed(textOf(mElement, scratch)), value);
+    parseInteger(trimXmlSpace(textOf(mElement, scratch)), value);
     return value;
 }
 
 double Node::real() const {
     std::string scratch;
     double value = 0;
-    parseReal(trimmed(textOf(mElement, scratch)), value);
+    parseReal(trimXmlSpace(textOf(mElement, scratch)), value);
     return value;
 }
 
@@ -536,7 +520,8 @@ boost::any Node::toAny() const {
     switch (kind()) {
     case Kind::Dictionary: {
         PropertyList::Dictionary result;
-        for (auto& [key, value] : members()) result.emplace(std::move(key), value.toAny());
+        const Members members(*this);
+        for (const auto& [key, value] : members.entries()) result.emplace(key, value.toAny());
         return result;
     }
     case Kind::Array: {

@@ -28,8 +28,6 @@ public:
         explicit operator bool() const { return static_cast<bool>(mElement); }
 
         Kind kind() const;
-        // Dictionary: the entries in document order.
-        std::vector<std::pair<std::string, Node>> members() const;
         // Array: the items in order.
         std::vector<Node> items() const;
         // String and date: the text.
@@ -57,6 +55,8 @@ public:
         explicit Members(Node dictionary);
         // The value under the key; a null node when there is none.
         Node find(std::string_view key) const;
+        // The entries in document order.
+        const std::vector<std::pair<std::string_view, Node>>& entries() const { return mEntries; }
 
     private:
         std::vector<std::pair<std::string_view, Node>> mEntries;

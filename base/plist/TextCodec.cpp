@@ -91,13 +91,7 @@ void appendUtf8(std::string& out, char32_t codePoint) {
     }
 }
 
-bool isAllXmlSpace(const std::string& text) {
-    for (char c : text)
-        if (!isXmlSpace(c)) return false;
-    return true;
-}
-
-std::string trimXmlSpace(const std::string& text) {
+std::string_view trimXmlSpace(std::string_view text) {
     std::size_t begin = 0, end = text.size();
     while (begin < end && isXmlSpace(text[begin])) ++begin;
     while (end > begin && isXmlSpace(text[end - 1])) --end;

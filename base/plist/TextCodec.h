@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Base {
@@ -22,8 +23,7 @@ void appendUtf8(std::string& out, char32_t codePoint);
 inline bool isXmlSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
-bool isAllXmlSpace(const std::string& text);
-std::string trimXmlSpace(const std::string& text);
+std::string_view trimXmlSpace(std::string_view text);
 
 // Standard base64 with padding, in one line.
 std::string encodeBase64(const std::vector<unsigned char>& bytes);

@@ -14,7 +14,6 @@
 #include <fcntl.h>
 #include <map>
 #include <sstream>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -26,29 +25,7 @@ namespace {
 namespace fs = boost::filesystem;
 using KymTest::TempDir;
 
-// Started programs are orphans by design, and some containers run an init
-// that never reaps orphans; so the tests run in a child of a process that
-// adopts the orphans and reaps them.
-const bool orphansReaped = [] {
-    if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) return false;
-    pid_t tests = ::fork();
-    if (tests < 0) return false;
-    if (tests == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        return true;
-    }
-    int status = 0, testsStatus = 0;
-    for (pid_t done; (done = ::wait(&status)) != tests;)
-        if (done < 0 && errno != EINTR) ::_exit(125);
-    testsStatus = status;
-    while (::waitpid(-1, &status, WNOHANG) > 0) {
-    }
-    if (WIFSIGNALED(testsStatus)) {
-        ::signal(WTERMSIG(testsStatus), SIG_DFL);
-        ::kill(::getpid(), WTERMSIG(testsStatus));
-    }
-    ::_exit(WIFEXITED(testsStatus) ? WEXITSTATUS(testsStatus) : 128 + WTERMSIG(testsStatus));
-}();
+const bool orphansReaped = KymTest::reapOrphansOfTheTests();
 
 // A script that records how it was started. The argument vector and the
 // environment come from /proc, which holds exactly what execve was given

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -18,28 +17,7 @@ using KymTest::thrownMessage;
 
 namespace {
 
-// Started programs are orphans by design and this container's init never
-// reaps orphans; so the tests run in a child of a process that adopts and reaps them.
-const bool orphansReaped = [] {
-    if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) return false;
-    const pid_t tests = ::fork();
-    if (tests < 0) return false;
-    if (tests == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        return true;
-    }
-    int status = 0, testsStatus = 0;
-    for (pid_t done; (done = ::wait(&status)) != tests;)
-        if (done < 0 && errno != EINTR) ::_exit(125);
-    testsStatus = status;
-    while (::waitpid(-1, &status, WNOHANG) > 0) {
-    }
-    if (WIFSIGNALED(testsStatus)) {
-        ::signal(WTERMSIG(testsStatus), SIG_DFL);
-        ::kill(::getpid(), WTERMSIG(testsStatus));
-    }
-    ::_exit(WIFEXITED(testsStatus) ? WEXITSTATUS(testsStatus) : 128 + WTERMSIG(testsStatus));
-}();
+const bool orphansReaped = KymTest::reapOrphansOfTheTests();
 
 // A program that records how it was started: its argument vector and
 // environment as execve gave them (from /proc) and its working directory.

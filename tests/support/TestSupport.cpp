@@ -12,6 +12,9 @@
 #include <pwd.h>
 #include <sstream>
 #include <stdexcept>
+#include <cerrno>
+#include <csignal>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utime.h>
@@ -129,6 +132,27 @@ int runAsNobody(const std::function<int()>& function) {
 void makeTarGz(const fs::path& archive, const fs::path& contentDirectory) {
     std::string command = "tar -czf '" + archive.string() + "' -C '" + contentDirectory.string() + "' .";
     if (std::system(command.c_str()) != 0) throw std::runtime_error("tar failed: " + command);
+}
+
+bool reapOrphansOfTheTests() {
+    if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) return false;
+    const pid_t tests = ::fork();
+    if (tests < 0) return false;
+    if (tests == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        return true;
+    }
+    int status = 0, testsStatus = 0;
+    for (pid_t done; (done = ::wait(&status)) != tests;)
+        if (done < 0 && errno != EINTR) ::_exit(125);
+    testsStatus = status;
+    while (::waitpid(-1, &status, WNOHANG) > 0) {
+    }
+    if (WIFSIGNALED(testsStatus)) {
+        ::signal(WTERMSIG(testsStatus), SIG_DFL);
+        ::kill(::getpid(), WTERMSIG(testsStatus));
+    }
+    ::_exit(WIFEXITED(testsStatus) ? WEXITSTATUS(testsStatus) : 128 + WTERMSIG(testsStatus));
 }
 
 } // namespace KymTest

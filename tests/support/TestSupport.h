@@ -71,6 +71,12 @@ private:
 // processes, so the function returns a code instead.
 int runAsNobody(const std::function<int()>& function);
 
+// Started programs are orphans by design, and some containers run an init
+// that never reaps orphans. Call once, at static initialisation: this process
+// becomes a reaper of orphans and the tests go on in a child of it (where the
+// call returns true); the parent waits, reaps and exits with the tests' status.
+bool reapOrphansOfTheTests();
+
 // Makes a gzip-compressed tar archive of a directory's content with the tar program.
 void makeTarGz(const fs::path& archive, const fs::path& contentDirectory);
 

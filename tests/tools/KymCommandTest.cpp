@@ -22,7 +22,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <pty.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -31,29 +30,7 @@ namespace {
 
 using namespace KymTest;
 
-// Programs that kym starts are orphans by design, and some containers run an
-// init that never reaps orphans; so the tests run in a child of a process
-// that adopts the orphans and reaps them.
-const bool orphansReaped = [] {
-    if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) return false;
-    pid_t tests = ::fork();
-    if (tests < 0) return false;
-    if (tests == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        return true;
-    }
-    int status = 0, testsStatus = 0;
-    for (pid_t done; (done = ::wait(&status)) != tests;)
-        if (done < 0 && errno != EINTR) ::_exit(125);
-    testsStatus = status;
-    while (::waitpid(-1, &status, WNOHANG) > 0) {
-    }
-    if (WIFSIGNALED(testsStatus)) {
-        ::signal(WTERMSIG(testsStatus), SIG_DFL);
-        ::kill(::getpid(), WTERMSIG(testsStatus));
-    }
-    ::_exit(WIFEXITED(testsStatus) ? WEXITSTATUS(testsStatus) : 128 + WTERMSIG(testsStatus));
-}();
+const bool orphansReaped = KymTest::reapOrphansOfTheTests();
 
 const std::string KymProgram = std::string(KYM_BINARY_DIR) + "/tools/kym";
 
