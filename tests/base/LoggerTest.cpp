@@ -41,9 +41,6 @@ std::string failureOf(Action action) {
 } // namespace
 
 TEST(Logger, LibraryLoggersAreOffUntilSwitchedOn) {
-    EXPECT_EQ("kym.info", Base::log::info().name());
-    EXPECT_EQ("kym.verbose", Base::log::verbose().name());
-    EXPECT_EQ(&Base::log::info(), &Base::log::info());
     EXPECT_FALSE(Base::log::info().isEnabled());
     EXPECT_FALSE(Base::log::verbose().isEnabled());
     EXPECT_FALSE(Base::log::Logger("kymtest.new").isEnabled());
@@ -77,8 +74,8 @@ TEST(Logger, LoggersOfOneNameShareTheirState) {
     EXPECT_EQ(std::vector<std::string>{"kymtest.shared:   one line"}, recorder.lines());
 }
 
-TEST(LoggerStream, FormatsNothingWhenTheLoggerIsOff) {
-    KymTest::LogRecorder recorder(std::vector<std::string>{});
+TEST(LoggerStream, FormatsNothingWhenTheLoggerIsOffAndWritesOneLineWhenDestroyed) {
+    KymTest::LogRecorder recorder({"kym.verbose"});
     Base::log::Logger off("kymtest.off");
     int formatted = 0;
     {
@@ -87,12 +84,6 @@ TEST(LoggerStream, FormatsNothingWhenTheLoggerIsOff) {
         stream << "value " << Counted{&formatted};
     }
     EXPECT_EQ(0, formatted);
-    EXPECT_TRUE(recorder.lines().empty());
-}
-
-TEST(LoggerStream, WritesOneLineWhenDestroyed) {
-    KymTest::LogRecorder recorder;
-    int formatted = 0;
     {
         Base::log::LoggerStream stream(Base::log::verbose());
         EXPECT_TRUE(stream);
@@ -135,9 +126,6 @@ TEST(Logger, OutputFileIsAppendedWithNameAndLine) {
     BASE_LOG(logger) << "  second";
     Base::log::setOutputStandardError();
     EXPECT_EQ("earlier\n[kymtest.file] first\n[kymtest.file]   second\n", KymTest::readFile(dir / "kym.log"));
-
-    EXPECT_EQ("Cannot open log file " + (dir / "none" / "kym.log").string() + ": No such file or directory",
-              failureOf([&] { Base::log::setOutputFile((dir / "none" / "kym.log").string()); }));
 }
 
 TEST(BaseKit, InitializeAppliesKymLogAndKymLogFile) {
@@ -163,10 +151,18 @@ TEST(BaseKit, InitializeReportsAnUnusableLogFile) {
               failureOf([] { Base::BaseKit::initialize(nullptr); }));
 }
 
-TEST(SmartAssert, WritesOneReportAndReturns) {
+// Runs the action with assertion reports going to a text, and returns that text.
+template <class Action>
+std::string assertReport(Action action) {
     std::ostringstream report;
     std::ostream* previous = Base::setAssertStream(&report);
     EXPECT_EQ(&std::cerr, previous);
+    action();
+    EXPECT_EQ(&report, Base::setAssertStream(previous));
+    return report.str();
+}
+
+TEST(SmartAssert, WritesOneReportAndReturnsOnlyWhenTheConditionFails) {
     std::vector<int> list{1, 2};
     std::size_t index = 7;
     auto application = [&] {
@@ -174,29 +170,19 @@ TEST(SmartAssert, WritesOneReportAndReturns) {
                           {"index", Base::assertValue(index)}, {"size", Base::assertValue(list.size())});
         return 1;
     };
-    EXPECT_EQ(1, application());
-    Base::setAssertStream(previous);
     EXPECT_EQ("Assertion (level 300) failed: index < list.size()\n"
               "  in LoggerTest.cpp, function operator()\n"
               "  index = 7\n"
               "  size = 2\n"
               "  tried to access out of range application\n",
-              report.str());
+              assertReport([&] { EXPECT_EQ(1, application()); }));
+    index = 1;
+    EXPECT_EQ("", assertReport(application));
 }
 
-TEST(SmartAssert, ReportWithoutValuesOrMessage) {
-    std::ostringstream report;
-    std::ostream* previous = Base::setAssertStream(&report);
-    Base::smart_assert(100, "first <= self", "C:\\src\\kym\\Time.cpp", "dayOfYear", {}, "");
-    Base::setAssertStream(previous);
-    EXPECT_EQ("Assertion (level 100) failed: first <= self\n  in Time.cpp, function dayOfYear\n", report.str());
-}
-
-TEST(SmartAssert, HoldingConditionWritesNothing) {
-    std::ostringstream report;
-    std::ostream* previous = Base::setAssertStream(&report);
-    int index = 0;
-    BASE_SMART_ASSERT(300, index == 0, "unused", {"index", Base::assertValue(index)});
-    Base::setAssertStream(previous);
-    EXPECT_EQ("", report.str());
+TEST(SmartAssert, ReportWithoutValuesOrMessageNamesOnlyTheFile) {
+    EXPECT_EQ("Assertion (level 100) failed: first <= self\n  in Time.cpp, function dayOfYear\n",
+              assertReport([] {
+                  Base::smart_assert(100, "first <= self", "C:\\src\\kym\\Time.cpp", "dayOfYear", {}, "");
+              }));
 }

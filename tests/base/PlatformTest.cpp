@@ -12,6 +12,7 @@ namespace {
 // Every convention of a set, in one comparable text.
 std::string conventions(const Platform& platform) {
     std::string text = platform.name();
+    text += std::string(" windows=") + (platform.isWindows() ? "yes" : "no");
     text += std::string(" sep=") + platform.pathSeparator() + " list=" + platform.listSeparator();
     text += " os=" + platform.osDirectoryName() + " osa=" + platform.osaDirectoryName();
     text += " script=" + platform.scriptExtension() + " cleanup=" + platform.cleanupDirectories();
@@ -30,26 +31,17 @@ protected:
 
 } // namespace
 
-TEST(Platform, WindowsConventions) {
+TEST(Platform, EachSetHasItsConventionsAndTurnsEverySeparatorItsWay) {
     const Platform& windows = Platform::get(Platform::Windows);
+    const Platform& posix = Platform::get(Platform::Posix);
     EXPECT_EQ(Platform::Windows, windows.kind());
-    EXPECT_TRUE(windows.isWindows());
-    EXPECT_EQ("windows sep=\\ list=; os=win64 osa=win64 script=bat cleanup=c:\\temp;$TEMP ownOnly=no "
+    EXPECT_EQ(Platform::Posix, posix.kind());
+    EXPECT_EQ("windows windows=yes sep=\\ list=; os=win64 osa=win64 script=bat cleanup=c:\\temp;$TEMP ownOnly=no "
               "work=${USERPROFILE} upper=yes",
               conventions(windows));
-}
-
-TEST(Platform, PosixConventions) {
-    const Platform& posix = Platform::get(Platform::Posix);
-    EXPECT_EQ(Platform::Posix, posix.kind());
-    EXPECT_FALSE(posix.isWindows());
-    EXPECT_EQ("posix sep=/ list=: os=lnx64 osa=lnx64 script=sh cleanup=/tmp;$TMPDIR ownOnly=yes work=${HOME} upper=no",
+    EXPECT_EQ("posix windows=no sep=/ list=: os=lnx64 osa=lnx64 script=sh cleanup=/tmp;$TMPDIR ownOnly=yes "
+              "work=${HOME} upper=no",
               conventions(posix));
-}
-
-TEST(Platform, NativePathTurnsEverySeparatorTheConventionsWay) {
-    const Platform& windows = Platform::get(Platform::Windows);
-    const Platform& posix = Platform::get(Platform::Posix);
     EXPECT_EQ("C:\\cad\\ugii\\\\x\\", windows.nativePath(std::string("C:/cad\\ugii//x/")));
     EXPECT_EQ("\\opt\\kym\\site.dat", windows.nativePath(boost::filesystem::path("/opt/kym") / "site.dat"));
     EXPECT_EQ("C:/cad/ugii//x/", posix.nativePath(std::string("C:/cad\\ugii\\/x\\")));

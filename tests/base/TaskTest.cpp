@@ -16,6 +16,7 @@
 #include <sstream>
 #include <sys/wait.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 extern char** environ;
@@ -94,12 +95,6 @@ struct KillAtEnd {
     }
 };
 
-struct ExecFaultReset {
-    ~ExecFaultReset() {
-        Base::SystemCalls::setExecFault(nullptr);
-    }
-};
-
 } // namespace
 
 TEST(Task, ProgramGetsExactlyTheGivenArgumentsAndEnvironment) {
@@ -119,16 +114,6 @@ TEST(Task, ProgramGetsExactlyTheGivenArgumentsAndEnvironment) {
     EXPECT_EQ(record.pid, pid);
 }
 
-TEST(Task, EmptyEnvironmentIsNotReplacedByTheInheritedOne) {
-    TempDir dir;
-    Base::Task task;
-    task.setLaunchPath(writeProbe(dir));
-    task.setEnvironment({});
-    task.launch();
-
-    EXPECT_EQ(std::vector<std::string>(), readProbe(dir).environment);
-}
-
 TEST(Task, ConstructorStartsAtOnceWithTheInheritedEnvironment) {
     TempDir dir;
     KymTest::ScopedEnv marker("KYM_TASK_MARKER", std::string("inherited value"));
@@ -143,15 +128,18 @@ TEST(Task, ConstructorStartsAtOnceWithTheInheritedEnvironment) {
     EXPECT_EQ(ownEnvironment, record.environment);
 }
 
-TEST(Task, ProgramRunsInTheGivenWorkingDirectory) {
+TEST(Task, ProgramRunsInTheGivenWorkingDirectoryWithAnEmptyEnvironmentNotTheInheritedOne) {
     TempDir dir;
     fs::create_directories(dir / "work dir");
     Base::Task task;
     task.setLaunchPath(writeProbe(dir));
     task.setCurrentDirectoryPath(dir / "work dir");
+    task.setEnvironment({});
     task.launch();
 
-    EXPECT_EQ((dir / "work dir").string() + "\n", readProbe(dir).directory);
+    ProbeRecord record = readProbe(dir);
+    EXPECT_EQ((dir / "work dir").string() + "\n", record.directory);
+    EXPECT_EQ(std::vector<std::string>(), record.environment);
 }
 
 TEST(Task, ProgramRunsOnDetachedInItsOwnSessionWithNoZombieLeft) {
@@ -219,53 +207,43 @@ TEST(Task, ProgramThatCannotBeExecutedIsReportedWithTheReason) {
     }
 }
 
-TEST(Task, UnusableWorkingDirectoryIsReportedWithTheDirectory) {
+TEST(Task, UnusableWorkingDirectoryIsReportedWithProgramAndDirectoryAsTheConventionsWritePaths) {
     TempDir dir;
     fs::path probe = writeProbe(dir);
     KymTest::writeFile(dir / "a-file", "");
-    const std::vector<std::pair<fs::path, std::string>> cases = {
-        {dir / "missing", "No such file or directory"},
-        {dir / "a-file", "Not a directory"},
+    auto windows = [](const fs::path& p) { return boost::algorithm::replace_all_copy(p.string(), "/", "\\"); };
+    const std::vector<std::tuple<Base::Platform::Kind, fs::path, std::string>> cases = {
+        {Base::Platform::Posix, dir / "missing", "Cannot start program " + probe.string() + " in directory " +
+                                                     (dir / "missing").string() + ": No such file or directory"},
+        {Base::Platform::Posix, dir / "a-file", "Cannot start program " + probe.string() + " in directory " +
+                                                    (dir / "a-file").string() + ": Not a directory"},
+        {Base::Platform::Windows, dir / "missing", "Cannot start program " + windows(probe) + " in directory " +
+                                                       windows(dir / "missing") + ": No such file or directory"},
     };
-    for (const auto& [directory, reason] : cases) {
+    for (const auto& [platform, directory, message] : cases) {
+        Base::Platform::setCurrent(platform);
         Base::Task task;
         task.setLaunchPath(probe);
         task.setCurrentDirectoryPath(directory);
-        EXPECT_EQ("Cannot start program " + probe.string() + " in directory " + directory.string() + ": " + reason,
-                  launchFailure(task));
+        const std::string failure = launchFailure(task);
+        Base::Platform::resetCurrent();
+        EXPECT_EQ(message, failure);
         EXPECT_TRUE(hasNoChildren());
     }
     EXPECT_FALSE(fs::exists(dir / "cmdline"));
-}
-
-TEST(Task, FailureNamesProgramAndDirectoryAsTheConventionsWritePaths) {
-    TempDir dir;
-    fs::path probe = writeProbe(dir);
-    Base::Platform::setCurrent(Base::Platform::Windows);
-    Base::Task task;
-    task.setLaunchPath(probe);
-    task.setCurrentDirectoryPath(dir / "missing");
-    const std::string failure = launchFailure(task);
-    Base::Platform::resetCurrent();
-    auto windows = [](const fs::path& p) { return boost::algorithm::replace_all_copy(p.string(), "/", "\\"); };
-    EXPECT_EQ("Cannot start program " + windows(probe) + " in directory " + windows(dir / "missing") +
-                  ": No such file or directory",
-              failure);
 }
 
 TEST(Task, InjectedExecFaultFailsTheLaunchLikeAFailedExec) {
     TempDir dir;
     fs::path probe = writeProbe(dir);
     std::string asked;
-    ExecFaultReset reset;
-    Base::SystemCalls::setExecFault([&asked](const std::string& program) {
-        asked = program;
-        return ETXTBSY;
-    });
+    Base::SystemCalls::setExecFault([&asked](const std::string& program) { return asked = program, ETXTBSY; });
     Base::Task task;
     task.setLaunchPath(probe);
+    const std::string failure = launchFailure(task);
+    Base::SystemCalls::setExecFault(nullptr);
 
-    EXPECT_EQ("Cannot start program " + probe.string() + ": Text file busy", launchFailure(task));
+    EXPECT_EQ("Cannot start program " + probe.string() + ": Text file busy", failure);
     EXPECT_EQ(probe.string(), asked);
     EXPECT_TRUE(hasNoChildren());
     EXPECT_FALSE(fs::exists(dir / "cmdline"));

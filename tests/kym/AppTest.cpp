@@ -42,10 +42,6 @@ boost::shared_ptr<boost::any> savedPreference(const std::string& application, co
     return Kym::SystemPreferences(application).GetPreference(key);
 }
 
-struct PlatformReset {
-    ~PlatformReset() { Base::Platform::resetCurrent(); }
-};
-
 // The site's browser under posix conventions.
 void setBrowser(const KymTest::Site& site, const std::string& browser) {
     KymTest::SiteFile file;
@@ -88,20 +84,7 @@ TEST(App, InitializeStartsTheBaseLayerBeforeThePreferenceDatabase) {
     EXPECT_EQ(lines.back(), "");
 }
 
-TEST(App, DestructionFlushesThePreferences) {
-    KymTest::Site site;
-    {
-        App app("launcher");
-        app.initialize(nullptr);
-        app.getPreferenceDB()->SetPreference("window/width", 800);
-    }
-    EXPECT_EQ(App::instance(), nullptr);
-    const auto width = savedPreference("launcher", "window/width");
-    ASSERT_TRUE(width);
-    EXPECT_EQ(boost::any_cast<std::int64_t>(*width), 800);
-}
-
-TEST(App, CopySharesTheDatabaseAndItsDestructionClearsTheInstance) {
+TEST(App, CopySharesTheDatabaseAndItsDestructionFlushesItAndClearsTheInstance) {
     KymTest::Site site;
     App app("launcher");
     app.initialize(nullptr);
@@ -128,7 +111,6 @@ TEST(App, CopySharesTheDatabaseAndItsDestructionClearsTheInstance) {
 
 TEST(App, ShowDocumentationRefusesAnUndefinedMissingOrNotExecutableBrowser) {
     KymTest::Site site;
-    PlatformReset reset;
     Base::Platform::setCurrent(Base::Platform::Posix);
     App app("launcher");
 
@@ -157,7 +139,6 @@ TEST(App, ShowDocumentationStartsTheSiteBrowserOnTheDocument) {
     // The browser is started detached; adopt it so that it can be reaped here.
     ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     KymTest::Site site;
-    PlatformReset reset;
     Base::Platform::setCurrent(Base::Platform::Posix);
     const fs::path browser = site.root() / "browser.sh";
     const fs::path record = site.root() / "opened";

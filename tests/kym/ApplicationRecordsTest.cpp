@@ -36,29 +36,6 @@ ApplicationOverlay overlay(const std::string& configuration, const std::string& 
 
 } // namespace
 
-TEST(ConfigApplication, DefaultApplicationIsAPlaceholderThatAddsTheCadLibraries) {
-    ConfigApplication app;
-    EXPECT_EQ("ChangeMyAppID", app.appId);
-    EXPECT_EQ("", app.description + app.category + app.program + app.arguments + app.configurationName());
-    EXPECT_EQ("100", std::to_string(app.addUGLibsToPath) + std::to_string(app.disableCustomization) +
-                         std::to_string(app.disableApplication));
-    EXPECT_EQ(AllPlatforms, app.platform);
-    EXPECT_FALSE(app.needsSaving());
-    app.unixVariables()->insertRow(-1);
-    EXPECT_TRUE(app.needsSaving());
-}
-
-TEST(ConfigApplication, CopiesCarryEveryMemberAndShowTheirOwnLists) {
-    ConfigApplication original = application("CAD", "NX");
-    original.setConfigurationName("Design");
-    original.commonVariables()->insertRow(-1);
-    ConfigApplication copy(original);
-    copy.commonVariables()->setValueForListColumnRow("Name", 0, std::string("A"));
-    EXPECT_EQ("Design NX", copy.configurationName() + " " + copy.description);
-    EXPECT_TRUE(copy.needsSaving());
-    EXPECT_EQ("", original.commonVariableList()[0].name);
-}
-
 TEST(ConfigApplication, OrdersByCategoryThenDescriptionByteWise) {
     EXPECT_TRUE(application("CAD", "Zeta") < application("CAM", "Alpha"));
     EXPECT_TRUE(application("CAD", "Alpha") < application("CAD", "Beta"));
@@ -97,19 +74,6 @@ TEST(ConfigApplication, MergeWithoutTheFlagLeavesPathToTheMergeRule) {
     EXPECT_EQ(std::vector<std::string>{"PATH=a;x"}, merged(app, {EnvironmentVariable("PATH", "a")}));
     Base::Platform::setCurrent(Base::Platform::Posix);
     EXPECT_EQ(std::vector<std::string>{"PATH=a"}, merged(app, {EnvironmentVariable("PATH", "a")}));
-}
-
-TEST(ApplicationOverlay, IsEditedOnlyWhenToldAndCopiesCarryTheMark) {
-    ApplicationOverlay fresh;
-    EXPECT_EQ("", fresh.configurationName + fresh.appId + fresh.description + fresh.category);
-    EXPECT_FALSE(fresh.disableApplication);
-    EXPECT_FALSE(fresh.needsSaving());
-    ApplicationOverlay edited = overlay("Design", "nx");
-    edited.settingsChanged();
-    ApplicationOverlay copy(edited);
-    EXPECT_TRUE(copy.needsSaving());
-    copy = fresh;
-    EXPECT_FALSE(copy.needsSaving());
 }
 
 TEST(EqualOverlayOrApp, MatchesExactlyTheConfigurationAndIdentifier) {

@@ -1,6 +1,7 @@
 #include "LauncherScene.h"
 
 #include "kym/ConfigApplication.h"
+#include "kym/SystemInfo.h"
 
 #include <gtest/gtest.h>
 
@@ -16,13 +17,13 @@ fs::path executableScript(const fs::path& file, unsigned mode = 0755) {
     return file;
 }
 
-std::string checkFailure(const Kym::ConfigApplication& app, const Environment& env) {
-    return thrownMessage([&] { Kym::Launcher().getAndCheckExecutable(app, env); });
-}
-
 std::string notFound(const std::string& nativePath, const std::string& original) {
     return "Program " + nativePath + " is not found.\n  Original string = " + original +
            "\n  Maybe a environment variable is set wrong.";
+}
+
+std::string cadCheckFailure(Environment env) {
+    return thrownMessage([&] { Kym::Launcher().checkCadEnvironment(env); });
 }
 
 } // namespace
@@ -36,33 +37,32 @@ TEST(LauncherExecutable, ExpandsTheProgramAndCollapsesTheSeparatorAfterTheDirect
     EXPECT_EQ(program, Kym::Launcher().getAndCheckExecutable(application("${TOOLS}//cad.sh"), env));
 }
 
-TEST(LauncherExecutable, UnderWindowsConventionsABackslashAfterADirectoryEndingInOneIsCollapsed) {
-    Platform::setCurrent(Platform::Windows);
-    const Environment env{{"UGII_BASE_DIR", "C:\\NX\\"}};
-    EXPECT_EQ(notFound("C:\\NX\\ugii\\ugraf.exe", "${UGII_BASE_DIR}\\ugii\\ugraf.exe"),
-              checkFailure(application("${UGII_BASE_DIR}\\ugii\\ugraf.exe"), env));
-}
-
-TEST(LauncherExecutable, MissingProgramQuotesTheUnexpandedTextSoTheUnsetVariableShows) {
-    Platform::setCurrent(Platform::Posix);
-    EXPECT_EQ(notFound("/bin/cad", "$NOT_SET/bin/cad"), checkFailure(application("$NOT_SET/bin/cad"), {}));
-    EXPECT_EQ(notFound("", ""), checkFailure(application(""), {}));
-}
-
-TEST(LauncherExecutable, DirectoryOrFileWithoutExecuteBitIsNotExecutable) {
-    Platform::setCurrent(Platform::Posix);
+TEST(LauncherExecutable, FailuresNameTheExpandedProgramAndQuoteTheUnexpandedText) {
     KymTest::TempDir dir;
     fs::create_directories(dir / "cad");
     executableScript(dir / "plain.txt", 0644);
-    EXPECT_EQ("Program " + (dir / "cad").string() + " is not executable.\n",
-              checkFailure(application((dir / "cad").string()), {}));
-    EXPECT_EQ("Program " + (dir / "plain.txt").string() + " is not executable.\n",
-              checkFailure(application((dir / "plain.txt").string()), {}));
-}
-
-TEST(LauncherExecutable, ExpansionErrorPassesUnchanged) {
-    Platform::setCurrent(Platform::Posix);
-    EXPECT_EQ("Unterminated reference '${BIN/cad' in '${BIN/cad'", checkFailure(application("${BIN/cad"), {}));
+    const struct {
+        Platform::Kind conventions;
+        std::string program;
+        Environment env;
+        std::string message;
+    } cases[] = {
+        // The backslash after a directory that ends in one is collapsed.
+        {Platform::Windows, "${UGII_BASE_DIR}\\ugii\\ugraf.exe", {{"UGII_BASE_DIR", "C:\\NX\\"}},
+         notFound("C:\\NX\\ugii\\ugraf.exe", "${UGII_BASE_DIR}\\ugii\\ugraf.exe")},
+        {Platform::Posix, "$NOT_SET/bin/cad", {}, notFound("/bin/cad", "$NOT_SET/bin/cad")},
+        {Platform::Posix, "", {}, notFound("", "")},
+        {Platform::Posix, (dir / "cad").string(), {}, "Program " + (dir / "cad").string() + " is not executable.\n"},
+        {Platform::Posix, (dir / "plain.txt").string(), {},
+         "Program " + (dir / "plain.txt").string() + " is not executable.\n"},
+        {Platform::Posix, "${BIN/cad", {}, "Unterminated reference '${BIN/cad' in '${BIN/cad'"},
+    };
+    for (const auto& check : cases) {
+        SCOPED_TRACE(check.program);
+        Platform::setCurrent(check.conventions);
+        EXPECT_EQ(check.message,
+                  thrownMessage([&] { Kym::Launcher().getAndCheckExecutable(application(check.program), check.env); }));
+    }
 }
 
 TEST(LauncherCadEnvironment, InstallPathAndRootGoToShortFormAndAMissingLibraryIsDropped) {
@@ -79,41 +79,27 @@ TEST(LauncherCadEnvironment, InstallPathAndRootGoToShortFormAndAMissingLibraryIs
     const Environment before = env;
     Kym::Launcher().checkCadEnvironment(env);
     EXPECT_EQ(before, env);
-}
 
-TEST(LauncherCadEnvironment, InstallPathThatIsAFileIsEnoughForTheExistenceTest) {
-    Scene scene(Platform::Posix);
-    KymTest::TempDir nx;
+    // Only existence is tested: a file will do.
     KymTest::writeFile(nx / "file", "");
-    Environment env{{"UGII_BASE_DIR", (nx / "file").string()}};
+    env = {{"UGII_BASE_DIR", (nx / "file").string()}};
     Kym::Launcher().checkCadEnvironment(env);
     EXPECT_EQ((Environment{{"UGII_BASE_DIR", (nx / "file").string()}, {"UGII_ROOT_DIR", ""}}), env);
 }
 
 TEST(LauncherCadEnvironment, UnsetOrMissingInstallPathIsReported) {
     Scene scene(Platform::Windows);
-    Environment env;
-    EXPECT_EQ("UGII_BASE_DIR is not set.", thrownMessage([&] { Kym::Launcher().checkCadEnvironment(env); }));
-    env = {{"UGII_BASE_DIR", "C:\\NX missing"}};
+    EXPECT_EQ("UGII_BASE_DIR is not set.", cadCheckFailure({}));
     EXPECT_EQ("UGII_BASE_DIR is set to C:\\NX missing. Invalid directory.",
-              thrownMessage([&] { Kym::Launcher().checkCadEnvironment(env); }));
-    EXPECT_EQ((Environment{{"UGII_BASE_DIR", "C:\\NX missing"}}), env);
-}
+              cadCheckFailure({{"UGII_BASE_DIR", "C:\\NX missing"}}));
 
-TEST(LauncherCadEnvironment, TheVariableNamedBySystemInformationIsChecked) {
-    Scene scene(Platform::Posix);
-    scene.site.writeSystemInfo({{"CadInstallPathVariable", "MY_NX"}});
-    Environment env{{"UGII_BASE_DIR", "/"}};
-    EXPECT_EQ("MY_NX is not set.", thrownMessage([&] { Kym::Launcher().checkCadEnvironment(env); }));
-}
-
-TEST(LauncherCadEnvironment, NoInstallPathVariableAtAllIsReported) {
-    Scene scene(Platform::Posix);
-    scene.site.writeSystemInfo({{"CadInstallPathVariable", ""}});
-    Environment env{{"UGII_BASE_DIR", "/"}};
+    // The variable checked is the one the system information names.
+    Kym::SystemInformation().CadInstallPathVariable = "MY_NX";
+    EXPECT_EQ("MY_NX is not set.", cadCheckFailure({{"UGII_BASE_DIR", "/"}}));
+    Kym::SystemInformation().CadInstallPathVariable = "";
     EXPECT_EQ("The system has not defined the environment variable for the install path of the CAD system. "
               "Cannot verify it is installed.",
-              thrownMessage([&] { Kym::Launcher().checkCadEnvironment(env); }));
+              cadCheckFailure({{"UGII_BASE_DIR", "/"}}));
 }
 
 TEST(LauncherArguments, QuotedRunsAreGreedyAndKeepTheirQuotes) {
@@ -124,15 +110,10 @@ TEST(LauncherArguments, QuotedRunsAreGreedyAndKeepTheirQuotes) {
     EXPECT_EQ(std::vector<std::string>{}, launcher.buildArgList(application("x", "  \t "), env));
     EXPECT_EQ((std::vector<std::string>{"-a", "\"x y\"", "-b"}), launcher.buildArgList(application("x", "-a \"x y\" -b"), env));
     EXPECT_EQ((std::vector<std::string>{"\"a\" \"b\""}), launcher.buildArgList(application("x", "\"a\" \"b\""), env));
+    KymTest::LogRecorder log({"kym.info"});
     EXPECT_EQ((std::vector<std::string>{"-part=/parts/p.prt", "a", "b", "-x\"q\""}),
               launcher.buildArgList(application("x", "-part=$PART/p.prt $NAME $UNSET -x\"q\""), env));
-}
-
-TEST(LauncherArguments, ArgumentCountIsLogged) {
-    Platform::setCurrent(Platform::Posix);
-    KymTest::LogRecorder log({"kym.info"});
-    Kym::Launcher().buildArgList(application("x", "a b"), {});
-    EXPECT_EQ((Lines{"Building argument list...", "Argument list size is 2"}), log.lines("kym.info"));
+    EXPECT_EQ((Lines{"Building argument list...", "Argument list size is 4"}), log.lines("kym.info"));
 }
 
 TEST(LauncherCommand, IsTheNativeProgramAndItsArgumentsAndStartsAndRemovesNothing) {
@@ -147,11 +128,6 @@ TEST(LauncherCommand, IsTheNativeProgramAndItsArgumentsAndStartsAndRemovesNothin
     EXPECT_EQ(Scene::native(program) + " -a \"x y\" -dept=" + Scene::native(config.path()),
               Kym::Launcher().commandString(config, nullptr, application(program.string(), "-a \"x y\" -dept=$KYM_DEPT_DIR")));
     EXPECT_TRUE(fs::exists(stale));
-}
-
-TEST(LauncherCommand, MissingProgramFailsAsALaunchWould) {
-    Scene scene(Platform::Posix);
-    const Kym::Configuration config = scene.department("Design");
-    EXPECT_EQ(notFound(config.path().string() + "/bin/cad", "$KYM_DEPT_DIR/bin/cad"),
+    EXPECT_EQ(notFound(Scene::native(config.path() / "bin" / "cad"), "$KYM_DEPT_DIR/bin/cad"),
               thrownMessage([&] { Kym::Launcher().commandString(config, nullptr, application("$KYM_DEPT_DIR/bin/cad")); }));
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 using namespace Kym;
@@ -51,88 +52,53 @@ TEST(EnvVariableListSource, BadRowsAndNonStringValuesThrowWithoutAnEdit) {
     }
     EXPECT_THROW(source.setValueForListColumnRow("Name", -1, std::string("B")), std::out_of_range);
     EXPECT_THROW(source.setValueForListColumnRow("Name", 0, "char pointer"), boost::bad_any_cast);
-    EXPECT_THROW(source.valueIsValid("Value", 1), std::out_of_range);
     EXPECT_EQ("A", list[0].name);
     EXPECT_FALSE(source.isEdited());
 }
 
-TEST(EnvVariableListSource, NamesAreLettersDigitsUnderscoresAndOneLeadingHash) {
-    std::vector<EnvironmentVariable> list(1);
-    EnvVariableListSource source(&list);
-    auto valid = [&](const std::string& name) {
-        list[0].name = name;
-        list[0].value = "%unpaired";  // the name column does not judge the value
-        return source.valueIsValid("Name", 0);
-    };
-    for (const char* name : {"", "#abc", "UGII_BASE_DIR2", "a_"}) EXPECT_TRUE(valid(name)) << name;
-    for (const char* name : {"a#bc", "##", "_abc", "1abc", "A-B", "A B", "\xc3\xa4"}) EXPECT_FALSE(valid(name)) << name;
+TEST(EnvVariableListSource, NamesTakeLettersDigitsUnderscoresAndOneLeadingHashValuesPairedPercentsAndBraces) {
+    const std::vector<std::tuple<std::string, std::string, bool>> cases{
+        {"Name", "", true}, {"Name", "#abc", true}, {"Name", "UGII_BASE_DIR2", true}, {"Name", "a#bc", false},
+        {"Name", "##", false}, {"Name", "_abc", false}, {"Name", "1abc", false}, {"Name", "A-B", false},
+        {"Name", "\xc3\xa4", false}, {"Value", "", true}, {"Value", "%TEMP%\\x", true},
+        {"Value", "${A}/%B%%C%", true}, {"Value", "}{", true}, {"Value", "%TEMP", false},
+        {"Value", "${A", false}, {"Value", "$A}", false}};
+    for (const auto& [column, text, valid] : cases) {
+        SCOPED_TRACE(column + " " + text);
+        // The other cell is invalid: a column judges only its own.
+        std::vector<EnvironmentVariable> list{column == "Name" ? EnvironmentVariable(text, "%unpaired")
+                                                               : EnvironmentVariable("_bad", text)};
+        EXPECT_EQ(valid, EnvVariableListSource(&list).valueIsValid(column, 0));
+    }
 }
 
-TEST(EnvVariableListSource, ValuesNeedPairedPercentSignsAndBalancedBraces) {
-    std::vector<EnvironmentVariable> list(1);
-    EnvVariableListSource source(&list);
-    auto valid = [&](const std::string& value) {
-        list[0].value = value;
-        list[0].name = "_bad";
-        return source.valueIsValid("Value", 0);
-    };
-    for (const char* value : {"", "%TEMP%\\x", "${A}/%B%%C%", "}{"}) EXPECT_TRUE(valid(value)) << value;
-    for (const char* value : {"%TEMP", "${A", "$A}"}) EXPECT_FALSE(valid(value)) << value;
-}
-
-TEST(ApplicationListSource, ColumnsShowTheFieldsAndBooleansAsTrueOrFalse) {
-    std::vector<ConfigApplication> list = applications({"nx"});
-    list[0].category = "CAD";
-    list[0].description = "NX";
-    list[0].program = "ugraf.exe";
-    list[0].arguments = "-nx";
-    list[0].disableApplication = true;
-    const ApplicationListSource source(&list);
-    std::string row;
-    for (const char* column : {"Disable", "AppID", "Category", "Description", "Executable", "Arguments",
-                               "AddNXLibs", "NoCustom", "Platform"})
-        row += cell(source, column, 0) + "|";
-    EXPECT_EQ("True|nx|CAD|NX|ugraf.exe|-nx|True|False||", row);
-}
-
-TEST(ApplicationListSource, WritesFieldsAndTakesAnyCaseOfTrueAsTrue) {
+TEST(ApplicationListSource, ColumnsShowTheFieldsAndTakeOnlyAnyCaseOfTrueAsTrue) {
     std::vector<ConfigApplication> list(1);
     ApplicationListSource source(&list);
     for (const auto& [column, text] : std::vector<std::pair<std::string, std::string>>{
              {"AppID", "nx"}, {"Category", "CAD"}, {"Description", "NX"}, {"Executable", "ugraf.exe"},
-             {"Arguments", "-a"}, {"NoCustom", "True"}, {"AddNXLibs", "1"}, {"Disable", "TRUE"}})
-        source.setValueForListColumnRow(column, 0, text);
-    const ConfigApplication& app = list[0];
-    EXPECT_EQ("nx CAD NX ugraf.exe -a", app.appId + " " + app.category + " " + app.description + " " + app.program +
-                                            " " + app.arguments);
-    EXPECT_TRUE(app.disableCustomization);
-    EXPECT_FALSE(app.addUGLibsToPath);
-    EXPECT_TRUE(app.disableApplication);
-    source.setValueForListColumnRow("Disable", 0, std::string("yes"));
-    EXPECT_FALSE(app.disableApplication);
-    EXPECT_TRUE(source.isEdited());
-    EXPECT_FALSE(app.needsSaving());
-}
-
-TEST(ApplicationListSource, UnknownColumnChangesNothingButCountsAsAnEdit) {
-    std::vector<ConfigApplication> list = applications({"nx"});
-    ApplicationListSource source(&list);
-    EXPECT_TRUE(source.setValueForListColumnRow("Platform", 0, std::string("2")));
-    EXPECT_TRUE(source.isEdited());
-    EXPECT_EQ("nx", list[0].appId);
+             {"Arguments", "-a"}, {"NoCustom", "True"}, {"AddNXLibs", "1"}, {"Disable", "TRUE"}, {"Platform", "2"}})
+        EXPECT_TRUE(source.setValueForListColumnRow(column, 0, text)) << column;
+    std::string row;
+    for (const char* column : {"Disable", "AppID", "Category", "Description", "Executable", "Arguments",
+                               "AddNXLibs", "NoCustom", "Platform"})
+        row += cell(source, column, 0) + "|";
+    EXPECT_EQ("True|nx|CAD|NX|ugraf.exe|-a|False|True||", row);
     EXPECT_EQ(AllPlatforms, list[0].platform);
+    source.setValueForListColumnRow("Disable", 0, std::string("yes"));
+    EXPECT_FALSE(list[0].disableApplication);
+    EXPECT_TRUE(source.isEdited());
+    EXPECT_FALSE(list[0].needsSaving());
 }
 
 TEST(ApplicationListSource, NullListReadsEmptyAndRefusesEveryEdit) {
     ApplicationListSource source;
-    EXPECT_TRUE(source.isNull());
     EXPECT_EQ(0, source.numberOfRowsInList());
     EXPECT_TRUE(source.valueForListColumnRow("AppID", 0).empty());
     EXPECT_FALSE(source.setValueForListColumnRow("AppID", 0, std::string("nx")));
     source.insertRow(0);
     source.deleteRows({});
     EXPECT_FALSE(source.isEdited());
-    EXPECT_EQ(nullptr, source.commonVariables(0));
     EXPECT_EQ(nullptr, source.winVariables(0));
 }
 
@@ -140,7 +106,6 @@ TEST(ApplicationListSource, InsertAtMinusOneAppendsAndAtZeroPrependsAPlaceholder
     std::vector<ConfigApplication> list = applications({"a", "b"});
     ApplicationListSource source(&list);
     source.insertRow(-1);
-    EXPECT_TRUE(source.isEdited());
     source.insertRow(0);
     source.setValueForListColumnRow("AppID", 0, std::string("first"));
     source.insertRow(4);
@@ -149,24 +114,17 @@ TEST(ApplicationListSource, InsertAtMinusOneAppendsAndAtZeroPrependsAPlaceholder
     EXPECT_EQ(5u, list.size());
 }
 
-TEST(ApplicationListSource, DeletingADuplicatedRowErasesTwoRecords) {
+TEST(ApplicationListSource, DeletingADuplicatedRowErasesTwoRecordsAndBeyondTheListErasesNothing) {
     std::vector<ConfigApplication> list = applications({"a", "b", "c", "d", "e"});
     ApplicationListSource source(&list);
+    EXPECT_THROW(source.deleteRows({4, 4}), std::out_of_range);  // the second erase would fall off the end
+    EXPECT_THROW(source.deleteRows({-1}), std::out_of_range);
+    EXPECT_FALSE(source.isEdited());
     source.deleteRows({2, 0, 2});
     EXPECT_EQ((std::vector<std::string>{"b", "e"}), ids(list));
-    EXPECT_TRUE(source.isEdited());
     source.setEdited(false);
     source.deleteRows({});
     EXPECT_TRUE(source.isEdited());
-}
-
-TEST(ApplicationListSource, DeletionBeyondTheListThrowsAndErasesNothing) {
-    std::vector<ConfigApplication> list = applications({"a", "b", "c"});
-    ApplicationListSource source(&list);
-    EXPECT_THROW(source.deleteRows({2, 2, 2}), std::out_of_range);  // the third erase would fall off the end
-    EXPECT_THROW(source.deleteRows({-1}), std::out_of_range);
-    EXPECT_EQ((std::vector<std::string>{"a", "b", "c"}), ids(list));
-    EXPECT_FALSE(source.isEdited());
 }
 
 TEST(ApplicationListSource, VariableAccessorsShowTheApplicationsOwnLists) {
@@ -198,11 +156,7 @@ TEST(ApplicationListSource, OutOfRangeApplicationIsReportedThenThrown) {
               "  index = 2\n"
               "  tried to access out of range application\n",
               testing::internal::GetCapturedStderr());
-
-    testing::internal::CaptureStderr();
     EXPECT_THROW(source.unixVariables(-1), std::out_of_range);
-    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find(
-                                     "  index = -1\n  tried to access out of range application\n"));
 }
 
 TEST(WorkDirectoryListSource, NameColumnIsTheNameAndEveryOtherColumnThePath) {
@@ -211,11 +165,5 @@ TEST(WorkDirectoryListSource, NameColumnIsTheNameAndEveryOtherColumnThePath) {
     EXPECT_TRUE(source.setValueForListColumnRow("Name", 1, std::string("Projects")));
     EXPECT_TRUE(source.setValueForListColumnRow("Path", 1, std::string("D:\\projects")));
     EXPECT_EQ("Projects D:\\projects", list[1].name + " " + cell(source, "Directory", 1));
-    EXPECT_TRUE(source.isEdited());
-    source.insertRow(0);
-    source.deleteRows({3, 0});
-    ASSERT_EQ(2u, list.size());
-    EXPECT_EQ("Projects", list[1].name);
     EXPECT_TRUE(source.valueIsValid("Name", 7));  // only variables judge their cells
-    EXPECT_TRUE(WorkDirectoryListSource().valueForListColumnRow("Name", 0).empty());
 }

@@ -66,9 +66,6 @@ TEST_F(PluginsForConfiguration, TypeAndExactlyMatchingDisabledNamesDecideWhichPl
         SCOPED_TRACE(entry.first.name());
         EXPECT_EQ(applicationTexts(PluginsManagement().applicationList(entry.first)), entry.second);
     }
-    const Kym::PluginsManager& plugins = PluginsManagement();
-    EXPECT_FALSE(plugins.sameType(cases[1].first, *PluginsManagement().plugin(0, false)));
-    EXPECT_TRUE(plugins.sameType(cases[3].first, *PluginsManagement().plugin(0, false)));
 }
 
 TEST_F(PluginsForConfiguration, InternalPluginsMergeBeforeExternalOnesAndDisabledOnesNotAtAll) {

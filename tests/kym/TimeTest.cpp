@@ -41,10 +41,8 @@ const std::string InvalidDateTime = "Kym::Time - Passed invalid datetime to cons
 
 } // namespace
 
+// Every valid day from 1755 on is built by the day-by-day walk below.
 TEST(TimeValidity, LeapDaysOnlyInLeapYearsAndNothingBefore1755) {
-    EXPECT_EQ(fields(Time(2024, 2, 29, 0, 0, 0, Time::Local)), "2024-02-29 00:00:00 local");
-    EXPECT_EQ(fields(Time(2000, 2, 29, 0, 0, 0, Time::Local)), "2000-02-29 00:00:00 local");
-    EXPECT_EQ(fields(Time(1755, 1, 1, 0, 0, 0, Time::Local)), "1755-01-01 00:00:00 local");
     for (const std::string& error : {constructionError(2023, 2, 29), constructionError(1900, 2, 29),
                                      constructionError(1754, 12, 31), constructionError(2024, 13, 1),
                                      constructionError(2024, 4, 31), constructionError(2024, 1, 0),
@@ -59,7 +57,6 @@ TEST(TimeValidity, EmptyTimeIsValidAndFormatsAsNothing) {
     EXPECT_TRUE(time.isEmpty() && time.isValid());
     EXPECT_EQ(time.zone(), Time::Gmt);
     EXPECT_EQ(time.toString("%Y-%m-%d"), "");
-    EXPECT_TRUE(Time().isEmpty());
 }
 
 TEST(TimeValidity, StringConstructorsOnlyTakeTheZoneAndLogThatParsingIsMissing) {

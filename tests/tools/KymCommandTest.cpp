@@ -7,7 +7,6 @@
 #include "kym/PluginSettings.h"
 #include "kym/SiteSettings.h"
 #include "kym/SystemInfo.h"
-#include "kym/WorkDirectory.h"
 
 #include "base/PropertyList.h"
 #include "base/Unarchiver.h"
@@ -19,7 +18,6 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 #include <chrono>
-#include <csignal>
 #include <fcntl.h>
 #include <pty.h>
 #include <sys/wait.h>
@@ -72,6 +70,26 @@ Outcome kym(std::vector<std::string> arguments) {
     return {status, readFile(out), readFile(err)};
 }
 
+// What kym printed when it ended with the expected status (standard output for
+// 0, standard error else, the other one empty); otherwise everything it did.
+std::string printed(int expected, const std::vector<std::string>& arguments) {
+    const Outcome outcome = kym(arguments);
+    if (outcome.status == expected && (expected == 0 ? outcome.err : outcome.out).empty())
+        return expected == 0 ? outcome.out : outcome.err;
+    return "status " + std::to_string(outcome.status) + "\nout: " + outcome.out + "\nerr: " + outcome.err;
+}
+std::string out(const std::vector<std::string>& arguments) { return printed(0, arguments); }
+std::string failure(const std::vector<std::string>& arguments) { return printed(1, arguments); }
+std::string misuse(const std::vector<std::string>& arguments) { return printed(2, arguments); }
+
+// Runs command lines that must succeed, in order.
+void ok(const std::vector<std::vector<std::string>>& commands) {
+    for (const std::vector<std::string>& command : commands) {
+        const Outcome outcome = kym(command);
+        if (outcome.status != 0) ADD_FAILURE() << command.at(0) << " failed: " << outcome.err;
+    }
+}
+
 // Runs kym on a terminal and types the answer; returns the exit status.
 int kymOnTerminal(std::vector<std::string> arguments, const std::string& answer, std::string& screen) {
     std::vector<char*> argv = argumentVector(arguments);
@@ -89,47 +107,25 @@ int kymOnTerminal(std::vector<std::string> arguments, const std::string& answer,
     return exitStatus(child);
 }
 
-// A program that records how it was started, from /proc (exactly what execve was given).
+// A program that writes how it was started: its arguments (each in brackets),
+// its working directory and the variables the launch sets.
 fs::path writeProbe(const fs::path& directory) {
     const fs::path probe = directory / "probe.sh";
     writeFile(probe, "#!/bin/sh\n"
                      "out='" + directory.string() + "'\n"
-                     "/bin/cat /proc/$$/cmdline > \"$out/cmdline\"\n"
-                     "/bin/cat /proc/$$/environ > \"$out/environ\"\n"
-                     "pwd -P > \"$out/cwd\"\n"
-                     "echo $$ > \"$out/pid.part\"\n"
-                     "/bin/mv \"$out/pid.part\" \"$out/pid\"\n");
+                     "{ printf '[%s]' \"$0\" \"$@\"; echo; pwd -P\n"
+                     "  for v in PROBE_VAR KYM_DEPT_DIR KYM_COMMONDEPT_DIR UGII_LOCAL_USER_DEFAULTS; do\n"
+                     "    echo \"$v=$(printenv $v)\"; done; } > \"$out/record.part\"\n"
+                     "/bin/mv \"$out/record.part\" \"$out/record\"\n");
     fs::permissions(probe, fs::perms(0755));
     return probe;
 }
 
-std::vector<std::string> splitAtNul(const std::string& text) {
-    std::vector<std::string> parts;
-    std::size_t start = 0;
-    for (std::size_t end; (end = text.find('\0', start)) != std::string::npos; start = end + 1)
-        parts.push_back(text.substr(start, end - start));
-    return parts;
-}
-
-struct ProbeRecord {
-    std::vector<std::string> arguments;
-    std::vector<std::string> environment;
-    std::string directory;
-
-    std::string variable(const std::string& name) const {
-        for (const std::string& entry : environment)
-            if (boost::starts_with(entry, name + "=")) return entry.substr(name.size() + 1);
-        return "(unset)";
-    }
-};
-
 // The probe runs on after kym has returned; it is waited for here, not timed.
-ProbeRecord readProbe(const fs::path& directory) {
-    for (int attempt = 0; attempt < 500 && !fs::exists(directory / "pid"); ++attempt)
+std::string readProbe(const fs::path& directory) {
+    for (int attempt = 0; attempt < 500 && !fs::exists(directory / "record"); ++attempt)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    if (!fs::exists(directory / "pid")) throw std::runtime_error("the probe did not run");
-    return {splitAtNul(readFile(directory / "cmdline")), splitAtNul(readFile(directory / "environ")),
-            readFile(directory / "cwd")};
+    return fs::exists(directory / "record") ? readFile(directory / "record") : "the probe did not run";
 }
 
 // The lines of a text from the one that equals `first` up to the next line that does not start with a blank.
@@ -139,13 +135,6 @@ std::string block(const std::string& text, const std::string& first) {
     std::size_t end = start + first.size() + 2;
     while (end < text.size() && text[end] == ' ') end = text.find('\n', end) + 1;
     return text.substr(start + 1, end - start - 1);
-}
-
-Kym::WorkDirectory workDirectoryRecord(const std::string& name, const std::string& path) {
-    Kym::WorkDirectory directory;
-    directory.name = name;
-    directory.path = path;
-    return directory;
 }
 
 template <class T>
@@ -167,8 +156,8 @@ protected:
 
     // Shared (type Common) and Design, which uses it, both updated for the release.
     void makeDepartments() {
-        ASSERT_EQ(kym({"dept", "create", "Shared", "--type", "Common", "--description", "Shared settings"}).status, 0);
-        ASSERT_EQ(kym({"dept", "create", "Design", "--description", "Design office", "--common", "Shared"}).status, 0);
+        ok({{"dept", "create", "Shared", "--type", "Common", "--description", "Shared settings"},
+            {"dept", "create", "Design", "--description", "Design office", "--common", "Shared"}});
     }
 
     Site site;
@@ -182,66 +171,43 @@ protected:
 
 TEST_F(KymCommand, WrongCommandLinesShowTheUsageWithStatusTwo) {
     ASSERT_TRUE(orphansReaped);
-    Outcome none = kym({});
-    EXPECT_EQ(none.status, 2);
-    EXPECT_EQ(none.err, "kym: no command given.\nUsage: kym [OPTIONS] [SUBCOMMAND]\nRun 'kym --help' for more.\n");
-    EXPECT_EQ(none.out, "");
-
-    Outcome missing = kym({"var", "set", "base", "UGII_LANG"});
-    EXPECT_EQ(missing.status, 2);
-    EXPECT_EQ(missing.err, "kym: VALUE is required\nUsage: kym var set [OPTIONS] LAYER NAME VALUE\n"
-                           "Run 'kym help var set' for more.\n");
-
-    Outcome unknown = kym({"frob"});
-    EXPECT_EQ(unknown.status, 2);
-    EXPECT_EQ(unknown.err, "kym: The following argument was not expected: frob\n"
-                           "Usage: kym [OPTIONS] [SUBCOMMAND]\nRun 'kym --help' for more.\n");
-
-    Outcome option = kym({"dept", "list", "--colour"});
-    EXPECT_EQ(option.status, 2);
-    EXPECT_EQ(option.err, "kym: The following argument was not expected: --colour\n"
-                          "Usage: kym dept list [OPTIONS]\nRun 'kym help dept list' for more.\n");
-
-    Outcome layer = kym({"var", "list", "elsewhere"});
-    EXPECT_EQ(layer.status, 2);
-    EXPECT_EQ(layer.err, "kym: Unknown layer 'elsewhere': LAYER is one of: site, base, plugin:NAME, dept:NAME (a "
-                         "department).\nUsage: kym var list [OPTIONS] LAYER\nRun 'kym help var list' for more.\n");
-
-    Outcome program = kym({"run", "Design"});
-    EXPECT_EQ(program.status, 2);
-    EXPECT_EQ(program.err, "kym: Give the program after '--': kym run [DEPT] -- PROGRAM [ARGUMENTS...].\n"
-                           "Usage: kym run [OPTIONS] [DEPT]\nRun 'kym help run' for more.\n");
-
-    EXPECT_EQ(kym({"--platform", "macos", "departments"}).status, 2);
-    EXPECT_EQ(kym({"help", "nothing"}).status, 2);
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{}, "kym: no command given.\nUsage: kym [OPTIONS] [SUBCOMMAND]\nRun 'kym --help' for more.\n"},
+        {{"var", "set", "base", "UGII_LANG"},
+         "kym: VALUE is required\nUsage: kym var set [OPTIONS] LAYER NAME VALUE\nRun 'kym help var set' for more.\n"},
+        {{"frob"}, "kym: The following argument was not expected: frob\n"
+                   "Usage: kym [OPTIONS] [SUBCOMMAND]\nRun 'kym --help' for more.\n"},
+        {{"dept", "list", "--colour"}, "kym: The following argument was not expected: --colour\n"
+                                       "Usage: kym dept list [OPTIONS]\nRun 'kym help dept list' for more.\n"},
+        {{"var", "list", "elsewhere"},
+         "kym: Unknown layer 'elsewhere': LAYER is one of: site, base, plugin:NAME, dept:NAME (a department).\n"
+         "Usage: kym var list [OPTIONS] LAYER\nRun 'kym help var list' for more.\n"},
+        {{"run", "Design"}, "kym: Give the program after '--': kym run [DEPT] -- PROGRAM [ARGUMENTS...].\n"
+                            "Usage: kym run [OPTIONS] [DEPT]\nRun 'kym help run' for more.\n"},
+        {{"help", "nothing"}, "kym: No command 'nothing'. 'kym --help' lists the commands.\n"
+                              "Usage: kym help [OPTIONS] [COMMAND...]\nRun 'kym help help' for more.\n"},
+    };
+    for (const auto& [arguments, message] : cases) {
+        SCOPED_TRACE(arguments.empty() ? "(none)" : arguments.at(0));
+        EXPECT_EQ(misuse(arguments), message);
+    }
 }
 
 TEST_F(KymCommand, HelpExplainsEveryCommandWithExamples) {
-    Outcome overview = kym({"--help"});
-    EXPECT_EQ(overview.status, 0);
-    EXPECT_TRUE(boost::contains(overview.out, "Usage: kym [OPTIONS] [SUBCOMMAND]\n")) << overview.out;
-    EXPECT_TRUE(boost::contains(overview.out, "  doctor                      Check the whole site.\n")) << overview.out;
-
-    Outcome command = kym({"help", "var", "set"});
-    EXPECT_EQ(command.status, 0);
-    EXPECT_TRUE(boost::starts_with(command.out, "Set a variable: its value is replaced when the list has the name, else it "
-                                                    "is added at the end.\nUsage: kym var set [OPTIONS] LAYER NAME VALUE\n"))
-        << command.out;
-    EXPECT_TRUE(boost::contains(command.out, "Examples:\n  kym var set base UGII_LANG english\n")) << command.out;
-    EXPECT_EQ(kym({"var", "set", "--help"}).out, command.out);
+    const std::string command = out({"help", "var", "set"});
+    EXPECT_TRUE(boost::starts_with(command, "Set a variable: its value is replaced when the list has the name, else it "
+                                            "is added at the end.\nUsage: kym var set [OPTIONS] LAYER NAME VALUE\n"))
+        << command;
+    EXPECT_TRUE(boost::contains(command, "Examples:\n  kym var set base UGII_LANG english\n")) << command;
+    EXPECT_EQ(out({"var", "set", "--help"}), command);
+    EXPECT_TRUE(boost::contains(out({"--help"}), "  doctor                      Check the whole site.\n"));
 }
 
 TEST_F(KymCommand, FailuresPrintTheLibraryMessageWithStatusOne) {
-    Outcome unknownDepartment = kym({"dept", "show", "Nowhere"});
-    EXPECT_EQ(unknownDepartment.status, 1);
-    EXPECT_EQ(unknownDepartment.err,
+    EXPECT_EQ(failure({"dept", "show", "Nowhere"}),
               "kym: Department 'Nowhere' does not exist in " + native(site.departmentsPath()) + ".\n");
-    EXPECT_EQ(unknownDepartment.out, "");
-
     ScopedEnv noInstallation("KYM_BASE_DIR", std::nullopt);
-    Outcome noSite = kym({"departments"});
-    EXPECT_EQ(noSite.status, 1);
-    EXPECT_EQ(noSite.err, "kym: KYM_BASE_DIR is not set.\n");
+    EXPECT_EQ(failure({"departments"}), "kym: KYM_BASE_DIR is not set.\n");
 }
 
 TEST_F(KymCommand, VariablesAreSetReplacedAndUnsetWhereTheLibraryReadsThem) {
@@ -249,91 +215,73 @@ TEST_F(KymCommand, VariablesAreSetReplacedAndUnsetWhereTheLibraryReadsThem) {
     base.applications.push_back(makeApplication("nx", "/bin/true", "NX"));
     site.writeBaseSettings(base);
 
-    EXPECT_EQ(kym({"var", "set", "base", "UGII_LANG", "english"}).out,
+    EXPECT_EQ(out({"var", "set", "base", "UGII_LANG", "english"}),
               "Set UGII_LANG=english in the common list of the base settings.\n");
-    EXPECT_EQ(kym({"var", "set", "base", "UGII_LANG", "german", "--comment", "for design"}).out,
+    EXPECT_EQ(out({"var", "set", "base", "UGII_LANG", "german", "--comment", "for design"}),
               "Replaced UGII_LANG=german in the common list of the base settings.\n");
-    EXPECT_EQ(kym({"var", "set", "base", "PATH", "${PATH}:/opt/tools", "--list", "unix"}).status, 0);
-    EXPECT_EQ(kym({"var", "set", "base", "UGII_OPTION", "1", "--app", "nx"}).out,
+    EXPECT_EQ(out({"var", "set", "base", "UGII_OPTION", "1", "--app", "nx"}),
               "Set UGII_OPTION=1 in the common list of application nx of the base settings.\n");
-    EXPECT_EQ(kym({"var", "set", "base", "SCRATCH", "x"}).status, 0);
-    EXPECT_EQ(kym({"var", "unset", "base", "SCRATCH"}).out, "Removed SCRATCH from the common list of the base settings.\n");
-    Outcome again = kym({"var", "unset", "base", "SCRATCH"});
-    EXPECT_EQ(again.status, 1);
-    EXPECT_EQ(again.err, "kym: Variable 'SCRATCH' is not in the common list of the base settings.\n");
-    EXPECT_EQ(kym({"var", "list", "base"}).out, "LIST    NAME       VALUE               COMMENT\n"
-                                                "common  UGII_LANG  german              for design\n"
-                                                "unix    PATH       ${PATH}:/opt/tools\n");
+    ok({{"var", "set", "base", "PATH", "${PATH}:/opt/tools", "--list", "unix"}, {"var", "set", "base", "SCRATCH", "x"}});
+    EXPECT_EQ(out({"var", "unset", "base", "SCRATCH"}), "Removed SCRATCH from the common list of the base settings.\n");
+    EXPECT_EQ(failure({"var", "unset", "base", "SCRATCH"}),
+              "kym: Variable 'SCRATCH' is not in the common list of the base settings.\n");
+    EXPECT_EQ(out({"var", "list", "base"}), "LIST    NAME       VALUE               COMMENT\n"
+                                            "common  UGII_LANG  german              for design\n"
+                                            "unix    PATH       ${PATH}:/opt/tools\n");
 
     Kym::BaseSettings& settings = Kym::BaseInformation();
     EXPECT_EQ(variableTexts(settings.commonVariableList()), std::vector<std::string>{"UGII_LANG=german"});
-    EXPECT_EQ(settings.commonVariableList().at(0).comment, "for design");
-    EXPECT_EQ(variableTexts(settings.unixVariableList()), std::vector<std::string>{"PATH=${PATH}:/opt/tools"});
     EXPECT_EQ(variableTexts(settings.applicationList().at(0).commonVariableList()),
               std::vector<std::string>{"UGII_OPTION=1"});
 }
 
 TEST_F(KymCommand, InvalidVariablesAreRefusedAndNothingIsSaved) {
     makeDepartments();
-    ASSERT_EQ(kym({"var", "set", "dept:Design", "UGII_LANG", "german"}).status, 0);
+    ok({{"var", "set", "dept:Design", "UGII_LANG", "german"}});
     const fs::path file = department("Design") / "nx4" / "config" / "configSettings.dat";
     const std::string before = readFile(file);
-
-    Outcome name = kym({"var", "set", "dept:Design", "1ABC", "x"});
-    EXPECT_EQ(name.status, 1);
-    EXPECT_EQ(name.err, "kym: Invalid variable name '1ABC': a name holds letters, digits and '_' (a '#' only first) "
-                        "and starts with neither a digit nor '_'.\n");
-    Outcome value = kym({"var", "set", "dept:Design", "UGII_LANG", "a{b"});
-    EXPECT_EQ(value.status, 1);
-    EXPECT_EQ(value.err, "kym: Invalid value 'a{b' for variable 'UGII_LANG': a value holds its '%' signs in pairs "
-                         "and closes every '{' with a '}'.\n");
+    EXPECT_EQ(failure({"var", "set", "dept:Design", "1ABC", "x"}),
+              "kym: Invalid variable name '1ABC': a name holds letters, digits and '_' (a '#' only first) "
+              "and starts with neither a digit nor '_'.\n");
+    EXPECT_EQ(failure({"var", "set", "dept:Design", "UGII_LANG", "a{b"}),
+              "kym: Invalid value 'a{b' for variable 'UGII_LANG': a value holds its '%' signs in pairs "
+              "and closes every '{' with a '}'.\n");
     EXPECT_EQ(readFile(file), before);
 
     site.addDepartment("Old");
-    Outcome old = kym({"var", "set", "dept:Old", "UGII_LANG", "german"});
-    EXPECT_EQ(old.status, 1);
-    EXPECT_EQ(old.err, "kym: Department 'Old' is not updated for release nx4 (" + native(department("Old") / "nx4") +
-                           " is missing): run 'kym dept update Old' first.\n");
+    EXPECT_EQ(failure({"var", "set", "dept:Old", "UGII_LANG", "german"}),
+              "kym: Department 'Old' is not updated for release nx4 (" + native(department("Old") / "nx4") +
+                  " is missing): run 'kym dept update Old' first.\n");
 }
 
 TEST_F(KymCommand, DepartmentsAreCreatedRenamedAndDeletedWithTheirDependents) {
-    Outcome shared = kym({"dept", "create", "Shared", "--type", "Common", "--description", "Shared settings"});
-    EXPECT_EQ(shared.status, 0);
-    EXPECT_EQ(shared.out, "Created department Shared in " + native(department("Shared")) + ".\n");
-    EXPECT_EQ(shared.err, "");
+    EXPECT_EQ(out({"dept", "create", "Shared", "--type", "Common", "--description", "Shared settings"}),
+              "Created department Shared in " + native(department("Shared")) + ".\n");
     EXPECT_EQ(readFile(department("Shared") / "nx4" / "config" / "readme"), "release files\n");
-    ASSERT_EQ(kym({"dept", "create", "Design", "--description", "Design office", "--common", "Shared", "--cleanup",
-                   "off", "--cleanup-days", "7"})
-                  .status,
-              0);
-    EXPECT_EQ(property<std::string>(department("Design"), "Description"), "Design office");
-    EXPECT_EQ(property<std::string>(department("Design"), "Type"), "Production");
+    ok({{"dept", "create", "Design", "--description", "Design office", "--common", "Shared", "--cleanup", "off",
+         "--cleanup-days", "7"}});
     EXPECT_EQ(property<bool>(department("Design"), "Do File Cleanup Key"), false);
-    EXPECT_EQ(kym({"departments"}).out, "   NAME    TYPE        UPDATED  DESCRIPTION\n"
-                                        "   Design  Production  yes      Design office\n"
-                                        "   Shared  Common      yes      Shared settings\n");
+    EXPECT_EQ(out({"departments"}), "   NAME    TYPE        UPDATED  DESCRIPTION\n"
+                                    "   Design  Production  yes      Design office\n"
+                                    "   Shared  Common      yes      Shared settings\n");
 
-    Outcome rename = kym({"dept", "rename", "Shared", "Common"});
-    EXPECT_EQ(rename.out, "Renamed department Shared to Common.\n"
-                          "Now naming Common as their common department: Design.\n");
+    EXPECT_EQ(out({"dept", "rename", "Shared", "Common"}), "Renamed department Shared to Common.\n"
+                                                           "Now naming Common as their common department: Design.\n");
     EXPECT_EQ(property<std::string>(department("Design"), "Common Department"), "Common");
-
-    Outcome refused = kym({"dept", "delete", "Common"});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.err, "kym: Deleting department 'Common' removes all its releases; without a terminal to ask on, "
-                           "confirm with --yes.\n");
+    EXPECT_EQ(failure({"dept", "delete", "Common"}), "kym: Deleting department 'Common' removes all its releases; "
+                                                     "without a terminal to ask on, confirm with --yes.\n");
     EXPECT_TRUE(fs::exists(department("Common")));
-    EXPECT_EQ(kym({"dept", "delete", "Common", "--yes"}).out,
+    EXPECT_EQ(out({"dept", "delete", "Common", "--yes"}),
               "Deleted department Common.\n"
               "Warning: these departments still name Common as their common department: Design.\n");
     EXPECT_FALSE(fs::exists(department("Common")));
 
-    Outcome type = kym({"dept", "set", "Design", "type", "Prod"});
-    EXPECT_EQ(type.err, "kym: Unknown department type 'Prod': choose Common, Development, Production, Test.\n");
-    Outcome common = kym({"dept", "set", "Design", "common", "Nowhere"});
-    EXPECT_EQ(common.err, "kym: Department 'Nowhere' does not exist in " + native(site.departmentsPath()) +
-                              ", so it cannot be a common department.\n");
-    EXPECT_EQ(kym({"dept", "set", "Design", "cleanup-days", "9"}).status, 0);
+    EXPECT_EQ(failure({"dept", "set", "Design", "type", "Prod"}),
+              "kym: Unknown department type 'Prod': choose Common, Development, Production, Test.\n");
+    EXPECT_EQ(failure({"dept", "set", "Design", "common", "Nowhere"}),
+              "kym: Department 'Nowhere' does not exist in " + native(site.departmentsPath()) +
+                  ", so it cannot be a common department.\n");
+    ok({{"dept", "set", "Design", "cleanup-days", "9"}});
     EXPECT_EQ(property<std::int64_t>(department("Design"), "Cleanup Days Key"), 9);
 }
 
@@ -351,14 +299,12 @@ TEST_F(KymCommand, DeletingADepartmentAsksOnATerminal) {
 
 TEST_F(KymCommand, AFailedCreationLeavesNoDepartmentBehind) {
     fs::remove(site.versionFilesArchive());
-    Outcome create = kym({"dept", "create", "Design"});
-    EXPECT_EQ(create.status, 1);
-    EXPECT_EQ(create.err, "kym: Data file " + native(site.versionFilesArchive()) + " was not found.\n");
+    EXPECT_EQ(failure({"dept", "create", "Design"}),
+              "kym: Data file " + native(site.versionFilesArchive()) + " was not found.\n");
     EXPECT_TRUE(fs::is_empty(site.departmentsPath()));
-
-    Outcome blank = kym({"dept", "create", "Design office"});
-    EXPECT_EQ(blank.err, "kym: Invalid department name 'Design office': a department is a directory of the "
-                         "departments directory, named without blanks and without '/' or '\\'.\n");
+    EXPECT_EQ(failure({"dept", "create", "Design office"}),
+              "kym: Invalid department name 'Design office': a department is a directory of the "
+              "departments directory, named without blanks and without '/' or '\\'.\n");
     EXPECT_TRUE(fs::is_empty(site.departmentsPath()));
 }
 
@@ -366,138 +312,130 @@ TEST_F(KymCommand, UpdatingADepartmentCarriesItsPreviousReleaseSettingsOver) {
     const fs::path old = site.addDepartment("Old");
     DepartmentSettings previous;
     previous.layer.commonVariables = {{"PROJECT_DIR", "/projects/old"}};
-    previous.workDirectories = {workDirectoryRecord("projects", "/projects")};
+    previous.workDirectories.resize(1);
+    previous.workDirectories[0].name = "projects";
+    previous.workDirectories[0].path = "/projects";
     site.writeDepartmentSettings(old, previous, Site::PreviousRelease);
-    EXPECT_EQ(kym({"departments"}).out, "   NAME  TYPE        UPDATED  DESCRIPTION\n"
-                                        "   Old   Production  no       None\n");
+    EXPECT_EQ(out({"departments"}), "   NAME  TYPE        UPDATED  DESCRIPTION\n"
+                                    "   Old   Production  no       None\n");
 
-    Outcome update = kym({"dept", "update", "Old"});
-    EXPECT_EQ(update.status, 0);
-    EXPECT_EQ(update.out, "Updated department Old for release nx4.\n");
+    EXPECT_EQ(out({"dept", "update", "Old"}), "Updated department Old for release nx4.\n");
     EXPECT_EQ(readFile(old / "nx4" / "config" / "readme"), "release files\n");
-    EXPECT_EQ(kym({"var", "list", "dept:Old"}).out, "LIST    NAME         VALUE          COMMENT\n"
-                                                    "common  PROJECT_DIR  /projects/old\n");
-    EXPECT_EQ(kym({"workdir", "list", "Old"}).out, "NAME      PATH\nprojects  /projects\n");
-    EXPECT_EQ(kym({"dept", "update", "Old"}).err, "kym: Department 'Old' is already updated for release nx4.\n");
+    EXPECT_EQ(out({"var", "list", "dept:Old"}), "LIST    NAME         VALUE          COMMENT\n"
+                                                "common  PROJECT_DIR  /projects/old\n");
+    EXPECT_EQ(out({"workdir", "list", "Old"}), "NAME      PATH\nprojects  /projects\n");
+    EXPECT_EQ(failure({"dept", "update", "Old"}), "kym: Department 'Old' is already updated for release nx4.\n");
 }
 
 TEST_F(KymCommand, WorkDirectoriesAndOverlaysAreListedAndRemoved) {
     makeDepartments();
-    ASSERT_EQ(kym({"app", "add", "base", "nx", "--description", "NX", "--category", "CAD"}).status, 0);
-    EXPECT_EQ(kym({"workdir", "list", "Design"}).out, "Department Design has no work directories.\n");
-    EXPECT_EQ(kym({"workdir", "add", "Design", "projects", "${HOME}/projects"}).out,
+    ok({{"app", "add", "base", "nx", "--description", "NX", "--category", "CAD"},
+        {"workdir", "add", "Design", "scratch", "/tmp"}});
+    EXPECT_EQ(out({"workdir", "add", "Design", "projects", "${HOME}/projects"}),
               "Added work directory projects (${HOME}/projects) to department Design.\n");
-    EXPECT_EQ(kym({"workdir", "add", "Design", "scratch", "/tmp"}).status, 0);
-    EXPECT_EQ(kym({"workdir", "add", "Design", "scratch", "/var/tmp"}).err,
+    EXPECT_EQ(failure({"workdir", "add", "Design", "scratch", "/var/tmp"}),
               "kym: Department 'Design' already has a work directory 'scratch'.\n");
-    EXPECT_EQ(kym({"workdir", "remove", "Design", "projects"}).out, "Removed work directory projects from department Design.\n");
-    EXPECT_EQ(kym({"workdir", "remove", "Design", "projects"}).err,
+    EXPECT_EQ(out({"workdir", "remove", "Design", "projects"}), "Removed work directory projects from department Design.\n");
+    EXPECT_EQ(failure({"workdir", "remove", "Design", "projects"}),
               "kym: Department 'Design' has no work directory 'projects'.\n");
-    EXPECT_EQ(kym({"workdir", "list", "Design"}).out, "NAME     PATH\nscratch  /tmp\n");
+    EXPECT_EQ(out({"workdir", "list", "Design"}), "NAME     PATH\nscratch  /tmp\n");
 
-    ASSERT_EQ(kym({"overlay", "set", "Design", "Base KYM", "nx", "--description", "NX for design"}).status, 0);
-    EXPECT_EQ(kym({"overlay", "set", "Design", "Base KYM", "nx", "--disable"}).out,
+    ok({{"overlay", "set", "Design", "Base KYM", "nx", "--description", "NX for design"}});
+    EXPECT_EQ(out({"overlay", "set", "Design", "Base KYM", "nx", "--disable"}),
               "Changed the overlay of application nx of 'Base KYM' in department Design.\n");
-    EXPECT_EQ(kym({"overlay", "list", "Design"}).out, "CONFIGURATION  APPID  CATEGORY  DESCRIPTION    DISABLED\n"
-                                                      "Base KYM       nx     CAD       NX for design  yes\n");
-    EXPECT_EQ(kym({"overlay", "set", "Design", "Base KYM", "nx", "--disable", "--enable"}).status, 2);
-    EXPECT_EQ(kym({"overlay", "remove", "Design", "Base KYM", "nx"}).out,
+    EXPECT_EQ(out({"overlay", "list", "Design"}), "CONFIGURATION  APPID  CATEGORY  DESCRIPTION    DISABLED\n"
+                                                  "Base KYM       nx     CAD       NX for design  yes\n");
+    EXPECT_EQ(out({"overlay", "remove", "Design", "Base KYM", "nx"}),
               "Removed the overlay of application nx of 'Base KYM' from department Design.\n");
-    EXPECT_EQ(kym({"overlay", "remove", "Design", "Base KYM", "nx"}).err,
+    EXPECT_EQ(failure({"overlay", "remove", "Design", "Base KYM", "nx"}),
               "kym: Department 'Design' has no overlay for application 'nx' of 'Base KYM'.\n");
-    EXPECT_EQ(kym({"overlay", "list", "Design"}).out, "Department Design has no overlays.\n");
+    EXPECT_EQ(out({"overlay", "list", "Design"}), "Department Design has no overlays.\n");
 }
 
 TEST_F(KymCommand, TheListsOfTheChosenLaunchConventionsApply) {
     makeDepartments();
-    ASSERT_EQ(kym({"app", "add", "base", "nx", "--program", "/bin/true", "--no-libraries"}).status, 0);
-    ASSERT_EQ(kym({"var", "set", "base", "CAD_HOME", "/opt/cad", "--list", "unix"}).status, 0);
-    ASSERT_EQ(kym({"var", "set", "base", "CAD_HOME", "C:/cad", "--list", "windows"}).status, 0);
+    ok({{"app", "add", "base", "nx", "--program", "/bin/true", "--no-libraries"},
+        {"var", "set", "base", "CAD_HOME", "/opt/cad", "--list", "unix"},
+        {"var", "set", "base", "CAD_HOME", "C:/cad", "--list", "windows"}});
 
-    EXPECT_TRUE(boost::contains(kym({"env", "Design", "nx"}).out, "\nCAD_HOME=/opt/cad\n"));
-    EXPECT_TRUE(boost::contains(kym({"--platform", "windows", "env", "Design", "nx"}).out, "\nCAD_HOME=C:\\cad\n"));
+    EXPECT_TRUE(boost::contains(out({"env", "Design", "nx"}), "\nCAD_HOME=/opt/cad\n"));
+    EXPECT_TRUE(boost::contains(out({"--platform", "windows", "env", "Design", "nx"}), "\nCAD_HOME=C:\\cad\n"));
     ScopedEnv windows("KYM_PLATFORM", std::string("windows"));
-    EXPECT_TRUE(boost::contains(kym({"env", "Design", "nx"}).out, "\nCAD_HOME=C:\\cad\n"));
-    EXPECT_TRUE(boost::contains(kym({"--platform", "posix", "env", "Design", "nx"}).out, "\nCAD_HOME=/opt/cad\n"));
-
-    EXPECT_EQ(kym({"--json", "apps", "Design"}).out, "{\n"
-                                                     "  \"department\": \"Design\",\n"
-                                                     "  \"description\": \"Design office\",\n"
-                                                     "  \"applications\": [\n"
-                                                     "    {\n"
-                                                     "      \"appId\": \"nx\",\n"
-                                                     "      \"description\": \"\",\n"
-                                                     "      \"category\": \"\",\n"
-                                                     "      \"configuration\": \"Base KYM\",\n"
-                                                     "      \"source\": \"base\",\n"
-                                                     "      \"program\": \"/bin/true\",\n"
-                                                     "      \"arguments\": \"\",\n"
-                                                     "      \"disabled\": false,\n"
-                                                     "      \"overlaid\": false\n"
-                                                     "    }\n"
-                                                     "  ]\n"
-                                                     "}\n");
+    EXPECT_TRUE(boost::contains(out({"env", "Design", "nx"}), "\nCAD_HOME=C:\\cad\n"));
+    EXPECT_TRUE(boost::contains(out({"--platform", "posix", "env", "Design", "nx"}), "\nCAD_HOME=/opt/cad\n"));
+    EXPECT_EQ(out({"--json", "apps", "Design"}), "{\n"
+                                                 "  \"department\": \"Design\",\n"
+                                                 "  \"description\": \"Design office\",\n"
+                                                 "  \"applications\": [\n"
+                                                 "    {\n"
+                                                 "      \"appId\": \"nx\",\n"
+                                                 "      \"description\": \"\",\n"
+                                                 "      \"category\": \"\",\n"
+                                                 "      \"configuration\": \"Base KYM\",\n"
+                                                 "      \"source\": \"base\",\n"
+                                                 "      \"program\": \"/bin/true\",\n"
+                                                 "      \"arguments\": \"\",\n"
+                                                 "      \"disabled\": false,\n"
+                                                 "      \"overlaid\": false\n"
+                                                 "    }\n"
+                                                 "  ]\n"
+                                                 "}\n");
+    EXPECT_EQ(misuse({"--platform", "macos", "departments"}),
+              "kym: --platform: macos not in {windows,posix}\n"
+              "Usage: kym departments [OPTIONS]\nRun 'kym help departments' for more.\n");
 }
 
 TEST_F(KymCommand, AppsListsEveryLayerWithTheDepartmentsOverlays) {
     makeDepartments();
-    ASSERT_EQ(kym({"app", "add", "base", "nx", "--description", "NX", "--category", "CAD", "--program", "/bin/true"}).status, 0);
-    ASSERT_EQ(kym({"app", "add", "base", "view", "--description", "Viewer", "--category", "Tools", "--program",
-                   "/bin/cat"}).status, 0);
-    ASSERT_EQ(kym({"plugin", "create", "cam", "--type", "Production"}).status, 0);
-    ASSERT_EQ(kym({"app", "add", "plugin:cam", "mill", "--description", "Milling", "--category", "CAM"}).status, 0);
-    ASSERT_EQ(kym({"app", "add", "dept:Shared", "pdm", "--description", "Parts", "--category", "Tools"}).status, 0);
-    ASSERT_EQ(kym({"app", "add", "dept:Design", "own", "--description", "Design tool", "--category", "CAD"}).status, 0);
-    EXPECT_EQ(kym({"app", "set", "base", "view", "disable", "on"}).out,
+    ok({{"app", "add", "base", "nx", "--description", "NX", "--category", "CAD", "--program", "/bin/true"},
+        {"app", "add", "base", "view", "--description", "Viewer", "--category", "Tools", "--program", "/bin/cat"},
+        {"plugin", "create", "cam", "--type", "Production"},
+        {"app", "add", "plugin:cam", "mill", "--description", "Milling", "--category", "CAM"},
+        {"app", "add", "dept:Shared", "pdm", "--description", "Parts", "--category", "Tools"},
+        {"app", "add", "dept:Design", "own", "--description", "Design tool", "--category", "CAD"}});
+    EXPECT_EQ(out({"app", "set", "base", "view", "disable", "on"}),
               "Set Disable of application view in the base settings to 'True'.\n");
-    EXPECT_EQ(kym({"overlay", "set", "Design", "cam Plugin", "mill", "--category", "CAD"}).out,
+    EXPECT_EQ(out({"overlay", "set", "Design", "cam Plugin", "mill", "--category", "CAD"}),
               "Added the overlay of application mill of 'cam Plugin' in department Design.\n");
 
-    Outcome apps = kym({"apps", "Design"});
-    EXPECT_EQ(apps.out, "Department Design (Design office)\n"
-                        "CAD\n"
-                        "  own   Design tool  [Design]\n"
-                        "  mill  Milling      [cam Plugin]\n"
-                        "  nx    NX           [Base KYM]\n"
-                        "Tools\n"
-                        "  pdm   Parts        [Shared]\n");
-    EXPECT_TRUE(boost::contains(kym({"apps", "Design", "--all"}).out, "  view  Viewer       [Base KYM]    disabled\n"));
-
-    EXPECT_EQ(kym({"app", "remove", "base", "view"}).status, 0);
-    EXPECT_EQ(kym({"app", "list", "base"}).out, "APPID  CATEGORY  DESCRIPTION  EXECUTABLE  ARGUMENTS  FLAGS\n"
-                                                "nx     CAD       NX           /bin/true\n");
-    Outcome column = kym({"app", "set", "base", "nx", "Colour", "red"});
-    EXPECT_EQ(column.status, 2);
-    EXPECT_TRUE(boost::starts_with(column.err, "kym: Unknown application column 'Colour': choose Disable, AppID, "
-                                               "Category, Description, Executable, Arguments, AddNXLibs, NoCustom.\n"));
-    EXPECT_EQ(kym({"app", "add", "base", "nx"}).err, "kym: Application 'nx' already exists in the base settings.\n");
-    EXPECT_EQ(kym({"overlay", "set", "Design", "Base KYM", "ghost"}).err,
+    EXPECT_EQ(out({"apps", "Design"}), "Department Design (Design office)\n"
+                                       "CAD\n"
+                                       "  own   Design tool  [Design]\n"
+                                       "  mill  Milling      [cam Plugin]\n"
+                                       "  nx    NX           [Base KYM]\n"
+                                       "Tools\n"
+                                       "  pdm   Parts        [Shared]\n");
+    EXPECT_TRUE(boost::contains(out({"apps", "Design", "--all"}), "  view  Viewer       [Base KYM]    disabled\n"));
+    ok({{"app", "remove", "base", "view"}});
+    EXPECT_EQ(out({"app", "list", "base"}), "APPID  CATEGORY  DESCRIPTION  EXECUTABLE  ARGUMENTS  FLAGS\n"
+                                            "nx     CAD       NX           /bin/true\n");
+    EXPECT_EQ(failure({"app", "add", "base", "nx"}), "kym: Application 'nx' already exists in the base settings.\n");
+    EXPECT_EQ(failure({"overlay", "set", "Design", "Base KYM", "ghost"}),
               "kym: Department 'Design' is offered no application 'ghost' of 'Base KYM' ('kym apps Design --all' "
               "lists them).\n");
 
-    std::vector<std::string> overlays;
-    Kym::Configuration design(department("Design"), true);
-    for (const Kym::ApplicationOverlay& overlay : design.settings()->overlays())
-        overlays.push_back(overlay.configurationName + "/" + overlay.appId + "/" + overlay.category + "/" +
-                           overlay.description);
-    EXPECT_EQ(overlays, std::vector<std::string>{"cam Plugin/mill/CAD/Milling"});
+    const std::vector<Kym::ApplicationOverlay> overlays =
+        Kym::Configuration(department("Design"), true).settings()->overlays();
+    ASSERT_EQ(overlays.size(), 1u);
+    EXPECT_EQ(overlays[0].configurationName + "/" + overlays[0].appId + "/" + overlays[0].category + "/" +
+                  overlays[0].description,
+              "cam Plugin/mill/CAD/Milling");
 }
 
 TEST_F(KymCommand, EnvExplainShowsEveryLayerThatSetAVariable) {
     makeDepartments();
-    ASSERT_EQ(kym({"app", "add", "base", "nx", "--program", "/bin/true", "--no-libraries"}).status, 0);
-    ASSERT_EQ(kym({"plugin", "create", "cam"}).status, 0);
-    ASSERT_EQ(kym({"var", "set", "site", "UGII_LANG", "site"}).status, 0);
-    ASSERT_EQ(kym({"var", "set", "base", "UGII_LANG", "${UGII_LANG}_base"}).status, 0);
-    ASSERT_EQ(kym({"var", "set", "plugin:cam", "UGII_LANG", "${UGII_LANG}_cam"}).status, 0);
-    ASSERT_EQ(kym({"var", "set", "dept:Shared", "UGII_LANG", "${UGII_LANG}_shared"}).status, 0);
-    ASSERT_EQ(kym({"var", "set", "dept:Design", "UGII_LANG", "${UGII_LANG}_design"}).status, 0);
-    ASSERT_EQ(kym({"var", "set", "base", "UGII_LANG", "${UGII_LANG}_nx", "--app", "nx"}).status, 0);
-    ASSERT_EQ(kym({"var", "set", "dept:Design", "HOME", ""}).status, 0);
+    ok({{"app", "add", "base", "nx", "--program", "/bin/true", "--no-libraries"},
+        {"plugin", "create", "cam"},
+        {"var", "set", "site", "UGII_LANG", "site"},
+        {"var", "set", "base", "UGII_LANG", "${UGII_LANG}_base"},
+        {"var", "set", "plugin:cam", "UGII_LANG", "${UGII_LANG}_cam"},
+        {"var", "set", "dept:Shared", "UGII_LANG", "${UGII_LANG}_shared"},
+        {"var", "set", "dept:Design", "UGII_LANG", "${UGII_LANG}_design"},
+        {"var", "set", "base", "UGII_LANG", "${UGII_LANG}_nx", "--app", "nx"},
+        {"var", "set", "dept:Design", "HOME", ""}});
 
-    Outcome explained = kym({"env", "Design", "nx", "--explain"});
-    EXPECT_EQ(explained.status, 0);
-    EXPECT_EQ(block(explained.out, "UGII_LANG=site_base_cam_shared_design_nx"),
+    const std::string explained = out({"env", "Design", "nx", "--explain"});
+    EXPECT_EQ(block(explained, "UGII_LANG=site_base_cam_shared_design_nx"),
               "UGII_LANG=site_base_cam_shared_design_nx\n"
               "    site               site\n"
               "    base               site_base\n"
@@ -505,19 +443,16 @@ TEST_F(KymCommand, EnvExplainShowsEveryLayerThatSetAVariable) {
               "    common department  site_base_cam_shared\n"
               "    department         site_base_cam_shared_design\n"
               "    application        site_base_cam_shared_design_nx\n");
-    EXPECT_EQ(block(explained.out, "HOME (not set)"), "HOME (not set)\n"
-                                                       "    process     " + native(home) + "\n"
-                                                       "    department  (removed)\n");
-    EXPECT_EQ(block(explained.out, "KYM_DEPT_DIR=" + native(department("Design"))),
+    EXPECT_EQ(block(explained, "HOME (not set)"), "HOME (not set)\n"
+                                                   "    process     " + native(home) + "\n"
+                                                   "    department  (removed)\n");
+    EXPECT_EQ(block(explained, "KYM_DEPT_DIR=" + native(department("Design"))),
               "KYM_DEPT_DIR=" + native(department("Design")) + "\n    launcher  " + native(department("Design")) + "\n");
 
-    Outcome plain = kym({"env", "Design", "nx"});
-    EXPECT_TRUE(boost::contains(plain.out, "\nUGII_LANG=site_base_cam_shared_design_nx\n")) << plain.out;
-    EXPECT_TRUE(boost::contains(plain.out, "\nKYM_COMMONDEPT_DIR=" + native(department("Shared")) + "\n"));
-    EXPECT_FALSE(boost::contains(plain.out, "\nHOME="));
-    Outcome windows = kym({"--platform", "windows", "env", "Design", "nx"});
-    EXPECT_TRUE(boost::contains(windows.out, "\nOS=win64\n")) << windows.out;
-    EXPECT_TRUE(boost::contains(windows.out, "\nUG_VER=nx4\n"));
+    const std::string plain = out({"env", "Design", "nx"});
+    EXPECT_TRUE(boost::contains(plain, "\nUGII_LANG=site_base_cam_shared_design_nx\n")) << plain;
+    EXPECT_TRUE(boost::contains(plain, "\nKYM_COMMONDEPT_DIR=" + native(department("Shared")) + "\n"));
+    EXPECT_FALSE(boost::contains(plain, "\nHOME="));
 }
 
 TEST_F(KymCommand, LaunchStartsTheProgramInTheWorkDirectoryWithTheAssembledEnvironment) {
@@ -527,90 +462,77 @@ TEST_F(KymCommand, LaunchStartsTheProgramInTheWorkDirectoryWithTheAssembledEnvir
     const fs::path probe = writeProbe(probeDirectory.path());
     const fs::path projects = home / "projects";
     fs::create_directories(projects);
-    ASSERT_EQ(kym({"app", "add", "dept:Design", "probe", "--program", probe.string(), "--arguments", "one ${PROBE_VAR}",
-                   "--no-libraries"}).status, 0);
-    ASSERT_EQ(kym({"var", "set", "dept:Shared", "PROBE_VAR", "shared"}).status, 0);
-    ASSERT_EQ(kym({"workdir", "add", "Design", "projects", "${HOME}/projects"}).status, 0);
+    ok({{"app", "add", "dept:Design", "probe", "--program", probe.string(), "--arguments", "one ${PROBE_VAR}",
+         "--no-libraries"},
+        {"var", "set", "dept:Shared", "PROBE_VAR", "shared"},
+        {"workdir", "add", "Design", "projects", "${HOME}/projects"}});
 
-    Outcome unknown = kym({"launch", "Design", "probe", "--workdir", "elsewhere"});
-    EXPECT_EQ(unknown.err, "kym: Department 'Design' has no work directory 'elsewhere'. It has: projects.\n");
-    Outcome launch = kym({"launch", "Design", "probe", "--workdir", "projects"});
-    EXPECT_EQ(launch.status, 0);
-    EXPECT_EQ(launch.out, "Started probe from department Design.\n");
-    EXPECT_EQ(launch.err, "");
+    EXPECT_EQ(failure({"launch", "Design", "probe", "--workdir", "elsewhere"}),
+              "kym: Department 'Design' has no work directory 'elsewhere'. It has: projects.\n");
+    EXPECT_EQ(out({"launch", "Design", "probe", "--workdir", "projects"}), "Started probe from department Design.\n");
 
-    const ProbeRecord record = readProbe(probeDirectory.path());
-    EXPECT_EQ(record.arguments, (std::vector<std::string>{"/bin/sh", probe.string(), "one", "shared"}));
-    EXPECT_EQ(record.directory, fs::canonical(projects).string() + "\n");
-    EXPECT_EQ(record.variable("PROBE_VAR"), "shared");
-    EXPECT_EQ(record.variable("KYM_DEPT_DIR"), native(department("Design")));
-    EXPECT_EQ(record.variable("KYM_COMMONDEPT_DIR"), native(department("Shared")));
-    EXPECT_EQ(record.variable("UGII_LOCAL_USER_DEFAULTS"), native(projects / "nx90_user.dpv"));
+    EXPECT_EQ(readProbe(probeDirectory.path()),
+              "[" + probe.string() + "][one][shared]\n" + fs::canonical(projects).string() +
+                  "\nPROBE_VAR=shared\nKYM_DEPT_DIR=" + native(department("Design")) +
+                  "\nKYM_COMMONDEPT_DIR=" + native(department("Shared")) +
+                  "\nUGII_LOCAL_USER_DEFAULTS=" + native(projects / "nx90_user.dpv") + "\n");
 }
 
 TEST_F(KymCommand, WithoutADepartmentNamedTheCurrentOneOrTheLastOneIsUsed) {
     ASSERT_TRUE(orphansReaped);
     makeDepartments();
-    Outcome none = kym({"apps"});
-    EXPECT_EQ(none.status, 1);
-    EXPECT_EQ(none.err, "kym: No department given and none used before: name one, for example 'kym apps DEPT' "
-                        "('kym departments' lists them).\n");
+    EXPECT_EQ(failure({"apps"}), "kym: No department given and none used before: name one, for example "
+                                 "'kym apps DEPT' ('kym departments' lists them).\n");
 
     TempDir probeDirectory;
     const fs::path probe = writeProbe(probeDirectory.path());
-    Outcome run = kym({"run", "Design", "--", probe.string(), "-x", "two"});
-    EXPECT_EQ(run.out, "Started " + probe.string() + " from department Design.\n");
-    const ProbeRecord record = readProbe(probeDirectory.path());
-    EXPECT_EQ(record.arguments, (std::vector<std::string>{"/bin/sh", probe.string(), "-x", "two"}));
-    EXPECT_EQ(record.variable("KYM_DEPT_DIR"), native(department("Design")));
-    EXPECT_EQ(record.directory, fs::canonical(home).string() + "\n");
+    EXPECT_EQ(out({"run", "Design", "--", probe.string(), "-x", "two"}),
+              "Started " + probe.string() + " from department Design.\n");
+    EXPECT_EQ(readProbe(probeDirectory.path()),
+              "[" + probe.string() + "][-x][two]\n" + fs::canonical(home).string() + "\nPROBE_VAR=\nKYM_DEPT_DIR=" +
+                  native(department("Design")) + "\nKYM_COMMONDEPT_DIR=" + native(department("Shared")) +
+                  "\nUGII_LOCAL_USER_DEFAULTS=" + native(home / "nx90_user.dpv") + "\n");
 
-    EXPECT_TRUE(boost::starts_with(kym({"apps"}).out, "Department Design (Design office)\n"));
-    EXPECT_TRUE(boost::contains(kym({"departments"}).out, "* current department (last used)\n"));
+    EXPECT_TRUE(boost::starts_with(out({"apps"}), "Department Design (Design office)\n"));
+    EXPECT_TRUE(boost::contains(out({"departments"}), "* current department (last used)\n"));
     ScopedEnv current("KYM_DEPT_DIR", department("Shared").string());
-    EXPECT_TRUE(boost::starts_with(kym({"apps"}).out, "Department Shared (Shared settings)\n"));
+    EXPECT_TRUE(boost::starts_with(out({"apps"}), "Department Shared (Shared settings)\n"));
 }
 
 TEST_F(KymCommand, AnApplicationIsChosenByRankOrByItsConfiguration) {
     makeDepartments();
-    ASSERT_EQ(kym({"app", "add", "base", "tool", "--program", "/bin/true", "--no-libraries"}).status, 0);
-    ASSERT_EQ(kym({"app", "add", "dept:Design", "tool", "--program", "/bin/cat", "--no-libraries"}).status, 0);
-    EXPECT_EQ(kym({"command", "Design", "tool"}).out, "/bin/cat\n");
-    EXPECT_EQ(kym({"command", "Design", "tool", "--from", "Base KYM"}).out, "/bin/true\n");
-
-    ASSERT_EQ(kym({"plugin", "create", "cam"}).status, 0);
-    ASSERT_EQ(kym({"plugin", "create", "milling"}).status, 0);
-    ASSERT_EQ(kym({"app", "add", "plugin:cam", "mill", "--program", "/bin/true", "--no-libraries"}).status, 0);
-    ASSERT_EQ(kym({"app", "add", "plugin:milling", "mill", "--program", "/bin/echo", "--no-libraries",
-                   "--arguments", "-n"}).status, 0);
-    Outcome ambiguous = kym({"command", "Design", "mill"});
-    EXPECT_EQ(ambiguous.status, 1);
-    EXPECT_EQ(ambiguous.err, "kym: Application 'mill' is ambiguous in department 'Design': it is offered by "
-                             "'cam Plugin' and 'milling Plugin'. Choose one with --from NAME.\n");
-    EXPECT_EQ(kym({"command", "Design", "mill", "--from", "milling Plugin"}).out, "/bin/echo -n\n");
-    EXPECT_EQ(kym({"command", "Design", "lathe"}).err,
+    ok({{"app", "add", "base", "tool", "--program", "/bin/true", "--no-libraries"},
+        {"app", "add", "dept:Design", "tool", "--program", "/bin/cat", "--no-libraries"},
+        {"plugin", "create", "cam"},
+        {"plugin", "create", "milling"},
+        {"app", "add", "plugin:cam", "mill", "--program", "/bin/true", "--no-libraries"},
+        {"app", "add", "plugin:milling", "mill", "--program", "/bin/echo", "--no-libraries", "--arguments", "-n"}});
+    EXPECT_EQ(out({"command", "Design", "tool"}), "/bin/cat\n");
+    EXPECT_EQ(out({"command", "Design", "tool", "--from", "Base KYM"}), "/bin/true\n");
+    EXPECT_EQ(failure({"command", "Design", "mill"}),
+              "kym: Application 'mill' is ambiguous in department 'Design': it is offered by "
+              "'cam Plugin' and 'milling Plugin'. Choose one with --from NAME.\n");
+    EXPECT_EQ(out({"command", "Design", "mill", "--from", "milling Plugin"}), "/bin/echo -n\n");
+    EXPECT_EQ(failure({"command", "Design", "lathe"}),
               "kym: No application 'lathe' in department 'Design'. It offers: tool, mill.\n");
 
-    ASSERT_EQ(kym({"overlay", "set", "Design", "cam Plugin", "mill", "--disable"}).status, 0);
-    EXPECT_EQ(kym({"launch", "Design", "mill", "--from", "cam Plugin"}).err,
+    ok({{"overlay", "set", "Design", "cam Plugin", "mill", "--disable"}});
+    EXPECT_EQ(failure({"launch", "Design", "mill", "--from", "cam Plugin"}),
               "kym: Application 'mill' is disabled in department 'Design'.\n");
 }
 
 TEST_F(KymCommand, CheckNamesTheMissingInstallationOrProgram) {
     makeDepartments();
-    ASSERT_EQ(kym({"app", "add", "base", "nx", "--program", "${UGII_BASE_DIR}/ugii/ugraf"}).status, 0);
-    Outcome unset = kym({"check", "Design", "nx"});
-    EXPECT_EQ(unset.status, 1);
-    EXPECT_EQ(unset.err, "kym: UGII_BASE_DIR is not set.\n");
+    ok({{"app", "add", "base", "nx", "--program", "${UGII_BASE_DIR}/ugii/ugraf"}});
+    EXPECT_EQ(failure({"check", "Design", "nx"}), "kym: UGII_BASE_DIR is not set.\n");
 
     const fs::path installation = site.root() / "nx";
-    ASSERT_EQ(kym({"site", "set", "unix-install-path", installation.string()}).status, 0);
+    ok({{"site", "set", "unix-install-path", installation.string()}});
     fs::create_directories(installation / "ugii");
-    Outcome missing = kym({"check", "Design", "nx"});
-    EXPECT_EQ(missing.err, "kym: Program " + native(installation / "ugii" / "ugraf") +
-                               " is not found.\n  Original string = ${UGII_BASE_DIR}/ugii/ugraf\n"
-                               "  Maybe a environment variable is set wrong.\n");
-    Outcome json = kym({"--json", "check", "Design", "nx"});
+    EXPECT_EQ(failure({"check", "Design", "nx"}), "kym: Program " + native(installation / "ugii" / "ugraf") +
+                                                      " is not found.\n  Original string = ${UGII_BASE_DIR}/ugii/ugraf\n"
+                                                      "  Maybe a environment variable is set wrong.\n");
+    const Outcome json = kym({"--json", "check", "Design", "nx"});
     EXPECT_EQ(json.status, 1);
     EXPECT_TRUE(boost::starts_with(json.out, "{\n  \"department\": \"Design\",\n  \"application\": \"nx\",\n"
                                              "  \"ok\": false,\n  \"error\": \"Program "))
@@ -618,37 +540,33 @@ TEST_F(KymCommand, CheckNamesTheMissingInstallationOrProgram) {
 
     writeFile(installation / "ugii" / "ugraf", "#!/bin/sh\n");
     fs::permissions(installation / "ugii" / "ugraf", fs::perms(0755));
-    Outcome ok = kym({"check", "Design", "nx"});
-    EXPECT_EQ(ok.status, 0);
-    EXPECT_EQ(ok.out, "OK\n");
-    EXPECT_EQ(kym({"command", "Design", "nx"}).out, native(installation / "ugii" / "ugraf") + "\n");
+    EXPECT_EQ(out({"check", "Design", "nx"}), "OK\n");
+    EXPECT_EQ(out({"command", "Design", "nx"}), native(installation / "ugii" / "ugraf") + "\n");
 }
 
 TEST_F(KymCommand, PluginsAreCreatedAndSwitchedPerDepartment) {
     makeDepartments();
-    ASSERT_EQ(kym({"plugin", "create", "cam", "--type", "Production"}).status, 0);
-    ASSERT_EQ(kym({"plugin", "create", "pdm"}).status, 0);
-    EXPECT_EQ(kym({"plugin", "create", "extra", "--external"}).err,
+    ok({{"plugin", "create", "cam", "--type", "Production"}, {"plugin", "create", "pdm"}});
+    EXPECT_EQ(failure({"plugin", "create", "extra", "--external"}),
               "kym: The site names no external plugins location for posix clients: set one with 'kym site set "
               "unix-external-plugins DIRECTORY'.\n");
     const fs::path external = site.root() / "external";
     fs::create_directories(external);
-    ASSERT_EQ(kym({"site", "set", "unix-external-plugins", external.string()}).status, 0);
-    EXPECT_EQ(kym({"plugin", "create", "extra", "--external"}).out,
+    ok({{"site", "set", "unix-external-plugins", external.string()}});
+    EXPECT_EQ(out({"plugin", "create", "extra", "--external"}),
               "Created external plugin extra (Site-wide) in " + native(external / "extra") + ".\n");
-    EXPECT_EQ(kym({"plugin", "create", "odd", "--type", "Weird"}).err,
+    EXPECT_EQ(failure({"plugin", "create", "odd", "--type", "Weird"}),
               "kym: Unknown plugin type 'Weird': choose Site-wide, Common, Development, Production, Test.\n");
-    EXPECT_EQ(kym({"plugin", "list"}).out,
-              "NAME   TYPE        KIND      PATH\n"
-              "cam    Production  internal  " + native(site.pluginsPath() / "cam") + "\n"
-              "pdm    Site-wide   internal  " + native(site.pluginsPath() / "pdm") + "\n"
-              "extra  Site-wide   external  " + native(external / "extra") + "\n");
+    EXPECT_EQ(out({"plugin", "list"}), "NAME   TYPE        KIND      PATH\n"
+                                       "cam    Production  internal  " + native(site.pluginsPath() / "cam") + "\n"
+                                       "pdm    Site-wide   internal  " + native(site.pluginsPath() / "pdm") + "\n"
+                                       "extra  Site-wide   external  " + native(external / "extra") + "\n");
 
-    for (const char* plugin : {"cam", "pdm", "extra"}) ASSERT_EQ(kym({"plugin", "disable", "Design", plugin}).status, 0);
-    EXPECT_EQ(kym({"plugin", "disable", "Design", "pdm"}).out, "Plugin pdm is already disabled in department Design.\n");
-    EXPECT_EQ(kym({"plugin", "enable", "Design", "cam"}).out, "Enabled plugin cam in department Design.\n");
-    EXPECT_EQ(kym({"plugin", "disable", "Design", "lathe"}).err, "kym: No plugin named 'lathe'. Plugins: cam, pdm, extra.\n");
-    EXPECT_EQ(kym({"plugin", "set-type", "cam", "Test"}).status, 0);
+    ok({{"plugin", "disable", "Design", "cam"}, {"plugin", "disable", "Design", "pdm"},
+        {"plugin", "disable", "Design", "extra"}, {"plugin", "set-type", "cam", "Test"}});
+    EXPECT_EQ(out({"plugin", "disable", "Design", "pdm"}), "Plugin pdm is already disabled in department Design.\n");
+    EXPECT_EQ(out({"plugin", "enable", "Design", "cam"}), "Enabled plugin cam in department Design.\n");
+    EXPECT_EQ(failure({"plugin", "disable", "Design", "lathe"}), "kym: No plugin named 'lathe'. Plugins: cam, pdm, extra.\n");
 
     Kym::Configuration design(department("Design"), true);
     EXPECT_EQ(design.settings()->disabledPluginList(), (std::vector<std::string>{"pdm", "extra"}));
@@ -658,17 +576,18 @@ TEST_F(KymCommand, PluginsAreCreatedAndSwitchedPerDepartment) {
 }
 
 TEST_F(KymCommand, SiteSettingsAndSystemInformationAreWrittenWhereTheLibraryReadsThem) {
-    EXPECT_EQ(kym({"site", "set", "unix-install-path", "/opt/nx"}).out,
+    EXPECT_EQ(out({"site", "set", "unix-install-path", "/opt/nx"}),
               "Set unix-install-path to '/opt/nx' in " + native(site.siteSettingsFile()) + ".\n");
-    EXPECT_EQ(kym({"site", "set", "use-registry", "off"}).status, 0);
-    EXPECT_EQ(kym({"site", "set", "windows-tceng", "C:\\tc"}).status, 0);
-    EXPECT_EQ(kym({"site", "set", "use-registry", "maybe"}).status, 2);
-    Outcome unknown = kym({"site", "set", "colour", "red"});
-    EXPECT_EQ(unknown.status, 2);
-    EXPECT_TRUE(boost::starts_with(unknown.err, "kym: Unknown site setting 'colour': choose unix-install-path, "));
-    EXPECT_EQ(kym({"sysinfo", "set", "KymVersionString", "2.0"}).status, 0);
-    EXPECT_EQ(kym({"sysinfo", "set", "Nothing", "x"}).status, 2);
-    EXPECT_TRUE(boost::contains(kym({"site", "show"}).out, "  use-registry:              off\n"));
+    ok({{"site", "set", "use-registry", "off"}, {"site", "set", "windows-tceng", "C:\\tc"},
+        {"sysinfo", "set", "KymVersionString", "2.0"}});
+    EXPECT_EQ(misuse({"site", "set", "use-registry", "maybe"}), "kym: Invalid value 'maybe' for use-registry: give on "
+                                                                "or off.\nUsage: kym site set [OPTIONS] KEY VALUE\n"
+                                                                "Run 'kym help site set' for more.\n");
+    EXPECT_TRUE(boost::starts_with(misuse({"site", "set", "colour", "red"}),
+                                   "kym: Unknown site setting 'colour': choose unix-install-path, "));
+    EXPECT_TRUE(boost::starts_with(misuse({"sysinfo", "set", "Nothing", "x"}),
+                                   "kym: Unknown system information member 'Nothing': choose CadProductName, "));
+    EXPECT_TRUE(boost::contains(out({"site", "show"}), "  use-registry:              off\n"));
 
     EXPECT_EQ(Kym::SystemInformation().KymVersionString, "2.0");
     EXPECT_EQ(Kym::SystemInformation().CadVersionDirectory, "nx4");
