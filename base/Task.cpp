@@ -12,9 +12,13 @@
 #include <windows.h>
 #else
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <fcntl.h>
+#include <memory>
+#include <pthread.h>
+#include <sched.h>
+#include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -85,6 +89,23 @@ std::vector<char> environmentBlock(const std::map<std::string, std::string>& env
     return block;
 }
 
+// What the middle process is given and hands back, in memory it shares with us.
+struct Spawn {
+    const char* program;
+    const posix_spawn_file_actions_t* actions;
+    const posix_spawnattr_t* attributes;
+    char* const* argv;
+    char* const* envp;
+    pid_t pid = 0;
+    int error = 0;
+};
+
+int spawnFromMiddle(void* data) {
+    Spawn& spawn = *static_cast<Spawn*>(data);
+    spawn.error = ::posix_spawn(&spawn.pid, spawn.program, spawn.actions, spawn.attributes, spawn.argv, spawn.envp);
+    return 0;
+}
+
 } // namespace
 
 long Task::launch() {
@@ -117,47 +138,47 @@ long Task::launch() {
 
 namespace {
 
-// What the two forked processes tell the caller through the pipe.
-struct Report {
-    enum Kind : int { Started, ForkFailed, DirectoryFailed, ExecFailed };
-    int kind;
-    int error;
-    long pid;
+// Owns the attributes and file actions that posix_spawn reads.
+struct SpawnSetup {
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_t actions;
+    SpawnSetup() {
+        posix_spawnattr_init(&attributes);
+        posix_spawn_file_actions_init(&actions);
+    }
+    ~SpawnSetup() {
+        posix_spawn_file_actions_destroy(&actions);
+        posix_spawnattr_destroy(&attributes);
+    }
+    SpawnSetup(const SpawnSetup&) = delete;
+    SpawnSetup& operator=(const SpawnSetup&) = delete;
 };
 
-void sendReport(int fd, Report::Kind kind, int error, long pid) {
-    Report report{kind, error, pid};
-    while (::write(fd, &report, sizeof(report)) < 0 && errno == EINTR) {
-    }
+// The reason a working directory cannot be entered, or 0. Checked here because
+// posix_spawn reports a failed chdir and a failed exec alike.
+int directoryFault(const std::string& directory) {
+    struct stat status {};
+    if (::stat(directory.c_str(), &status) != 0) return errno;
+    if (!S_ISDIR(status.st_mode)) return ENOTDIR;
+    if (::faccessat(AT_FDCWD, directory.c_str(), X_OK, AT_EACCESS) != 0) return errno;
+    return 0;
 }
 
-// Only async-signal-safe calls from here to the exec: the parent may have other threads.
-[[noreturn]] void startProgram(int reportFd, const char* program, char* const* argv, char* const* envp,
-                               const char* directory, int lastDescriptor) {
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    struct sigaction defaultAction {};
-    defaultAction.sa_handler = SIG_DFL;
-    sigaction(SIGPIPE, &defaultAction, nullptr);
-    ::setsid();
-    int nullFd = ::open("/dev/null", O_RDONLY);
-    if (nullFd > 0) {
-        ::dup2(nullFd, 0);
-        ::close(nullFd);
-    }
-    // Descriptors the caller left open must not leak into a long-lived program.
-#ifdef CLOSE_RANGE_CLOEXEC
-    if (::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) != 0)
-#endif
-        for (int fd = 3; fd <= lastDescriptor; ++fd) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
-    if (directory && ::chdir(directory) != 0) {
-        sendReport(reportFd, Report::DirectoryFailed, errno, 0);
-        ::_exit(127);
-    }
-    ::execve(program, argv, envp);
-    sendReport(reportFd, Report::ExecFailed, errno, 0);
-    ::_exit(127);
+// What the middle process is given and hands back, in memory it shares with us.
+struct Spawn {
+    const char* program;
+    const posix_spawn_file_actions_t* actions;
+    const posix_spawnattr_t* attributes;
+    char* const* argv;
+    char* const* envp;
+    pid_t pid = 0;
+    int error = 0;
+};
+
+int spawnFromMiddle(void* data) {
+    Spawn& spawn = *static_cast<Spawn*>(data);
+    spawn.error = ::posix_spawn(&spawn.pid, spawn.program, spawn.actions, spawn.attributes, spawn.argv, spawn.envp);
+    return 0;
 }
 
 } // namespace
@@ -166,75 +187,67 @@ long Task::launch() {
     if (mLaunchPath.empty()) throw BaseException("Cannot start a program: no launch path is set");
     const std::string program = mLaunchPath.string();
     if (int fault = SystemCalls::execFault(program)) throw startFailure(mLaunchPath, mCurrentDirectory, false, fault);
+    const std::string directory = mCurrentDirectory.string();
+    if (!directory.empty())
+        if (int fault = directoryFault(directory)) throw startFailure(mLaunchPath, mCurrentDirectory, true, fault);
 
-    // Everything the forked processes need is built here, before forking.
     std::vector<std::string> argumentStrings;
     argumentStrings.reserve(mArguments.size() + 1);
     argumentStrings.push_back(program);
     argumentStrings.insert(argumentStrings.end(), mArguments.begin(), mArguments.end());
     std::vector<char*> argv;
+    argv.reserve(argumentStrings.size() + 1);
     for (auto& argument : argumentStrings) argv.push_back(argument.data());
     argv.push_back(nullptr);
 
     std::vector<std::string> environmentStrings;
     std::vector<char*> envp;
     if (mHasEnvironment) {
+        environmentStrings.reserve(mEnvironment.size());
         for (const auto& entry : mEnvironment) environmentStrings.push_back(entry.first + "=" + entry.second);
+        envp.reserve(environmentStrings.size() + 1);
         for (auto& entry : environmentStrings) envp.push_back(entry.data());
         envp.push_back(nullptr);
     }
-    char* const* environment = mHasEnvironment ? envp.data() : environ;
-    const std::string directory = mCurrentDirectory.string();
-    long openMax = ::sysconf(_SC_OPEN_MAX);
-    int lastDescriptor = openMax > 0 && openMax <= 65536 ? static_cast<int>(openMax) - 1 : 65535;
 
-    int reportPipe[2];
-    if (::pipe2(reportPipe, O_CLOEXEC) != 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, errno);
+    // The program gets its own session, no blocked signals, SIGPIPE as the
+    // default, /dev/null as input and none of the descriptors the caller left open.
+    SpawnSetup setup;
+    sigset_t none;
+    sigemptyset(&none);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    posix_spawnattr_setsigmask(&setup.attributes, &none);
+    posix_spawnattr_setsigdefault(&setup.attributes, &defaults);
+    posix_spawnattr_setflags(&setup.attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawn_file_actions_addopen(&setup.actions, 0, "/dev/null", O_RDONLY, 0);
+    if (!directory.empty()) posix_spawn_file_actions_addchdir_np(&setup.actions, directory.c_str());
+    posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
 
-    // Double fork: the middle process exits at once and is reaped here, so the
-    // program is adopted by init and never becomes our zombie.
-    pid_t middle = ::fork();
-    if (middle < 0) {
-        int error = errno;
-        ::close(reportPipe[0]);
-        ::close(reportPipe[1]);
-        throw startFailure(mLaunchPath, mCurrentDirectory, false, error);
-    }
-    if (middle == 0) {
-        ::close(reportPipe[0]);
-        pid_t child = ::fork();
-        if (child == 0)
-            startProgram(reportPipe[1], program.c_str(), argv.data(), environment,
-                         directory.empty() ? nullptr : directory.c_str(), lastDescriptor);
-        if (child < 0) sendReport(reportPipe[1], Report::ForkFailed, errno, 0);
-        else sendReport(reportPipe[1], Report::Started, 0, child);
-        ::_exit(0);
-    }
-    ::close(reportPipe[1]);
-
-    // The pipe reaches end of file once the program has been exec'd or both processes are gone.
-    long pid = -1;
-    Report failure{Report::Started, 0, 0};
-    Report report;
-    std::size_t filled = 0;
-    for (;;) {
-        ssize_t count = ::read(reportPipe[0], reinterpret_cast<char*>(&report) + filled, sizeof(report) - filled);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) break;
-        filled += static_cast<std::size_t>(count);
-        if (filled < sizeof(report)) continue;
-        filled = 0;
-        if (report.kind == Report::Started) pid = report.pid;
-        else failure = report;
-    }
-    ::close(reportPipe[0]);
+    // A middle process starts the program and exits at once, so that the
+    // program is adopted by init and never becomes our zombie. The middle
+    // shares our memory (nothing is copied) and we are suspended until it
+    // ends; posix_spawn in it returns once the program is exec'd, with the
+    // reason when it could not be. Our signal handlers must not run in the
+    // middle, hence every signal is blocked around it.
+    Spawn spawn{program.c_str(), &setup.actions, &setup.attributes, argv.data(),
+                mHasEnvironment ? envp.data() : environ};
+    constexpr std::size_t MiddleStackSize = 64 * 1024;
+    std::unique_ptr<char[]> middleStack(new char[MiddleStackSize]);
+    sigset_t all, previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    const pid_t middle = ::clone(spawnFromMiddle, middleStack.get() + MiddleStackSize,
+                                 CLONE_VM | CLONE_VFORK | SIGCHLD, &spawn);
+    const int cloneError = errno;
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (middle < 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, cloneError);
     int status = 0;
     while (::waitpid(middle, &status, 0) < 0 && errno == EINTR) {
     }
-
-    if (failure.kind != Report::Started)
-        throw startFailure(mLaunchPath, mCurrentDirectory, failure.kind == Report::DirectoryFailed, failure.error);
-    return pid;
+    if (spawn.error != 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, spawn.error);
+    return spawn.pid;
 }
 
 #endif

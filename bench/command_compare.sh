@@ -4,9 +4,6 @@
 # same program), for a site of 8 layers of 40 and of 400 variables a layer.
 # Run by hand (not part of the tests):
 #   bash bench/command_compare.sh [RESULTS.md]    (default: build/command_compare.md)
-# A department named on the command line is remembered in the user's
-# preferences (a file write with fsync); the extra row "department from
-# KYM_DEPT_DIR", as in programs that kym started, shows kym without it.
 # KYM names the kym program (default: build/tools/kym, built if missing);
 # KYM_BENCH_SIZES overrides the layer sizes ("40 400"); KYM_BENCH_DIR the
 # scratch directory (default: build/command-compare).
@@ -137,11 +134,9 @@ for count in $sizes; do
 
   table="$work/table-$count.md"
   json="$work/table-$count.json"
-  hyperfine -N --warmup 5 --min-runs 30 --export-markdown "$table" --export-json "$json" \
+  hyperfine -N --warmup 5 --min-runs 100 --export-markdown "$table" --export-json "$json" \
     --command-name "kym env ($count a layer)" "$kym env bench app" \
     --command-name "bash env script ($count a layer)" "bash $site/env.sh" \
-    --command-name "kym env, department from KYM_DEPT_DIR ($count a layer)" \
-    "env KYM_DEPT_DIR=$site/ugsite/bench $kym env app" \
     --command-name "kym launch ($count a layer)" "$kym launch bench app" \
     --command-name "bash launch script ($count a layer)" "bash $site/launch.sh"
   {

@@ -18,6 +18,8 @@ public:
     ConfigApplication();
     ConfigApplication(const ConfigApplication&) = default;
     ConfigApplication& operator=(const ConfigApplication&) = default;
+    ConfigApplication(ConfigApplication&&) noexcept = default;
+    ConfigApplication& operator=(ConfigApplication&&) noexcept = default;
     ~ConfigApplication() override;
 
     // Stamped by the configuration or plugin that hands out the list; never archived.

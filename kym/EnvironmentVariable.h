@@ -38,6 +38,8 @@ public:
     EnvironmentVariable(const std::string& name, PlatformType type);
     EnvironmentVariable(const EnvironmentVariable&) = default;
     EnvironmentVariable& operator=(const EnvironmentVariable&) = default;
+    EnvironmentVariable(EnvironmentVariable&&) noexcept = default;
+    EnvironmentVariable& operator=(EnvironmentVariable&&) noexcept = default;
     ~EnvironmentVariable() = default;
 
     void encode(Base::Archiver& archiver);

@@ -144,6 +144,28 @@ SettingsProtocol& SettingsProtocol::operator=(const SettingsProtocol& other) {
     return *this;
 }
 
+SettingsProtocol::SettingsProtocol(SettingsProtocol&& other) noexcept
+    : mCommonVariables(std::move(other.mCommonVariables)),
+      mUnixVariables(std::move(other.mUnixVariables)),
+      mWinVariables(std::move(other.mWinVariables)),
+      mCommonVariablesSource(other.mCommonVariablesSource),
+      mUnixVariablesSource(other.mUnixVariablesSource),
+      mWinVariablesSource(other.mWinVariablesSource) {
+    mCommonVariablesSource.setList(&mCommonVariables);
+    mUnixVariablesSource.setList(&mUnixVariables);
+    mWinVariablesSource.setList(&mWinVariables);
+}
+
+SettingsProtocol& SettingsProtocol::operator=(SettingsProtocol&& other) noexcept {
+    mCommonVariables = std::move(other.mCommonVariables);
+    mUnixVariables = std::move(other.mUnixVariables);
+    mWinVariables = std::move(other.mWinVariables);
+    mCommonVariablesSource.setEdited(other.mCommonVariablesSource.isEdited());
+    mUnixVariablesSource.setEdited(other.mUnixVariablesSource.isEdited());
+    mWinVariablesSource.setEdited(other.mWinVariablesSource.isEdited());
+    return *this;
+}
+
 SettingsProtocol::~SettingsProtocol() = default;
 
 EnvVariableListSource* SettingsProtocol::commonVariables() {

@@ -21,6 +21,8 @@ public:
     SettingsProtocol();
     SettingsProtocol(const SettingsProtocol& other);
     SettingsProtocol& operator=(const SettingsProtocol& other);
+    SettingsProtocol(SettingsProtocol&& other) noexcept;
+    SettingsProtocol& operator=(SettingsProtocol&& other) noexcept;
     virtual ~SettingsProtocol();
 
     // The table models, bound to this object's lists; owned by it.

@@ -123,8 +123,9 @@ std::string withoutTrailingNewlines(std::string text) {
     return text;
 }
 
-// `kym run` takes the program after "--" verbatim, options and all.
-std::vector<std::string> splitProgramCommand(std::vector<std::string>& arguments) {
+// The position of the command word: after the global options, whose only
+// value is that of --platform.
+std::size_t commandWordIndex(const std::vector<std::string>& arguments) {
     std::size_t index = 0;
     while (index < arguments.size()) {
         const std::string& word = arguments[index];
@@ -136,12 +137,55 @@ std::vector<std::string> splitProgramCommand(std::vector<std::string>& arguments
             break;
         }
     }
+    return index;
+}
+
+// `kym run` takes the program after "--" verbatim, options and all.
+std::vector<std::string> splitProgramCommand(std::vector<std::string>& arguments) {
+    const std::size_t index = commandWordIndex(arguments);
     if (index >= arguments.size() || arguments[index] != "run") return {};
     auto separator = std::find(arguments.begin() + static_cast<long>(index), arguments.end(), "--");
     if (separator == arguments.end()) return {};
     std::vector<std::string> command(separator + 1, arguments.end());
     arguments.erase(separator, arguments.end());
     return command;
+}
+
+// The top-level commands (aliases included) that each registration adds.
+struct CommandFamily {
+    std::vector<std::string> words;
+    void (*add)(Commands&);
+};
+
+const std::vector<CommandFamily>& commandFamilies() {
+    static const std::vector<CommandFamily> families = {
+        {{"apps", "env", "command", "check", "launch", "run"}, addLauncherCommands},
+        {{"departments", "dept", "department", "workdir"}, addDepartmentCommands},
+        {{"var", "variable"}, addVariableCommands},
+        {{"app", "application", "overlay"}, addApplicationCommands},
+        {{"plugin"}, addPluginCommands},
+        {{"site", "sysinfo"}, addSiteCommands},
+        {{"doctor"}, addDoctorCommand},
+    };
+    return families;
+}
+
+// Building every command costs more than most commands take to run, so only
+// the family of the command given is built. Help, a misspelt or a missing
+// command see them all.
+void addCommandsFor(Commands& commands, const std::vector<std::string>& arguments) {
+    const std::size_t index = commandWordIndex(arguments);
+    const bool helpAsked = std::any_of(arguments.begin(), arguments.end(),
+                                       [](const std::string& word) { return word == "-h" || word == "--help"; });
+    if (!helpAsked && index < arguments.size()) {
+        for (const CommandFamily& family : commandFamilies()) {
+            if (std::find(family.words.begin(), family.words.end(), arguments[index]) != family.words.end()) {
+                family.add(commands);
+                return;
+            }
+        }
+    }
+    for (const CommandFamily& family : commandFamilies()) family.add(commands);
 }
 
 int runHelp(CLI::App& root, const std::vector<std::string>& words) {
@@ -182,13 +226,7 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"windows", "posix"}));
 
     Commands commands(root, context);
-    addLauncherCommands(commands);
-    addDepartmentCommands(commands);
-    addVariableCommands(commands);
-    addApplicationCommands(commands);
-    addPluginCommands(commands);
-    addSiteCommands(commands);
-    addDoctorCommand(commands);
+    addCommandsFor(commands, arguments);
     std::vector<std::string> helpWords;
     CLI::App* help = commands.command(&root, "help", "Explain a command: kym help COMMAND [SUBCOMMAND]",
                                       "  kym help\n  kym help env\n  kym help var set\n",

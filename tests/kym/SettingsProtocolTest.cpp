@@ -103,7 +103,7 @@ TEST(SettingsProtocol, MergesTheCommonListThenTheListOfTheLaunchConventions) {
     EXPECT_EQ((Lines{"A=common;unix||0", "B=b||0"}), entries(posix));
 }
 
-TEST(SettingsProtocol, CopiesOwnTheirListsAndKeepTheEditedMarks) {
+TEST(SettingsProtocol, CopiesAndMovesOwnTheirListsAndKeepTheEditedMarks) {
     auto original = std::make_unique<Layer>();
     original->add(original->winVariables(), "A", "1");
     Layer copy(*original);
@@ -116,6 +116,20 @@ TEST(SettingsProtocol, CopiesOwnTheirListsAndKeepTheEditedMarks) {
     copy.winVariables()->setValueForListColumnRow("Name", 0, std::string("B"));
     EXPECT_EQ("A", assigned.winVariableList()[0].name);
     EXPECT_TRUE(assigned.variableListsEdited());
+
+    // A moved-to layer's table models show its own lists, not those of the emptied source.
+    auto source = std::make_unique<Layer>();
+    source->add(source->unixVariables(), "U", "1");
+    Layer moved(std::move(*source));
+    source.reset();
+    moved.unixVariables()->setValueForListColumnRow("Value", 0, std::string("2"));
+    EXPECT_EQ("2", moved.unixVariableList()[0].value);
+    EXPECT_TRUE(moved.variableListsEdited());
+    Layer moveAssigned;
+    moveAssigned = std::move(moved);
+    moveAssigned.unixVariables()->insertRow(-1);
+    EXPECT_EQ(2u, moveAssigned.unixVariableList().size());
+    EXPECT_TRUE(moveAssigned.variableListsEdited());
 }
 
 namespace {
