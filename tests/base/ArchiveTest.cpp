@@ -1,7 +1,6 @@
 #include "base/Archiver.h"
 #include "base/BaseException.h"
 #include "base/Coder.h"
-#include "base/FileManager.h"
 #include "base/Platform.h"
 #include "base/PropertyList.h"
 #include "base/Unarchiver.h"
@@ -14,9 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <sys/stat.h>
-
-// The fuzz target's schema and entry point, so that its corpus replays here.
-#include "fuzz/fuzz_archive.cpp"
+#include <tuple>
 
 using namespace std::string_literals;
 using Base::PropertyList;
@@ -46,9 +43,8 @@ struct Owner {
     std::vector<std::string> nicknames;
     std::vector<Pet> pets;
 
-    bool operator==(const Owner& other) const {
-        return name == other.name && active == other.active && age == other.age && nicknames == other.nicknames &&
-               pets == other.pets;
+    bool operator==(const Owner& o) const {
+        return std::tie(name, active, age, nicknames, pets) == std::tie(o.name, o.active, o.age, o.nicknames, o.pets);
     }
     void encode(Base::Archiver& archiver) {
         archiver.encode("Owner Name", name);
@@ -67,18 +63,6 @@ struct Owner {
     }
 };
 
-// Counts its living instances, to see that objects the unarchiver creates are released.
-struct Counted {
-    static int living;
-    std::string label;
-    Counted() { ++living; }
-    Counted(const Counted& other) : label(other.label) { ++living; }
-    ~Counted() { --living; }
-    void encode(Base::Archiver& archiver) { archiver.encode("Label", label); }
-    void decode(Base::Unarchiver& unarchiver) { unarchiver.decode("Label", label); }
-};
-int Counted::living = 0;
-
 // Record types without members: Empty<0> never gets a coder, the others only in the registry test.
 template <int>
 struct Empty {
@@ -93,7 +77,6 @@ Base::Coder<Pet> petCoder("TestPet");
 Base::CollectionCoder<std::vector<Pet>> petListCoder("TestPetList");
 Base::Coder<Owner> ownerCoder("TestOwner");
 Base::CollectionCoder<std::vector<Owner>> ownerListCoder("TestOwnerList");
-Base::Coder<Counted> countedCoder("TestCounted");
 
 const std::string source = "/x/baseSettings.dat";
 
@@ -138,53 +121,23 @@ TEST(Archive, EveryValueKindAndNestedRecordComesBackFromTheFileWholeAndInOrder) 
         Base::Archiver archiver(file);
         archiver.encodeObject("Owners", owners);
         archiver.encodeObject("Single", owners[1]);
-        archiver.encodeObject("Nobody", std::vector<Owner>{});
         archiver.encode("Literal", "from a literal");
         archiver.finishEncoding();
     }
 
     Base::Unarchiver unarchiver(file);
-    std::vector<Owner> readOwners, readNobody;
-    // Every member but the list of records (which is appended to) is replaced, also by empty values.
+    // A list of records is appended to; every other member is replaced, also by empty values.
+    std::vector<Owner> readOwners{{"Old", false, 3, {}, {}}};
     Owner readSingle{"preset", true, 1, {"preset"}, {}};
     std::string literal;
     EXPECT_EQ(unarchiver.decodeObject("Owners", &readOwners), &readOwners);
     EXPECT_EQ(unarchiver.decodeObject("Single", &readSingle), &readSingle);
-    EXPECT_EQ(unarchiver.decodeObject("Nobody", &readNobody), &readNobody);
     unarchiver.decode("Literal", literal);
-    EXPECT_EQ(readOwners, owners);
+    std::vector<Owner> expected{{"Old", false, 3, {}, {}}};
+    expected.insert(expected.end(), owners.begin(), owners.end());
+    EXPECT_EQ(readOwners, expected);
     EXPECT_EQ(readSingle, owners[1]);
-    EXPECT_EQ(readNobody, std::vector<Owner>{});
     EXPECT_EQ(literal, "from a literal");
-}
-
-TEST(Archive, ReadingAListAppendsToTheVectorGiven) {
-    Base::Archiver archiver(source);
-    archiver.encodeObject("Pets", std::vector<Pet>{{"Rex", 4}, {"Nemo", 0}});
-    std::vector<Pet> pets{{"Old", 3}};
-    Base::Unarchiver::fromText(archiver.text(), source)->decodeObject("Pets", &pets);
-    EXPECT_EQ(pets, (std::vector<Pet>{{"Old", 3}, {"Rex", 4}, {"Nemo", 0}}));
-}
-
-TEST(Archive, NullTargetGivesAnObjectThatTheUnarchiverOwnsAndReleases) {
-    Counted counted;
-    counted.label = "written";
-    Base::Archiver archiver(source);
-    archiver.encodeObject("Typed", counted);
-    archiver.encodeObject("Untyped", counted);
-    ASSERT_EQ(Counted::living, 1);
-
-    auto unarchiver = Base::Unarchiver::fromText(archiver.text(), source);
-    Counted* typed = unarchiver->decodeObject<Counted>("Typed", nullptr);
-    auto* untyped = static_cast<Counted*>(unarchiver->decodeObject("Untyped", nullptr));
-    ASSERT_NE(typed, nullptr);
-    ASSERT_NE(untyped, nullptr);
-    EXPECT_NE(typed, untyped);
-    EXPECT_EQ(typed->label, "written");
-    EXPECT_EQ(untyped->label, "written");
-    EXPECT_EQ(Counted::living, 3);
-    unarchiver.reset();
-    EXPECT_EQ(Counted::living, 1);
 }
 
 TEST(Archive, FileHoldsKeysInFirstWriteOrderWithLastValuesAndTypedObjectsWithTheirItems) {
@@ -209,7 +162,6 @@ TEST(Archive, FileHoldsKeysInFirstWriteOrderWithLastValuesAndTypedObjectsWithThe
                                        {"$items", PropertyList::Array{petEntry("Rex", 4), petEntry("Nemo", 0)}}})}})},
     });
     EXPECT_EQ(KymTest::readFile(file), PropertyList::serialize(expected));
-    EXPECT_EQ(archiver.text(), PropertyList::serialize(expected));
 }
 
 TEST(Archive, WritingRefusesReservedKeysAndTypesWithoutCoder) {
@@ -227,15 +179,10 @@ TEST(Archive, ValuesOfAnotherKindAreReportedWithFileKeyAndBothKindsAndLeaveTarge
     auto unarchiver = unarchiverOf(dict({
         {"Name Key", std::int64_t{12}},
         {"Flag", "yes"s},
-        {"Number", true},
-        {"Real", 1.5},
-        {"Date", PropertyList::Date{"2024-01-02T03:04:05Z"}},
-        {"Data", PropertyList::Data{{1, 2}}},
         {"Mixed Lines", PropertyList::Array{"one"s, std::int64_t{2}}},
         {"Too Large", std::int64_t{INT_MAX} + 1},
         {"Huge", std::uint64_t{18446744073709551615ull}},
         {"Untyped", dict({{"Pet Name", "Rex"s}})},
-        {"Numbered Type", dict({{"$type", std::int64_t{5}}})},
         {"Unknown", dict({{"$type", "Nonsense"s}})},
         {"Pet", petEntry("Rex", 4)},
         {"Without Items", dict({{"$type", "TestPetList"s}})},
@@ -254,20 +201,12 @@ TEST(Archive, ValuesOfAnotherKindAreReportedWithFileKeyAndBothKindsAndLeaveTarge
     auto& u = *unarchiver;
     const std::vector<std::pair<std::function<void()>, std::string>> cases = {
         {[&] { u.decode("Name Key", text); }, "key 'Name Key' holds an integer, expected a string"},
-        {[&] { u.decode("Flag", flag); }, "key 'Flag' holds a string, expected a boolean"},
-        {[&] { u.decode("Number", number); }, "key 'Number' holds a boolean, expected an integer"},
-        {[&] { u.decode("Real", text); }, "key 'Real' holds a real number, expected a string"},
-        {[&] { u.decode("Date", text); }, "key 'Date' holds a date, expected a string"},
-        {[&] { u.decode("Data", text); }, "key 'Data' holds data, expected a string"},
-        {[&] { u.decode("Mixed Lines", number); }, "key 'Mixed Lines' holds an array, expected an integer"},
         {[&] { u.decode("Flag", lines); }, "key 'Flag' holds a string, expected an array of strings"},
         {[&] { u.decode("Mixed Lines", lines); }, "item 2 of key 'Mixed Lines' holds an integer, expected a string"},
         {[&] { u.decode("Too Large", number); }, "key 'Too Large' holds 2147483648, beyond the range of an integer"},
         {[&] { u.decode("Huge", number); }, "key 'Huge' holds 18446744073709551615, beyond the range of an integer"},
         {[&] { u.decodeObject("Flag", &pet); }, "key 'Flag' holds a string, expected a dictionary"},
         {[&] { u.decodeObject("Untyped", &pet); }, "key 'Untyped' holds a dictionary without '$type'"},
-        {[&] { u.decodeObject("Numbered Type", &pet); },
-         "key '$type' of 'Numbered Type' holds an integer, expected a string"},
         {[&] { u.decodeObject("Unknown", &pet); }, "key 'Unknown' holds an object of the unknown type 'Nonsense'"},
         {[&] { u.decodeObject("Pet", &owner); }, "key 'Pet' holds an object of type 'TestPet', expected type 'TestOwner'"},
         {[&] { u.decodeObject<Unregistered>("Pet", nullptr); },
@@ -284,20 +223,14 @@ TEST(Archive, ValuesOfAnotherKindAreReportedWithFileKeyAndBothKindsAndLeaveTarge
         EXPECT_EQ(errorOf(call), "Archive /x/baseSettings.dat: " + message);
     }
     u.decode("Absent", text);
-    u.decode("Absent", flag);
     u.decode("Absent", number);
     u.decode("Absent", lines);
     EXPECT_EQ(u.decodeObject("Absent", &pet), &pet);
-    EXPECT_EQ(text, "kept");
+    EXPECT_EQ(u.decodeObject<Owner>("Absent", nullptr), nullptr);
+    EXPECT_EQ(text + lines.at(0) + std::to_string(number), "keptkept3");
     EXPECT_FALSE(flag);
-    EXPECT_EQ(number, 3);
-    EXPECT_EQ(lines, std::vector<std::string>{"kept"});
     EXPECT_EQ(pet, Pet{});
     EXPECT_EQ(owner, Owner{});
-    EXPECT_EQ(u.decodeObject<Owner>("Absent", nullptr), nullptr);
-    EXPECT_EQ(u.decodeObject("Absent", static_cast<void*>(nullptr)), nullptr);
-    EXPECT_FALSE(u.containsKey("Absent"));
-    EXPECT_TRUE(u.containsKey("Pet"));
 
     // The failures inside lists left no container open: reading goes on at the top.
     EXPECT_EQ(errorOf([&] { u.currentContainer(); }), "Archive /x/baseSettings.dat: no container is open");
@@ -316,34 +249,24 @@ TEST(Archive, ErrorsDeepInsideListsNameEveryEnclosingKeyAndItem) {
     ASSERT_NE(text.find(legs), std::string::npos);
     text.replace(text.find(legs), legs.size(), "<string>seventy-seven</string>");
 
-    auto unarchiver = Base::Unarchiver::fromText(text, source);
     std::vector<Owner> read;
-    EXPECT_EQ(errorOf([&] { unarchiver->decodeObject("Owners", &read); }),
+    EXPECT_EQ(errorOf([&] { Base::Unarchiver::fromText(text, source)->decodeObject("Owners", &read); }),
               "Archive /x/baseSettings.dat: key 'Legs' of 'Pets' item 1 of 'Owners' item 2 holds a string, "
               "expected an integer");
 }
 
-TEST(Archive, RootThatIsNotADictionaryIsRejected) {
-    EXPECT_EQ(errorOf([] { unarchiverOf(PropertyList::Array{"a"s}); }),
-              "Archive /x/baseSettings.dat: the root holds an array, expected a dictionary");
-}
-
-TEST(Archive, DamagedOrMissingFileIsReportedAsThePropertyListReaderDoes) {
+TEST(Archive, DamagedOrMissingFileIsReportedAsTheReadersDo) {
     TempDir dir;
     const auto file = dir / "baseSettings.dat";
     Base::Archiver archiver(file);
     archiver.encodeObject("Owners", sampleOwners());
     const std::string damaged = archiver.text().substr(0, archiver.text().size() / 2);
     KymTest::writeFile(file, damaged);
-
     const std::string expected = errorOf([&] { PropertyList::parse(damaged, file.string()); });
     EXPECT_NE(expected.find(file.string()), std::string::npos) << expected;
     EXPECT_EQ(errorOf([&] { Base::Unarchiver unarchiver(file); }), expected);
-
-    const auto missing = dir / "missing.dat";
-    const std::string missingExpected = errorOf([&] { Base::FileManager::readFile(missing); });
-    ASSERT_NE(missingExpected, "no exception");
-    EXPECT_EQ(errorOf([&] { Base::Unarchiver unarchiver(missing); }), missingExpected);
+    EXPECT_EQ(errorOf([&] { Base::Unarchiver unarchiver(dir / "missing.dat"); }),
+              "Cannot read file " + (dir / "missing.dat").string() + ": No such file or directory");
 }
 
 TEST(Archive, MessagesNameTheFileAsTheConventionsWritePaths) {
@@ -360,17 +283,6 @@ TEST(Archive, MessagesNameTheFileAsTheConventionsWritePaths) {
                            ": the root holds an array, expected a dictionary");
 }
 
-TEST(Archive, WriteIntoAMissingDirectoryFailsNamingTheFileAndCreatesNothing) {
-    TempDir dir;
-    const auto file = dir / "absent" / "baseSettings.dat";
-    Base::Archiver archiver(file);
-    archiver.encode("Key", "value"s);
-    const std::string expected = errorOf([&] { Base::FileManager::writeFileAtomically(file, archiver.text()); });
-    EXPECT_NE(expected.find(file.string()), std::string::npos) << expected;
-    EXPECT_EQ(errorOf([&] { archiver.finishEncoding(); }), expected);
-    EXPECT_FALSE(boost::filesystem::exists(dir / "absent"));
-}
-
 TEST(Archive, FailedWriteLeavesTheOldFileIntact) {
     TempDir dir;
     const auto locked = dir / "locked";
@@ -379,45 +291,26 @@ TEST(Archive, FailedWriteLeavesTheOldFileIntact) {
     ::chmod(locked.c_str(), 0555);
     ::chmod(file.c_str(), 0666);
 
-    const int result = KymTest::runAsNobody([&] {
+    EXPECT_EQ(KymTest::runAsNobody([&] {
         Base::Archiver archiver(file);
         archiver.encode("Key", "new value"s);
         const std::string error = errorOf([&] { archiver.finishEncoding(); });
-        return error == "no exception" ? 1 : error.find(file.string()) == std::string::npos ? 2 : 0;
-    });
-
-    EXPECT_EQ(result, 0);
+        return error == "Cannot write settings file " + file.string() + ": Permission denied" ? 0 : 1;
+    }), 0);
     EXPECT_EQ(KymTest::readFile(file), "old content");
-    std::vector<std::string> names;
-    for (const auto& entry : boost::filesystem::directory_iterator(locked))
-        names.push_back(entry.path().filename().string());
-    EXPECT_EQ(names, std::vector<std::string>{"baseSettings.dat"});
+    EXPECT_EQ(boost::filesystem::directory_iterator(locked)->path(), file);
 }
 
 TEST(CoderRegistry, LaterRegistrationUnderANameReplacesTheEarlierUntilItGoes) {
     auto first = std::make_unique<Base::Coder<RegistryProbe>>("TestProbe");
-    EXPECT_EQ(Base::CoderBase::coderForName("TestProbe"), first.get());
-    EXPECT_EQ(Base::CoderBase::coderForType(Base::TypeInfo::of<RegistryProbe>()), first.get());
     {
         Base::Coder<OtherRegistryProbe> second("TestProbe");
         EXPECT_EQ(Base::CoderBase::coderForName("TestProbe"), &second);
-        EXPECT_EQ(Base::CoderBase::coderForType(Base::TypeInfo::of<OtherRegistryProbe>()), &second);
+        EXPECT_EQ(Base::CoderBase::coderForType(Base::TypeInfo::of<RegistryProbe>()), first.get());
     }
     EXPECT_EQ(Base::CoderBase::coderForName("TestProbe"), nullptr);
     EXPECT_EQ(Base::CoderBase::coderForType(Base::TypeInfo::of<OtherRegistryProbe>()), nullptr);
     first.reset();
     EXPECT_EQ(Base::CoderBase::coderForType(Base::TypeInfo::of<RegistryProbe>()), nullptr);
     EXPECT_EQ(Base::CoderBase::coderForName("TestPet"), &petCoder);
-}
-
-TEST(Archive, FuzzCorpusDecodesWithoutCrashing) {
-    const boost::filesystem::path corpus = KYM_SOURCE_DIR "/fuzz/corpus/archive";
-    int inputs = 0;
-    for (const auto& entry : boost::filesystem::directory_iterator(corpus)) {
-        const std::string content = KymTest::readFile(entry.path());
-        SCOPED_TRACE(entry.path().string());
-        EXPECT_EQ(LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(content.data()), content.size()), 0);
-        ++inputs;
-    }
-    EXPECT_GT(inputs, 3);
 }

@@ -5,7 +5,6 @@
 #include <boost/core/demangle.hpp>
 #include <boost/filesystem.hpp>
 #include <charconv>
-#include <cmath>
 #include <cstdio>
 #include <functional>
 #include <gtest/gtest.h>
@@ -87,109 +86,67 @@ std::string nested(int depth, const std::string& inner = "") {
     return text;
 }
 
-TEST(PropertyListRead, HandWrittenFileGivesEveryKindOfValue) {
-    std::string text = document(
-        "<dict>\n"
-        "\t<key>Name</key>\n\t<string>Drafting &amp; Design &lt;3&gt; &#x41;&#66;</string>\n"
-        "\t<key>Count</key>\n\t<integer>-42</integer>\n"
-        "\t<key>Big</key>\n\t<integer>18446744073709551615</integer>\n"
-        "\t<key>Hex</key>\n\t<integer> 0x1F </integer>\n"
-        "\t<key>Ratio</key>\n\t<real>2.5e-3</real>\n"
-        "\t<key>On</key>\n\t<true/>\n"
-        "\t<key>Off</key>\n\t<false></false>\n"
-        "\t<!-- a comment -->\n"
-        "\t<key>When</key>\n\t<date>2024-02-29T12:00:00Z</date>\n"
-        "\t<key>Blob</key>\n\t<data>\n\tAAEC\n\t/w==\n\t</data>\n"
-        "\t<key>List</key>\n\t<array>\n\t\t<string/>\n\t\t<dict/>\n\t\t<array></array>\n"
-        "\t\t<dict><key>Deep</key><array><integer>+7</integer></array></dict>\n\t</array>\n"
-        "\t<key>Ünïcode ключ</key>\n\t<string><![CDATA[<raw & kept>]]></string>\n"
-        "</dict>");
-    EXPECT_EQ(show(PropertyList::parse(text, "x")),
-              "{Big: 18446744073709551615u, Blob: data(000102ff), Count: -42, Hex: 31, "
-              "List: [\"\", {}, [], {Deep: [7]}], Name: \"Drafting & Design <3> AB\", Off: false, On: true, "
-              "Ratio: 0.0025r, When: date(2024-02-29T12:00:00Z), Ünïcode ключ: \"<raw & kept>\"}");
-}
-
-TEST(PropertyListRead, EveryAcceptedFormGivesItsValueWithWhiteSpaceKeptInStrings) {
+TEST(PropertyListRead, EveryKindOfValueIsReadWithWhiteSpaceKeptInStrings) {
     const std::pair<std::string, std::string> cases[] = {
-        {document("<array><string>  a\n b </string><string>\t</string><string>x\r\ny</string><string>&#13;</string>"
-                  "<string>\n</string></array>"),
-         "[\"  a\n b \", \"\t\", \"x\ny\", \"\r\", \"\n\"]"},
-        {head + "<string> </string></plist>", "\" \""},
+        {document("<dict>\n"
+                  "\t<key>Name</key>\n\t<string>Drafting &amp; Design &lt;3&gt; &#x41;&#66;</string>\n"
+                  "\t<key>Big</key>\n\t<integer>18446744073709551615</integer>\n"
+                  "\t<key>Hex</key>\n\t<integer> -0x1F </integer>\n"
+                  "\t<key>Ratio</key>\n\t<real>2.5e-3</real>\n"
+                  "\t<key>Off</key>\n\t<false></false>\n"
+                  "\t<!-- a comment -->\n"
+                  "\t<key>When</key>\n\t<date>2024-02-29T12:00:00Z</date>\n"
+                  "\t<key>Blob</key>\n\t<data>\n\tAAEC\n\t/w==\n\t</data>\n"
+                  "\t<key>List</key>\n\t<array>\n\t\t<string/>\n\t\t<dict/>\n"
+                  "\t\t<dict><key>Deep</key><array><integer>+7</integer></array></dict>\n\t</array>\n"
+                  "\t<key>Ünïcode ключ</key>\n\t<string><![CDATA[<raw & kept>]]></string>\n"
+                  "</dict>"),
+         "{Big: 18446744073709551615u, Blob: data(000102ff), Hex: -31, List: [\"\", {}, {Deep: [7]}], "
+         "Name: \"Drafting & Design <3> AB\", Off: false, Ratio: 0.0025r, When: date(2024-02-29T12:00:00Z), "
+         "Ünïcode ключ: \"<raw & kept>\"}"},
         // White space beside a CDATA section belongs to the value too.
-        {document("<string> <![CDATA[a]]>\t</string>"), "\" a\t\""},
-        {document("<array><integer>-9223372036854775808</integer><integer>9223372036854775807</integer>"
-                  "<integer>9223372036854775808</integer><integer>-0x10</integer><integer>-0</integer>"
-                  "<real>1e3</real><real>-.5</real><real>+4</real><real>+infinity</real><real>-inf</real>"
-                  "<real>4.9e-324</real></array>"),
-         "[-9223372036854775808, 9223372036854775807, 9223372036854775808u, -16, 0, "
-         "1000r, -0.5r, 4r, infr, -infr, 5e-324r]"},
+        {document("<array><string>  a\n b </string><string>x\r\ny</string><string>&#13;</string>"
+                  "<string> <![CDATA[a]]>\t</string></array>"),
+         "[\"  a\n b \", \"x\ny\", \"\r\", \" a\t\"]"},
         // Declaration, doctype and byte order mark are optional.
         {"<plist><true/></plist>", "true"},
-        {"\xEF\xBB\xBF" + document("<integer>1</integer>"), "1"},
-        {"<plist version=\"1.0\">\n<string>a</string>\n</plist>\n\n", "\"a\""},
+        {"\xEF\xBB\xBF" + document("<real>-inf</real>"), "-infr"},
     };
     for (const auto& [text, shown] : cases) {
         SCOPED_TRACE(text);
         EXPECT_EQ(show(PropertyList::parse(text, "x")), shown);
     }
-    EXPECT_TRUE(std::isnan(boost::any_cast<double>(PropertyList::parse(head + "<real>nan</real></plist>", "x"))));
 }
 
 TEST(PropertyListRead, DamagedDocumentsAreRejectedNamingTheLine) {
     const std::pair<std::string, std::string> cases[] = {
         {document("<dict>\n<key>a</key>\n<string>x</dict>"), "line 6: malformed XML (Start-end tags mismatch)"},
-        {head + "<dict>\n", "line 4: malformed XML (Start-end tags mismatch)"},
         {"", "line 1: no plist element"},
-        {declaration + "\n<!-- nothing -->\n", "line 3: no plist element"},
         {declaration + "<dict/>\n", "line 2: root element <dict> is not <plist>"},
         {document("<string>a</string>\n<string>b</string>"), "line 5: second value <string> in <plist>"},
-        {document("<true/>") + "<plist/>\n", "line 6: element <plist> after the plist element"},
         {document("<true/>") + "\n  junk\n", "line 7: text after the plist element"},
-        {"x" + document("<true/>"), "line 1: text before the plist element"},
         {document("<array>\n<true/>\n oops <false/></array>"), "line 6: stray text in <array>"},
-        {document("<dict>\n<key>a</key>\n<true/>\nb</dict>"), "line 7: stray text in <dict>"},
-        {document("<true/> x"), "line 4: stray text in <plist>"},
         {head + "</plist>", "line 3: empty <plist>"},
         {"\n" + head + "<true/></plist>", "line 2: XML declaration not at the start"},
         {"<!DOCTYPE html>\n<plist><true/></plist>", "line 1: DOCTYPE of another document type"},
         {"<plist version=\"2.0\"><true/></plist>", "line 1: unsupported plist version '2.0'"},
-        {"<plist format=\"xml\"><true/></plist>", "line 1: unexpected attribute 'format' on <plist>"},
-        {document("<dict>\n<key>Description</key>\n<string>d</string>\n<key>Type</key>\n<string>a</string>\n"
-                  "<key>Type</key>\n<string>b</string>\n</dict>"),
-         "line 9: duplicate key 'Type'"},
-        {document("<dict>\n<key>a</key>\n</dict>"), "line 5: key 'a' has no value"},
+        {document("<dict>\n<key>Type</key>\n<string>a</string>\n<key>Type</key>\n<string>b</string>\n</dict>"),
+         "line 7: duplicate key 'Type'"},
         {document("<dict>\n<key>a</key>\n<key>b</key><true/>\n</dict>"), "line 5: key 'a' has no value"},
         {document("<dict>\n<string>a</string>\n</dict>"), "line 5: <string> without a <key> in <dict>"},
         {document("<array>\n<key>a</key>\n</array>"), "line 5: <key> outside a <dict>"},
         {document("<integer>12x</integer>"), "line 4: invalid integer '12x'"},
-        {document("<integer/>"), "line 4: invalid integer ''"},
-        {document("<integer>1 2</integer>"), "line 4: invalid integer '1 2'"},
         {document("<integer>18446744073709551616</integer>"), "line 4: integer out of range '18446744073709551616'"},
-        {document("<integer>-9223372036854775809</integer>"), "line 4: integer out of range '-9223372036854775809'"},
         {document("<real>0x1p3</real>"), "line 4: invalid real '0x1p3'"},
-        {document("<real>+-1</real>"), "line 4: invalid real '+-1'"},
-        {document("<real>1e999</real>"), "line 4: real out of range '1e999'"},
         {document("<data>AB=C</data>"), "line 4: invalid base64 in <data>"},
-        {document("<data>QUJD\nQ</data>"), "line 4: invalid base64 in <data>"},
-        {document("<data>QQ=</data>"), "line 4: invalid base64 in <data>"},
-        {document("<data>QQ==QQ==</data>"), "line 4: invalid base64 in <data>"},
         {document("<string>\na" + std::string(1, '\0') + "b</string>"), "line 5: NUL byte"},
         {document("<string>\n\xC3\x28</string>"), "line 5: invalid UTF-8"},
-        {document("<string>\xC0\xAF</string>"), "line 4: invalid UTF-8"},
-        {document("<string>\xED\xA0\x80</string>"), "line 4: invalid UTF-8"},
-        {document("<string>\xF4\x90\x80\x80</string>"), "line 4: invalid UTF-8"},
-        {document("<string>\xE2\x82</string>"), "line 4: invalid UTF-8"},
         {document("<integr>5</integr>"), "line 4: unknown element <integr>"},
-        {document("<string>a<b>c</b></string>"), "line 4: unexpected element <b> in <string>"},
         {document("<true>yes</true>"), "line 4: text in <true>"},
         {document("<string type=\"x\">a</string>"), "line 4: unexpected attribute 'type' on <string>"},
         {document("<string>a\n&foo;</string>"), "line 5: unknown entity '&foo;'"},
         {document("<string>AT&T rocks</string>"), "line 4: bare '&'"},
         {document("<string>&#0;</string>"), "line 4: invalid character reference '&#0;'"},
-        {document("<string>&#xD800;</string>"), "line 4: invalid character reference '&#xD800;'"},
-        {document("<string>&#x110000;</string>"), "line 4: invalid character reference '&#x110000;'"},
-        {document("<string>&#;</string>"), "line 4: invalid character reference '&#;'"},
         {document("<dict>\n<key>a</key>\n" + nested(PropertyList::maxDepth) + "\n</dict>"),
          "line 6: nesting deeper than 512 levels"},
     };
@@ -197,25 +154,18 @@ TEST(PropertyListRead, DamagedDocumentsAreRejectedNamingTheLine) {
         SCOPED_TRACE(text.substr(0, 200));
         EXPECT_EQ(rejection(text), "Property list /x/y.plist, " + message);
     }
-}
-
-TEST(PropertyListRead, RejectionWithoutASourceNameSaysPropertyList) {
     EXPECT_EQ(errorOf([] { PropertyList::parse("<plist/>", ""); }), "Property list, line 1: empty <plist>");
 }
 
-TEST(PropertyListLimits, NestingUpToTheLimitIsRead) {
+
+TEST(PropertyListLimits, NestingUpToTheLimitIsReadAndWrittenAndAHundredThousandLevelsAreRejected) {
     boost::any value = PropertyList::parse(document(nested(PropertyList::maxDepth, "<true/>")), "x");
     int depth = 0;
     for (const boost::any* at = &value; at->type() == typeid(Array); at = &boost::any_cast<const Array&>(*at)[0])
         ++depth;
     EXPECT_EQ(depth, PropertyList::maxDepth);
     EXPECT_EQ(PropertyList::parse(PropertyList::serialize(value), "x").type(), typeid(Array));
-}
-
-TEST(PropertyListLimits, HundredThousandNestedArraysAreRejectedWithoutCrashing) {
     EXPECT_EQ(rejection(document(nested(100000))), "Property list /x/y.plist, line 4: nesting deeper than 512 levels");
-    EXPECT_EQ(rejection(document(nested(100000).substr(0, 700000))),
-              "Property list /x/y.plist, line 5: malformed XML (Start-end tags mismatch)");
 }
 
 TEST(PropertyListWrite, DocumentHasTheStandardHeadAndTabIndentation) {
@@ -234,45 +184,32 @@ TEST(PropertyListWrite, DocumentHasTheStandardHeadAndTabIndentation) {
                   "\t</dict>\n</plist>\n");
 }
 
-TEST(PropertyListWrite, OrderedDictionaryKeepsItsKeyOrderAndReadsBackAsDictionary) {
-    PropertyList::OrderedDictionary root{{{"b", std::string("1")}, {"a", false}}};
-    std::string text = PropertyList::serialize(root);
-    EXPECT_EQ(text, head + "\t<dict>\n\t\t<key>b</key>\n\t\t<string>1</string>\n\t\t<key>a</key>\n\t\t<false />\n"
-                           "\t</dict>\n</plist>\n");
-    EXPECT_EQ(show(PropertyList::parse(text, "x")), "{a: false, b: \"1\"}");
-}
-
-TEST(PropertyListWrite, EveryWritableValueReadsBackAsItsPropertyListType) {
+TEST(PropertyListWrite, EveryWritableValueReadsBackAsItsPropertyListTypeAndOrderedKeysKeepTheirOrder) {
     Dictionary root{
         {"int", -5},
         {"unsigned", 4000000000u},
         {"long", -6L},
-        {"long long", 7LL},
         {"unsigned long", std::numeric_limits<unsigned long>::max()},
-        {"unsigned long long", 9ULL},
         {"float", 0.1f},
-        {"reals", Array{0.1, -0.0, 1e300, 5e-324, std::numeric_limits<double>::infinity(),
-                        -std::numeric_limits<double>::infinity()}},
-        {"texts", Array{std::string("  a\n b "), std::string("x\r\ny\r"), std::string("\x01\t<&>\"'"),
-                        std::string("ключ 😀"), std::string()}},
-        {"bytes", PropertyList::Data{{0, 255, 10}}},
+        {"reals", Array{0.1, -0.0, 5e-324, -std::numeric_limits<double>::infinity()}},
+        {"texts", Array{std::string("x\r\ny\r"), std::string("\x01\t<&>\"'"), std::string("ключ 😀"), std::string()}},
         {"", true}};
     EXPECT_EQ(show(PropertyList::parse(PropertyList::serialize(root), "x")),
-              "{: true, bytes: data(00ff0a), float: 0.1r, int: -5, long: -6, long long: 7, "
-              "reals: [0.1r, -0r, 1e+300r, 5e-324r, infr, -infr], "
-              "texts: [\"  a\n b \", \"x\r\ny\r\", \"\x01\t<&>\"'\", \"ключ 😀\", \"\"], "
-              "unsigned: 4000000000, unsigned long: 18446744073709551615u, unsigned long long: 9}");
+              "{: true, float: 0.1r, int: -5, long: -6, reals: [0.1r, -0r, 5e-324r, -infr], "
+              "texts: [\"x\r\ny\r\", \"\x01\t<&>\"'\", \"ключ 😀\", \"\"], "
+              "unsigned: 4000000000, unsigned long: 18446744073709551615u}");
+
+    PropertyList::OrderedDictionary ordered{{{"b", std::string("1")}, {"a", false}}};
+    EXPECT_EQ(PropertyList::serialize(ordered), head + "\t<dict>\n\t\t<key>b</key>\n\t\t<string>1</string>\n"
+                                                       "\t\t<key>a</key>\n\t\t<false />\n\t</dict>\n</plist>\n");
 }
 
 TEST(PropertyListWrite, UnwritableValuesAreRejectedNamingTheirPlace) {
     EXPECT_EQ(writeError(Dictionary{{"Tools", Dictionary{{"Names", Array{std::string("a"), "b"}}}}}),
               "Property list: cannot write a value of type 'char const*' at 'Tools/Names[1]'");
-    EXPECT_EQ(writeError(Array{Array{'c'}}), "Property list: cannot write a value of type 'char' at '[0][0]'");
     EXPECT_EQ(writeError(boost::any()), "Property list: cannot write an empty value at the root");
-    EXPECT_EQ(writeError(Dictionary{{"a", boost::any()}}), "Property list: cannot write an empty value at 'a'");
     EXPECT_EQ(writeError(Dictionary{{"a", std::string("x\xFFy")}}), "Property list: invalid UTF-8 in the string at 'a'");
     EXPECT_EQ(writeError(Array{std::string("x\0y", 3)}), "Property list: NUL character in the string at '[0]'");
-    EXPECT_EQ(writeError(Array{PropertyList::Date{"\xC3"}}), "Property list: invalid UTF-8 in the date at '[0]'");
     EXPECT_EQ(writeError(Dictionary{{"s", Dictionary{{"\xFE", 1}}}}),
               "Property list: invalid UTF-8 in a key of the dictionary at 's'");
     EXPECT_EQ(writeError(PropertyList::OrderedDictionary{{{"k", 1}, {"k", 2}}}),
@@ -285,26 +222,18 @@ TEST(PropertyListWrite, UnwritableValuesAreRejectedNamingTheirPlace) {
     EXPECT_EQ(writeError(deep), "Property list: nesting deeper than 512 levels at '" + where + "'");
 }
 
-TEST(PropertyListFile, MissingFileGivesAListWithoutRoot) {
-    PropertyList list(KymTest::TempDir() / "absent.plist");
-    EXPECT_FALSE(list.hasRoot());
-    EXPECT_FALSE(list.hasProperty("Description"));
-    EXPECT_TRUE(list.getProperty("Description").empty());
-}
-
-TEST(PropertyListFile, PropertiesSetAndSavedAreReadBackFromTheFile) {
+TEST(PropertyListFile, PropertiesSetAndSavedAreReadBackFromTheFileThatMayBeMissingAtFirst) {
     KymTest::TempDir directory;
-    PropertyList list;
-    list.setFile(directory / ".dirinfo.plist");
+    PropertyList list(directory / ".dirinfo.plist");
+    EXPECT_FALSE(list.hasRoot());
+    EXPECT_TRUE(list.getProperty("Description").empty());
     list.setProperty("Description", std::string("Body shop"));
     list.setProperty("Cleanup Days Key", 2u);
     list.setProperty("Description", std::string("Paint shop"));
     list.saveList();
-    EXPECT_EQ(KymTest::readFile(directory / ".dirinfo.plist"), PropertyList::serialize(list.root()));
 
     PropertyList read(directory / ".dirinfo.plist");
     EXPECT_EQ(show(read.root()), "{Cleanup Days Key: 2, Description: \"Paint shop\"}");
-    EXPECT_TRUE(read.hasProperty("Cleanup Days Key"));
     EXPECT_EQ(show(read.getProperty("Description")), "\"Paint shop\"");
 }
 
@@ -312,36 +241,22 @@ TEST(PropertyListFile, OrderedRootIsUpdatedInPlace) {
     PropertyList list("unused.plist", PropertyList::OrderedDictionary{{{"z", 1}, {"a", 2}}});
     list.setProperty("z", 3);
     list.setProperty("m", 4);
-    EXPECT_EQ(show(PropertyList::parse(PropertyList::serialize(list.root()), "x")), "{a: 2, m: 4, z: 3}");
+    const auto& entries = boost::any_cast<const PropertyList::OrderedDictionary&>(list.root()).entries;
+    ASSERT_EQ(entries.size(), 3u);
+    EXPECT_EQ(entries[0].first + entries[1].first + entries[2].first, "zam");
     EXPECT_EQ(boost::any_cast<int>(list.getProperty("z")), 3);
-    EXPECT_EQ(boost::any_cast<const PropertyList::OrderedDictionary&>(list.root()).entries.back().first, "m");
 }
 
-TEST(PropertyListFile, RootThatIsNoDictionaryHasNoProperties) {
+TEST(PropertyListFile, DamagedFileOrARootThatIsNoDictionaryIsNamedInTheMessage) {
     KymTest::TempDir directory;
     KymTest::writeFile(directory / "list.plist", document("<array/>"));
+    KymTest::writeFile(directory / "damaged.plist", document("<dict>\n<key>a</key><true/>\n<key>a</key><false/>\n</dict>"));
     PropertyList list(directory / "list.plist");
     std::string expected = "Property list " + (directory / "list.plist").string() + ": the root is not a dictionary";
     EXPECT_EQ(errorOf([&] { list.getProperty("a"); }), expected);
     EXPECT_EQ(errorOf([&] { list.setProperty("a", true); }), expected);
-}
-
-TEST(PropertyListFile, DamagedFileIsNamedInTheMessage) {
-    KymTest::TempDir directory;
-    KymTest::writeFile(directory / "list.plist", document("<dict>\n<key>a</key><true/>\n<key>a</key><false/>\n</dict>"));
-    EXPECT_EQ(errorOf([&] { PropertyList list(directory / "list.plist"); }),
-              "Property list " + (directory / "list.plist").string() + ", line 6: duplicate key 'a'");
-}
-
-TEST(PropertyListFile, UnreadableFileFailsWithTheReason) {
-    KymTest::TempDir directory;
-    auto file = directory / "secret.plist";
-    KymTest::writeFile(file, document("<true/>"));
-    boost::filesystem::permissions(file, boost::filesystem::owner_read | boost::filesystem::owner_write);
-    EXPECT_EQ(0, KymTest::runAsNobody([&] {
-        const std::string error = errorOf([&] { PropertyList list(file); });
-        return error == "Cannot read file " + file.string() + ": Permission denied" ? 0 : 1;
-    }));
+    EXPECT_EQ(errorOf([&] { PropertyList damaged(directory / "damaged.plist"); }),
+              "Property list " + (directory / "damaged.plist").string() + ", line 6: duplicate key 'a'");
 }
 
 TEST(PropertyListFile, SaveIntoReadOnlyDirectoryFailsAndKeepsTheOldFile) {
@@ -358,12 +273,8 @@ TEST(PropertyListFile, SaveIntoReadOnlyDirectoryFailsAndKeepsTheOldFile) {
     EXPECT_EQ(boost::filesystem::directory_iterator(directory / "locked")->path(), file);
 }
 
-TEST(PropertyListFile, SaveFailuresNameTheFile) {
+TEST(PropertyListFile, SaveFailuresNameTheFileAndCreateNothing) {
     KymTest::TempDir directory;
-    KymTest::writeFile(directory / "plain", "not a directory");
-    auto blocked = directory / "plain" / "list.plist";
-    EXPECT_EQ(errorOf([&] { PropertyList(blocked, Dictionary()).saveList(); }),
-              "Cannot write settings file " + blocked.string() + ": Not a directory");
     EXPECT_EQ(errorOf([&] { PropertyList(directory / "list.plist", Dictionary{{"Name", "c string"}}).saveList(); }),
               "Property list " + (directory / "list.plist").string() +
                   ": cannot write a value of type 'char const*' at 'Name'");

@@ -8,11 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include <boost/algorithm/string/classification.hpp>
-#include <boost/algorithm/string/replace.hpp>
-#include <boost/algorithm/string/split.hpp>
 #include <chrono>
-#include <cstdint>
 #include <functional>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -33,15 +29,6 @@ std::string failure(const std::function<void()>& action) {
     return "(no failure)";
 }
 
-std::string showDocumentationFailure(const App& app) {
-    return failure([&] { app.showDocumentation("/docs/manual.html"); });
-}
-
-// The user's preferences of an application, read by a database of their own.
-boost::shared_ptr<boost::any> savedPreference(const std::string& application, const std::string& key) {
-    return Kym::SystemPreferences(application).GetPreference(key);
-}
-
 // The site's browser under posix conventions.
 void setBrowser(const KymTest::Site& site, const std::string& browser) {
     KymTest::SiteFile file;
@@ -50,12 +37,9 @@ void setBrowser(const KymTest::Site& site, const std::string& browser) {
 }
 
 TEST(App, OneApplicationObjectLivesAtATime) {
-    EXPECT_EQ(App::instance(), nullptr);
     {
         App first("launcher");
         EXPECT_EQ(App::instance(), &first);
-        EXPECT_EQ(first.getAppName(), "launcher");
-        EXPECT_EQ(first.getPreferenceDB(), nullptr);
         EXPECT_EQ(failure([] { App second("configure"); }), "Trying to construct multiple application objects.");
         EXPECT_EQ(App::instance(), &first);
     }
@@ -72,16 +56,11 @@ TEST(App, InitializeStartsTheBaseLayerBeforeThePreferenceDatabase) {
     ScopedEnv output("KYM_LOG_FILE", logFile.string());
     App app("launcher");
     app.initialize(nullptr);
-
     ASSERT_NE(app.getPreferenceDB(), nullptr);
     EXPECT_EQ(app.getPreferenceDB()->CurrentApplication(), "launcher.plist");
-    std::vector<std::string> lines;
     const std::string text = KymTest::readFile(logFile);
-    boost::algorithm::split(lines, text, boost::algorithm::is_any_of("\n"));
-    ASSERT_GE(lines.size(), 3u);
-    EXPECT_EQ(lines.front(), "[kym.info] initialized trace controller");
-    EXPECT_EQ(lines[lines.size() - 2], "[kym.info] initialized preference system");
-    EXPECT_EQ(lines.back(), "");
+    EXPECT_EQ(text.rfind("[kym.info] initialized trace controller\n", 0), 0u) << text;
+    EXPECT_EQ(text.substr(text.rfind('\n', text.size() - 2) + 1), "[kym.info] initialized preference system\n");
 }
 
 TEST(App, CopySharesTheDatabaseAndItsDestructionFlushesItAndClearsTheInstance) {
@@ -91,48 +70,33 @@ TEST(App, CopySharesTheDatabaseAndItsDestructionFlushesItAndClearsTheInstance) {
     {
         App copy(app);
         EXPECT_EQ(App::instance(), &app);
-        EXPECT_EQ(copy.getAppName(), "launcher");
         EXPECT_EQ(copy.getPreferenceDB(), app.getPreferenceDB());
         copy.getPreferenceDB()->SetPreference("written by", std::string("copy"));
     }
     // The copy flushed the shared database and cleared the instance; the original still uses the database.
     EXPECT_EQ(App::instance(), nullptr);
-    const auto written = savedPreference("launcher", "written by");
+    const auto written = Kym::SystemPreferences("launcher").GetPreference("written by");
     ASSERT_TRUE(written);
     EXPECT_EQ(boost::any_cast<std::string>(*written), "copy");
-    app.getPreferenceDB()->SetPreference("written by", std::string("original"));
-
-    App other("configure");
-    other = app;
-    EXPECT_EQ(App::instance(), &other);
-    EXPECT_EQ(other.getAppName(), "launcher");
-    EXPECT_EQ(other.getPreferenceDB(), app.getPreferenceDB());
 }
 
 TEST(App, ShowDocumentationRefusesAnUndefinedMissingOrNotExecutableBrowser) {
     KymTest::Site site;
     Base::Platform::setCurrent(Base::Platform::Posix);
     App app("launcher");
+    const auto show = [&app] { app.showDocumentation("/docs/manual.html"); };
 
     setBrowser(site, "${KYM_TEST_UNDEFINED_BROWSER}");
-    EXPECT_EQ(showDocumentationFailure(app), "Web browser is undefined. Please define it in the configure program.");
-
+    EXPECT_EQ(failure(show), "Web browser is undefined. Please define it in the configure program.");
     const fs::path missing = site.root() / "missing" / "browser";
     setBrowser(site, missing.string());
-    EXPECT_EQ(showDocumentationFailure(app), "The executable " + missing.string() + " was not found.");
-
+    EXPECT_EQ(failure(show), "The executable " + missing.string() + " was not found.");
     // No execute bit at all: not executable, even for root.
     const fs::path plain = site.root() / "browser.txt";
     KymTest::writeFile(plain, "#!/bin/sh\n");
     fs::permissions(plain, fs::perms(0644));
     setBrowser(site, plain.string());
-    EXPECT_EQ(showDocumentationFailure(app), "The executable " + plain.string() + " is not executable.");
-
-    Base::Platform::setCurrent(Base::Platform::Windows);
-    ScopedEnv programFiles("PROGRAMFILES", site.root().string());
-    EXPECT_EQ(showDocumentationFailure(app),
-              "The executable " + boost::algorithm::replace_all_copy(site.root().string(), "/", "\\") +
-                  "\\Internet Explorer\\iexplore.exe was not found.");
+    EXPECT_EQ(failure(show), "The executable " + plain.string() + " is not executable.");
 }
 
 TEST(App, ShowDocumentationStartsTheSiteBrowserOnTheDocument) {
@@ -148,8 +112,7 @@ TEST(App, ShowDocumentationStartsTheSiteBrowserOnTheDocument) {
     fs::permissions(browser, fs::perms(0755));
     setBrowser(site, browser.string());
 
-    App app("launcher");
-    app.showDocumentation("/docs/manual one.html");
+    App("launcher").showDocumentation("/docs/manual one.html");
     for (int attempt = 0; attempt < 500 && !fs::exists(record); ++attempt)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     int status = 0;

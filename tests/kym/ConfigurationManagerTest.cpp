@@ -6,7 +6,6 @@
 #include "support/TestSupport.h"
 
 #include "base/Platform.h"
-#include "base/PropertyList.h"
 #include "base/SmartAssert.h"
 
 #include <gtest/gtest.h>
@@ -22,10 +21,6 @@ using Names = std::vector<std::string>;
 
 std::string native(const fs::path& p) {
     return Base::Platform::current().nativePath(p);
-}
-
-unsigned mode(const fs::path& p) {
-    return static_cast<unsigned>(fs::status(p).permissions());
 }
 
 Names rows(const ConfigurationManager& manager) {
@@ -49,10 +44,6 @@ DepartmentProperties properties(const std::string& description, const std::strin
     return result;
 }
 
-std::string description(const fs::path& department) {
-    return boost::any_cast<std::string>(Base::PropertyList(department / ".dirinfo.plist").getProperty("Description"));
-}
-
 // A site naming its releases nx4 and nx3, with version files to unpack; the
 // stores exist before a test records log lines.
 struct Manager : ::testing::Test {
@@ -68,22 +59,11 @@ struct Manager : ::testing::Test {
 
 } // namespace
 
-using ConfigurationDiscovery = Manager;
-
-TEST_F(ConfigurationDiscovery, SkipsPlainFilesAndDirectoriesThatHoldNoProperties) {
+TEST_F(Manager, SkipsEntriesThatAreNoDepartmentsAndDirectoriesTheUserCannotListOrEnter) {
     writeFile(department("notes.txt"), "not a department");
     fs::create_directories(department("empty"));
     writeFile(department("other") / "settings.txt", "");
-    LogRecorder log({"kym.info"});
-    ConfigurationManager manager;
-    EXPECT_EQ(manager.numberOfRowsInList(), 0);
-    EXPECT_EQ(log.lines("kym.info"), Names{"Found 0 configurations."});
-}
-
-TEST_F(ConfigurationDiscovery, SkipsDirectoriesTheUserCannotListOrEnter) {
-    site.addDepartment("locked");
-    site.addDepartment("closed");
-    site.addDepartment("open");
+    for (const char* name : {"locked", "closed", "open"}) site.addDepartment(name);
     fs::permissions(department("locked"), fs::perms(0700));
     fs::permissions(department("closed"), fs::perms(0744));
     EXPECT_EQ(rows(ConfigurationManager()), (Names{"closed", "locked", "open"}));
@@ -96,7 +76,7 @@ TEST_F(ConfigurationDiscovery, SkipsDirectoriesTheUserCannotListOrEnter) {
               0);
 }
 
-TEST_F(ConfigurationDiscovery, AMissingDepartmentsDirectoryFailsTheScan) {
+TEST_F(Manager, AMissingDepartmentsDirectoryFailsTheScan) {
     fs::remove_all(site.departmentsPath());
     EXPECT_EQ(thrownMessage([] { ConfigurationManager manager; }), "KYM_UGSITE_DIR is invalid.");
 }
@@ -122,41 +102,23 @@ TEST_F(Manager, ListsUpdatedDepartmentsOfAFullyMatchingTypeByDescription) {
     EXPECT_EQ(names(common), (Names{"c", "common"}));
 }
 
-TEST_F(Manager, FindsDepartmentsByNameByPathAndThroughKymDeptDir) {
-    site.addDepartment("design");
-    site.addDepartment("test");
-    ConfigurationManager manager;
-    EXPECT_EQ(manager.configurationByName("test"), manager.configuration(1));
-    EXPECT_EQ(manager.configurationByName("Test"), nullptr);
-    EXPECT_EQ(manager.configurationByPath(department("design")), manager.configuration(0));
-    ScopedEnv current("KYM_DEPT_DIR", department("test").string());
-    EXPECT_EQ(manager.currentConfiguration(), manager.configuration(1));
-    ScopedEnv unknown("KYM_DEPT_DIR", department("gone").string());
-    EXPECT_EQ(manager.currentConfiguration(), nullptr);
-}
-
 TEST_F(Manager, AMisusedIndexOrAnEmptyNameIsReported) {
     site.addDepartment("design");
     ConfigurationManager manager;
     std::ostringstream report;
     std::ostream* previous = Base::setAssertStream(&report);
     EXPECT_EQ(thrownMessage([&] { manager.configuration(1); }), "configuration index 1 is out of range of 1 configurations");
+    EXPECT_EQ(manager.configurationByName(""), nullptr);
+    Base::setAssertStream(previous);
     EXPECT_EQ(report.str(),
               "Assertion (level 300) failed: index >= 0 && index < mConfigurations.size()\n"
               "  in ConfigurationManager, function configuration\n"
               "  index = 1\n"
-              "  configuration index is out of range\n");
-    report.str("");
-    EXPECT_EQ(manager.configurationByName(""), nullptr);
-    EXPECT_EQ(report.str(),
+              "  configuration index is out of range\n"
               "Assertion (level 300) failed: !name.empty()\n"
               "  in ConfigurationManager, function configurationByName\n"
               "  name = \n"
               "  Configuration name is empty\n");
-    Base::setAssertStream(previous);
-    manager.insertRow(0);
-    manager.deleteRows({0});
-    EXPECT_EQ(rows(manager), Names{"design"});
 }
 
 TEST_F(Manager, CreatesChangeMeWithItsVersionFilesAndRefusesASecondOne) {
@@ -167,9 +129,7 @@ TEST_F(Manager, CreatesChangeMeWithItsVersionFilesAndRefusesASecondOne) {
 
     const fs::path created = department("change_me");
     EXPECT_EQ(rows(manager), (Names{"design", "change_me"}));
-    EXPECT_EQ(description(created), "None");
     EXPECT_EQ(readFile(created / "nx4" / "lib" / "readme.txt"), "r");
-    EXPECT_EQ(mode(created), 0775u);
     EXPECT_EQ(log.lines("kym.info"), (Names{"Creating new configuration", "Creating directory: " + native(created),
                                             "saving configuration settings: " + native(created)}));
 
@@ -183,9 +143,6 @@ TEST_F(Manager, AFailedCreateLeavesNoDirectoryBehind) {
     ConfigurationManager manager;
     writeFile(site.versionFilesArchive(), "damaged");
     EXPECT_EQ(thrownMessage([&] { manager.createConfiguration(); }), "Unrecognized archive format");
-    fs::remove(site.versionFilesArchive());
-    EXPECT_EQ(thrownMessage([&] { manager.createConfiguration(); }),
-              "Data file " + native(site.versionFilesArchive()) + " was not found.");
     EXPECT_FALSE(fs::exists(department("change_me")));
     EXPECT_EQ(manager.numberOfRowsInList(), 0);
 }
@@ -205,6 +162,7 @@ TEST_F(Manager, RenamingThroughTheTableRefusesBlanksAndMovesTheDirectory) {
     EXPECT_TRUE(manager.setValueForListColumnRow("Name", 0, std::string("body")));
     EXPECT_EQ(rows(manager), (Names{"body", "design"}));
     EXPECT_FALSE(fs::exists(department("change_me")));
+    // The settings file moved with the directory.
     manager.configuration(0)->settings()->commonVariables()->insertRow(-1);
     manager.saveDirty();
     EXPECT_EQ(Configuration(department("body"), true).settings()->commonVariableList().size(), 1u);
@@ -216,39 +174,13 @@ TEST_F(Manager, DeleteRemovesEveryReleaseOfTheDepartmentAndItsRow) {
     site.writeDepartmentSettings(doomed, {}, "nx3");
     site.addDepartment("c");
     ConfigurationManager manager;
+    ScopedEnv current("KYM_DEPT_DIR", department("b").string());
+    EXPECT_EQ(manager.currentConfiguration(), manager.configuration(1));
     manager.deleteConfiguration(1);
     EXPECT_FALSE(fs::exists(doomed));
     EXPECT_EQ(rows(manager), (Names{"a", "c"}));
-    EXPECT_THROW(manager.deleteConfiguration(2), std::out_of_range);
-}
-
-TEST_F(Manager, SaveDirtyWritesWhatChangedOnEachDepartment) {
-    const fs::path a = site.addUpdatedDepartment("a", properties("Alpha", "Production"));
-    const fs::path b = site.addUpdatedDepartment("b", properties("Beta", "Production"));
-    const fs::path settingsA = a / "nx4" / "config" / "configSettings.dat";
-    const fs::path propertiesB = b / ".dirinfo.plist";
-    ConfigurationManager manager;
-    for (const fs::path& file : {settingsA, propertiesB}) setAge(file, 3600);
-    const auto settingsATime = fs::last_write_time(settingsA);
-    const auto propertiesBTime = fs::last_write_time(propertiesB);
-
-    manager.configuration(0)->description = "Alpha 2";
-    manager.configuration(0)->setNeedsSaving(true);
-    manager.saveDirty();
-
-    EXPECT_FALSE(manager.anyNeedsSaving());
-    EXPECT_EQ(description(a), "Alpha 2");
-    EXPECT_EQ(fs::last_write_time(settingsA), settingsATime);
-    EXPECT_EQ(fs::last_write_time(propertiesB), propertiesBTime);
-}
-
-TEST_F(Manager, OnlyTheFallbackDirectoryNameCountsAsFallback) {
-    ConfigurationManager manager;
+    EXPECT_EQ(manager.currentConfiguration(), nullptr);
     EXPECT_FALSE(manager.usingFallbackConfigurations());
-    Kym::SystemInformation().KymConfigFallbackDirectoryName = "ugsite";
-    EXPECT_TRUE(manager.usingFallbackConfigurations());
-    Kym::SystemInformation().KymConfigFallbackDirectoryName = "";
-    EXPECT_TRUE(manager.usingFallbackConfigurations());
 }
 
 TEST(ConfigurationFallback, TheInstallationsFallbackDirectoryIsReported) {

@@ -11,9 +11,9 @@ using KymTest::thrownMessage;
 
 namespace {
 
-fs::path executableScript(const fs::path& file, unsigned mode = 0755) {
+fs::path executableScript(const fs::path& file) {
     KymTest::writeFile(file, "#!/bin/sh\n");
-    fs::permissions(file, fs::perms(mode));
+    fs::permissions(file, fs::perms(0755));
     return file;
 }
 
@@ -28,34 +28,24 @@ std::string cadCheckFailure(Environment env) {
 
 } // namespace
 
-TEST(LauncherExecutable, ExpandsTheProgramAndCollapsesTheSeparatorAfterTheDirectory) {
+TEST(LauncherExecutable, ExpandsTheProgramCollapsesTheSeparatorAfterTheDirectoryAndNamesTheFault) {
+    KymTest::TempDir dir;
     Platform::setCurrent(Platform::Posix);
-    KymTest::TempDir dir;
     const fs::path program = executableScript(dir / "bin" / "cad.sh");
-    const Environment env{{"TOOLS", (dir / "bin").string() + "/"}};
-    EXPECT_EQ(program, Kym::Launcher().getAndCheckExecutable(application("$TOOLS/cad.sh"), env));
-    EXPECT_EQ(program, Kym::Launcher().getAndCheckExecutable(application("${TOOLS}//cad.sh"), env));
-}
+    const Environment tools{{"TOOLS", (dir / "bin").string() + "/"}};
+    EXPECT_EQ(program, Kym::Launcher().getAndCheckExecutable(application("${TOOLS}//cad.sh"), tools));
 
-TEST(LauncherExecutable, FailuresNameTheExpandedProgramAndQuoteTheUnexpandedText) {
-    KymTest::TempDir dir;
     fs::create_directories(dir / "cad");
-    executableScript(dir / "plain.txt", 0644);
     const struct {
         Platform::Kind conventions;
         std::string program;
         Environment env;
         std::string message;
     } cases[] = {
-        // The backslash after a directory that ends in one is collapsed.
         {Platform::Windows, "${UGII_BASE_DIR}\\ugii\\ugraf.exe", {{"UGII_BASE_DIR", "C:\\NX\\"}},
          notFound("C:\\NX\\ugii\\ugraf.exe", "${UGII_BASE_DIR}\\ugii\\ugraf.exe")},
         {Platform::Posix, "$NOT_SET/bin/cad", {}, notFound("/bin/cad", "$NOT_SET/bin/cad")},
-        {Platform::Posix, "", {}, notFound("", "")},
         {Platform::Posix, (dir / "cad").string(), {}, "Program " + (dir / "cad").string() + " is not executable.\n"},
-        {Platform::Posix, (dir / "plain.txt").string(), {},
-         "Program " + (dir / "plain.txt").string() + " is not executable.\n"},
-        {Platform::Posix, "${BIN/cad", {}, "Unterminated reference '${BIN/cad' in '${BIN/cad'"},
     };
     for (const auto& check : cases) {
         SCOPED_TRACE(check.program);
@@ -71,28 +61,12 @@ TEST(LauncherCadEnvironment, InstallPathAndRootGoToShortFormAndAMissingLibraryIs
     Environment env{{"UGII_BASE_DIR", nx.path().string()}, {"UGII_LIB1", (nx / "missing").string()}, {"OTHER", "o"}};
     Kym::Launcher().checkCadEnvironment(env);
     EXPECT_EQ((Environment{{"OTHER", "o"}, {"UGII_BASE_DIR", nx.path().string()}, {"UGII_ROOT_DIR", ""}}), env);
-
-    fs::create_directories(nx / "lib");
-    env = {{"UGII_BASE_DIR", nx.path().string()},
-           {"UGII_LIB1", (nx / "lib").string()},
-           {"UGII_ROOT_DIR", (nx / "ugii").string()}};
-    const Environment before = env;
-    Kym::Launcher().checkCadEnvironment(env);
-    EXPECT_EQ(before, env);
-
-    // Only existence is tested: a file will do.
-    KymTest::writeFile(nx / "file", "");
-    env = {{"UGII_BASE_DIR", (nx / "file").string()}};
-    Kym::Launcher().checkCadEnvironment(env);
-    EXPECT_EQ((Environment{{"UGII_BASE_DIR", (nx / "file").string()}, {"UGII_ROOT_DIR", ""}}), env);
 }
 
 TEST(LauncherCadEnvironment, UnsetOrMissingInstallPathIsReported) {
     Scene scene(Platform::Windows);
-    EXPECT_EQ("UGII_BASE_DIR is not set.", cadCheckFailure({}));
     EXPECT_EQ("UGII_BASE_DIR is set to C:\\NX missing. Invalid directory.",
               cadCheckFailure({{"UGII_BASE_DIR", "C:\\NX missing"}}));
-
     // The variable checked is the one the system information names.
     Kym::SystemInformation().CadInstallPathVariable = "MY_NX";
     EXPECT_EQ("MY_NX is not set.", cadCheckFailure({{"UGII_BASE_DIR", "/"}}));
@@ -102,18 +76,11 @@ TEST(LauncherCadEnvironment, UnsetOrMissingInstallPathIsReported) {
               cadCheckFailure({{"UGII_BASE_DIR", "/"}}));
 }
 
-TEST(LauncherArguments, QuotedRunsAreGreedyAndKeepTheirQuotes) {
+TEST(LauncherArguments, QuotedRunsAreGreedyAndKeepTheirQuotesAndExpandedValuesSplit) {
     Platform::setCurrent(Platform::Posix);
-    const Kym::Launcher launcher;
     const Environment env{{"PART", "/parts/"}, {"NAME", "a b"}};
-    EXPECT_EQ(std::vector<std::string>{}, launcher.buildArgList(application("x", ""), env));
-    EXPECT_EQ(std::vector<std::string>{}, launcher.buildArgList(application("x", "  \t "), env));
-    EXPECT_EQ((std::vector<std::string>{"-a", "\"x y\"", "-b"}), launcher.buildArgList(application("x", "-a \"x y\" -b"), env));
-    EXPECT_EQ((std::vector<std::string>{"\"a\" \"b\""}), launcher.buildArgList(application("x", "\"a\" \"b\""), env));
-    KymTest::LogRecorder log({"kym.info"});
-    EXPECT_EQ((std::vector<std::string>{"-part=/parts/p.prt", "a", "b", "-x\"q\""}),
-              launcher.buildArgList(application("x", "-part=$PART/p.prt $NAME $UNSET -x\"q\""), env));
-    EXPECT_EQ((Lines{"Building argument list...", "Argument list size is 4"}), log.lines("kym.info"));
+    EXPECT_EQ((std::vector<std::string>{"-a", "\"a\" \"b\"", "-part=/parts/p.prt", "a", "b"}),
+              Kym::Launcher().buildArgList(application("x", "-a \"a\" \"b\" -part=$PART/p.prt $NAME $UNSET"), env));
 }
 
 TEST(LauncherCommand, IsTheNativeProgramAndItsArgumentsAndStartsAndRemovesNothing) {

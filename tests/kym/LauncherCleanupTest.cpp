@@ -36,22 +36,27 @@ Lines sorted(Lines lines) {
     return lines;
 }
 
-// What every cleanup test puts in a temporary directory.
+// What every cleanup test puts in a temporary directory; the old ones are just over 4 days old.
 void fillWithCandidates(const fs::path& dir) {
-    fileAged(dir / "young.jnl", 2.9);
-    fileAged(dir / "old.jnl", 3.1);
-    fileAged(dir / "old.LOG", 3.1);
-    fileAged(dir / "x.csv", 3.1);
-    fileAged(dir / "x.c", 3.1);
-    fileAged(dir / "x.rol_bin", 30);
+    fileAged(dir / "young.jnl", 3.9);
+    fileAged(dir / "old.jnl", 4.1);
+    fileAged(dir / "old.LOG", 4.1);
+    fileAged(dir / "x.csv", 4.1);
+    fileAged(dir / "x.c", 4.1);
     fileAged(dir / "x.log.bak", 30);
-    fileAged(dir / "log", 30);
     fileAged(dir / "sub" / "inside.log", 30);
     fs::create_directories(dir / "folder.tmp");
     KymTest::setAge(dir / "folder.tmp", 30 * Day);
 }
 
-const Lines leftOfCandidates = {"folder.tmp", "log", "old.LOG", "sub", "sub/inside.log", "x.csv", "x.log.bak", "young.jnl"};
+const Lines leftOfCandidates = {"folder.tmp", "old.LOG", "sub", "sub/inside.log", "x.csv", "x.log.bak", "young.jnl"};
+
+// The library's default is 2 days.
+KymTest::DepartmentProperties afterThreeDays(bool doFileCleanup) {
+    KymTest::DepartmentProperties properties = propertiesWith("", doFileCleanup);
+    properties.cleanupDays = 3;
+    return properties;
+}
 
 // Cleans up in a child process that sees the directory as /tmp; returns the
 // child's exit status, 200 and above when there is no private mount namespace.
@@ -77,48 +82,24 @@ int cleanUpWithPrivateTmp(const fs::path& directory, const Kym::Configuration& c
 
 } // namespace
 
-TEST(LauncherCleanup, UnderWindowsConventionsOldJournalsLogsAndSourcesInTempGo) {
+TEST(LauncherCleanup, UnderWindowsConventionsTempLosesOldJournalsLogsAndSourcesAfterTheDepartmentsDays) {
     Scene scene(Platform::Windows);
     KymTest::TempDir temp;
     KymTest::ScopedEnv tempVariable("TEMP", temp.path().string());
     fillWithCandidates(temp.path());
-    const Kym::Configuration config = scene.department("Design", propertiesWith("", true));
-    KymTest::LogRecorder log;
+    Kym::Launcher().removeLogFiles(scene.department("Off", afterThreeDays(false)));
+    EXPECT_EQ(remaining(temp.path()).size(), leftOfCandidates.size() + 2);
 
+    const Kym::Configuration config = scene.department("On", afterThreeDays(true));
+    KymTest::LogRecorder log({"kym.info"});
     Kym::Launcher().removeLogFiles(config);
 
     EXPECT_EQ(leftOfCandidates, remaining(temp.path()));
     const std::string native = Scene::native(temp.path());
-    EXPECT_EQ(sorted({"Removing tmp files greater than 2 days old:",
-                      "  Removing " + native + "\\old.jnl which is 3 days old.",
-                      "  Removing " + native + "\\x.c which is 3 days old.",
-                      "  Removing " + native + "\\x.rol_bin which is 30 days old."}),
+    EXPECT_EQ(sorted({"Removing tmp files greater than 3 days old:",
+                      "  Removing " + native + "\\old.jnl which is 4 days old.",
+                      "  Removing " + native + "\\x.c which is 4 days old."}),
               sorted(log.lines("kym.info")));
-    EXPECT_EQ((Lines{"  looking in c:\\temp", "  looking in " + native}), log.lines("kym.verbose"));
-
-    // Without TEMP there is nothing to look in.
-    KymTest::ScopedEnv noTemp("TEMP", std::nullopt);
-    KymTest::LogRecorder unset({"kym.verbose"});
-    Kym::Launcher().removeLogFiles(config);
-    EXPECT_EQ((Lines{"  looking in c:\\temp", "  looking in "}), unset.lines("kym.verbose"));
-}
-
-TEST(LauncherCleanup, AgeLimitComesFromTheDepartmentAndCanBeSwitchedOff) {
-    Scene scene(Platform::Windows);
-    KymTest::TempDir temp;
-    KymTest::ScopedEnv tempVariable("TEMP", temp.path().string());
-    fileAged(temp / "a.prt", 5.5);
-    fileAged(temp / "b.prt", 6.5);
-    KymTest::DepartmentProperties properties = propertiesWith("", false);
-    properties.cleanupDays = 5;
-    scene.site.addDepartment("Off", properties);
-    properties.doFileCleanup = true;
-    scene.site.addDepartment("On", properties);
-
-    Kym::Launcher().removeLogFiles(Kym::Configuration(scene.site.departmentsPath() / "Off", true));
-    EXPECT_EQ((Lines{"a.prt", "b.prt"}), remaining(temp.path()));
-    Kym::Launcher().removeLogFiles(Kym::Configuration(scene.site.departmentsPath() / "On", true));
-    EXPECT_EQ((Lines{"a.prt"}), remaining(temp.path()));
 }
 
 TEST(LauncherCleanup, UnderPosixConventionsTmpAndTmpdirLoseOnlyTheUsersOwnOldFiles) {
@@ -126,21 +107,20 @@ TEST(LauncherCleanup, UnderPosixConventionsTmpAndTmpdirLoseOnlyTheUsersOwnOldFil
     KymTest::TempDir root;
     const fs::path tmp = root / "tmp";
     fillWithCandidates(tmp / "user");
-    fileAged(tmp / "old.jnl", 3.1);
-    fileAged(tmp / "young.dlg", 1);
+    fileAged(tmp / "old.jnl", 4.1);
     const fs::path others = fileAged(tmp / "others.jnl", 30);
     const passwd* nobody = ::getpwnam("nobody");
     ASSERT_NE(nullptr, nobody);
     ASSERT_EQ(0, ::chown(others.c_str(), nobody->pw_uid, static_cast<gid_t>(-1)));
     KymTest::setAge(others, 30 * Day);
-    const Kym::Configuration config = scene.department("Design", propertiesWith("", true));
+    const Kym::Configuration config = scene.department("Design", afterThreeDays(true));
     KymTest::ScopedEnv tmpdir("TMPDIR", std::string("/tmp/user"));
 
     const int status = cleanUpWithPrivateTmp(tmp, config);
     if (status >= 200) GTEST_SKIP() << "no private mount namespace for /tmp (status " << status << ")";
 
     EXPECT_EQ(0, status);
-    Lines expected{"others.jnl", "user", "young.dlg"};
+    Lines expected{"others.jnl", "user"};
     for (const std::string& name : leftOfCandidates) expected.push_back("user/" + name);
     EXPECT_EQ(sorted(expected), remaining(tmp));
 }

@@ -2,8 +2,6 @@
 
 #include "kym/ConfigApplication.h"
 
-#include "base/Environment.h"
-
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -17,13 +15,11 @@ namespace {
 // "layer: ORDER=value" after each layer.
 struct OrderObserver : Kym::Launcher::LayerObserver {
     Lines seen;
-    std::vector<Kym::EnvironmentVariable> last;
     void layerMerged(const std::string& layer, const std::vector<Kym::EnvironmentVariable>& vars) override {
         std::string order = "(none)";
         for (const auto& variable : vars)
             if (variable.name == "ORDER") order = variable.value;
         seen.push_back(layer + ": " + order);
-        last = vars;
     }
 };
 
@@ -48,7 +44,6 @@ struct LayeredSite {
         settings.disabledPlugins = {"delta"};
         config = std::make_unique<Kym::Configuration>(scene.department("Design", propertiesWith("Shared"), settings));
         app = application("/bin/true", "", {var("ORDER", "$ORDER;application")});
-        KymTest::writeFile(config->versionPath() / "symbol" / "symbol_library.txt", "");
     }
 
     Scene scene;
@@ -59,7 +54,7 @@ struct LayeredSite {
 
 } // namespace
 
-TEST(LauncherEnvironment, LayersMergeInTheirOrderEachExtendingTheOneBeforeAndTheObserverChangesNothing) {
+TEST(LauncherEnvironment, LayersMergeInOrderEachExtendingTheOneBeforeAndDisabledCustomizationSkipsTheSettingsLayers) {
     LayeredSite layered;
     OrderObserver observer;
     const Environment observed = build(*layered.config, layered.common.get(), layered.app, &observer);
@@ -71,109 +66,59 @@ TEST(LauncherEnvironment, LayersMergeInTheirOrderEachExtendingTheOneBeforeAndThe
                      "launcher: process;site;base;alpha;beta;common;department;application"}),
               observer.seen);
     EXPECT_EQ(build(*layered.config, layered.common.get(), layered.app), observed);
-    EXPECT_EQ("process;site;base;alpha;beta;department;application",
-              build(*layered.config, nullptr, layered.app).at("ORDER"));
-    const Lines last = KymTest::variableTexts(observer.last);
-    const Lines tail(last.end() - 10, last.end());
-    const std::string department = Scene::native(layered.config->path());
-    const std::string shared = Scene::native(layered.common->path());
-    EXPECT_EQ((Lines{"KYM_DEPT_DIR=" + department, "KYM_COMMONDEPT_DIR=" + shared,
-                     "KYM_UGSITE_DIR=" + Scene::native(layered.scene.site.departmentsPath()), "UG_VER=nx4",
-                     "OS=win64", "OSA=win64", "SCRIPTx=bat",
-                     "UGII_SYMBOL_LIBRARY_DIR=" + Scene::native(layered.config->versionPath() / "symbol"),
-                     "UGII_SITE_DIR=${KYM_COMMONDEPT_DIR}/${UG_VER}", "UGII_GROUP_DIR=${KYM_DEPT_DIR}/${UG_VER}"}),
-              tail);
-}
 
-TEST(LauncherEnvironment, DisabledCustomizationKeepsOnlyProcessSiteApplicationAndLauncherVariables) {
-    LayeredSite layered;
+    // Without the common department given, the layer is skipped but the customer defaults still follow it.
+    const Environment alone = build(*layered.config, nullptr, layered.app);
+    EXPECT_EQ("process;site;base;alpha;beta;department;application", alone.at("ORDER"));
+    EXPECT_EQ(Scene::native(layered.common->path()) + "\\nx4", alone.at("UGII_SITE_DIR"));
+
     layered.app.disableCustomization = true;
-    const Environment env = build(*layered.config, layered.common.get(), layered.app);
-    EXPECT_EQ("process;site;application", env.at("ORDER"));
-    for (const char* name : {"UGII_SYMBOL_LIBRARY_DIR", "UGII_SITE_DIR", "UGII_GROUP_DIR"})
-        EXPECT_EQ(0u, env.count(name)) << name;
-    EXPECT_EQ(Scene::native(layered.config->path()), env.at("KYM_DEPT_DIR"));
-    EXPECT_EQ("nx4", env.at("UG_VER"));
+    EXPECT_EQ("process;site;application", build(*layered.config, layered.common.get(), layered.app).at("ORDER"));
 }
 
 TEST(LauncherEnvironment, WholeEnvironmentUnderWindowsConventions) {
-    Scene scene(Platform::Windows, {{"Path", "C:\\a;C:\\a;c:\\b"},
-                                    {"LIBPATH", "/usr/lib:/opt/lib"},
-                                    {"CLASSPATH", "a.jar;a.jar"},
-                                    {"MY_CLASSPATH_X", "x//y;x//y"},
-                                    {"commonprogramfiles(x86)", "C:\\Program Files (x86)\\Common Files"},
-                                    {"1ABC", "digit first"},
-                                    {"A-B", "dash"},
-                                    {"lower", "1"},
-                                    {"PROGRAMFILES", "C:\\Program Files"},
-                                    {"KYM_DEPT_DIR", "stale"},
-                                    {"HOMEDRIVE", "C:"}});
+    Scene scene(Platform::Windows, {{"Path", "\\\\server\\share;C:\\a;C:\\a;c:\\b"}, {"LIBPATH", "/usr/lib:/opt/lib"},
+                                    {"CLASSPATH", "a.jar;a.jar"}, {"commonprogramfiles(x86)", "C:\\Common"},
+                                    {"1ABC", "digit first"}, {"PROGRAMFILES", "C:\\Program Files"},
+                                    {"KYM_DEPT_DIR", "stale"}});
     scene.site.writeSiteSettings(siteFile("C:\\NX4"));
     const Kym::Configuration config =
         scene.department("Design", {}, settingsWith({var("DIRECTORY", "C:/x//y"), var("URL", "http://host/a\\b"),
-                                                     var("HOMEDRIVE", ""), var("REF", "$DIRECTORY\\${UG_VER}")}));
+                                                     var("REF", "$DIRECTORY\\${UG_VER}")}));
     const std::string install = Scene::native(scene.site.installPath());
     const std::string department = Scene::native(config.path());
-    EXPECT_EQ((Environment{{"CLASSPATH", "a.jar;a.jar"},
-                           {"COMMONPROGRAMFILES(X86)", "C:\\Program Files (x86)\\Common Files"},
-                           {"KYM_BASE_DIR", install},
-                           {"KYM_COMMONDEPT_DIR", department},
-                           {"KYM_DEPT_DIR", department},
+    EXPECT_EQ((Environment{{"CLASSPATH", "a.jar;a.jar"}, {"COMMONPROGRAMFILES(X86)", "C:\\Common"},
+                           {"DIRECTORY", "C:\\x\\\\y"}, {"KYM_BASE_DIR", install},
+                           {"KYM_COMMONDEPT_DIR", department}, {"KYM_DEPT_DIR", department},
                            {"KYM_UGSITE_DIR", Scene::native(scene.site.departmentsPath())},
-                           {"LIBPATH", "\\usr\\lib;\\opt\\lib"},
-                           {"LOWER", "1"},
-                           {"MY_CLASSPATH_X", "x\\\\y;x\\\\y"},
-                           {"DIRECTORY", "C:\\x\\\\y"},
-                           {"OS", "win64"},
-                           {"OSA", "win64"},
-                           {"PATH", "C:\\a;c:\\b"},
-                           {"PROGRAMFILES", "C:\\Program Files"},
-                           {"REF", "C:\\x\\\\y\\nx4"},
-                           {"SCRIPTx", "bat"},
-                           {"UGII_BASE_DIR", "C:\\NX4"},
+                           {"LIBPATH", "\\usr\\lib;\\opt\\lib"}, {"OS", "win64"}, {"OSA", "win64"},
+                           {"PATH", "\\\\server\\share;C:\\a;c:\\b"}, {"PROGRAMFILES", "C:\\Program Files"},
+                           {"REF", "C:\\x\\\\y\\nx4"}, {"SCRIPTx", "bat"}, {"UGII_BASE_DIR", "C:\\NX4"},
                            {"UGII_GROUP_DIR", department + "\\nx4"},
                            {"UGII_HTML_BROWSER", "C:\\Program Files\\Internet Explorer\\iexplore.exe"},
-                           {"UGII_ROOT_DIR", "C:\\NX4\\ugii\\"},
-                           {"UGII_SITE_DIR", install},
-                           {"UGII_UGDOC_BASE_DIR", "C:\\NX4\\ugdoc"},
-                           {"UG_VER", "nx4"},
-                           {"URL", "http://host/a\\b"},
+                           {"UGII_ROOT_DIR", "C:\\NX4\\ugii\\"}, {"UGII_SITE_DIR", install},
+                           {"UGII_UGDOC_BASE_DIR", "C:\\NX4\\ugdoc"}, {"UG_VER", "nx4"}, {"URL", "http://host/a\\b"},
                            {"XDG_CONFIG_HOME", Scene::native(scene.site.applicationDataFolder())}}),
               build(config, nullptr, application("C:\\bin\\app.exe")));
 }
 
 TEST(LauncherEnvironment, WholeEnvironmentUnderPosixConventions) {
-    Scene scene(Platform::Posix, {{"PATH", "/usr//bin:/bin::\"/usr/bin\":/opt/x"},
-                                  {"LD_LIBRARY_PATH", "/lib\\64:/lib/64"},
-                                  {"CLASSPATH", "a.jar:a.jar"},
-                                  {"Path", "kept:kept"},
-                                  {"lower", "C:\\x\\y"},
-                                  {"1ABC", "digit first"},
-                                  {"A-B", "dash"},
+    Scene scene(Platform::Posix, {{"PATH", "/usr//bin:/bin::\"/usr/bin\":/opt/x"}, {"LD_LIBRARY_PATH", "/lib\\64:/lib/64"},
+                                  {"CLASSPATH", "a.jar:a.jar"}, {"Path", "kept:kept"}, {"lower", "C:\\x\\y"},
                                   {"KYM_DEPT_DIR", "stale"}});
     scene.site.writeSiteSettings(siteFile("/opt/nx4"));
     const Kym::Configuration config =
         scene.department("Design", {}, settingsWith({var("URL", "http://host/a\\b"), var("lower", "$lower\\z")}));
     const std::string install = scene.site.installPath().string();
     const std::string department = config.path().string();
-    EXPECT_EQ((Environment{{"CLASSPATH", "a.jar:a.jar"},
-                           {"KYM_BASE_DIR", install},
-                           {"KYM_COMMONDEPT_DIR", department},
-                           {"KYM_DEPT_DIR", department},
+    EXPECT_EQ((Environment{{"CLASSPATH", "a.jar:a.jar"}, {"KYM_BASE_DIR", install},
+                           {"KYM_COMMONDEPT_DIR", department}, {"KYM_DEPT_DIR", department},
                            {"KYM_UGSITE_DIR", scene.site.departmentsPath().string()},
-                           {"LD_LIBRARY_PATH", "/lib/64"},
-                           {"OS", "lnx64"},
-                           {"OSA", "lnx64"},
-                           {"PATH", "/usr/bin:/bin:/opt/x"},
-                           {"Path", "kept:kept"},
-                           {"SCRIPTx", "sh"},
-                           {"UGII_BASE_DIR", "/opt/nx4"},
-                           {"UGII_GROUP_DIR", department + "/nx4"},
-                           {"UGII_HTML_BROWSER", "/usr/bin/xdg-open"},
-                           {"UGII_ROOT_DIR", "/opt/nx4/ugii/"},
-                           {"UGII_SITE_DIR", install},
-                           {"UGII_UGDOC_BASE_DIR", "/opt/nx4/ugdoc"},
-                           {"UG_VER", "nx4"},
+                           {"LD_LIBRARY_PATH", "/lib/64"}, {"OS", "lnx64"}, {"OSA", "lnx64"},
+                           {"PATH", "/usr/bin:/bin:/opt/x"}, {"Path", "kept:kept"}, {"SCRIPTx", "sh"},
+                           {"UGII_BASE_DIR", "/opt/nx4"}, {"UGII_GROUP_DIR", department + "/nx4"},
+                           {"UGII_HTML_BROWSER", "/usr/bin/xdg-open"}, {"UGII_ROOT_DIR", "/opt/nx4/ugii/"},
+                           {"UGII_SITE_DIR", install}, {"UGII_UGDOC_BASE_DIR", "/opt/nx4/ugdoc"}, {"UG_VER", "nx4"},
                            {"URL", "http://host/a\\b"},
                            {"XDG_CONFIG_HOME", scene.site.applicationDataFolder().string()},
                            {"lower", "C:/x/y/z"}}),
@@ -201,33 +146,10 @@ TEST(LauncherEnvironment, SymbolLibraryComesFromTheDepartmentThenTheCommonDepart
         return env.count("UGII_SYMBOL_LIBRARY_DIR") ? env.at("UGII_SYMBOL_LIBRARY_DIR") : "(none)";
     };
     EXPECT_EQ("(none)", symbolDirectory());
-    KymTest::writeFile(scene.site.installPath() / "symbol" / "symbol_library.txt", "");
-    EXPECT_EQ(Scene::native(scene.site.installPath() / "symbol"), symbolDirectory());
-    KymTest::writeFile(shared.versionPath() / "symbol" / "symbol_library.txt", "");
-    EXPECT_EQ(Scene::native(shared.versionPath() / "symbol"), symbolDirectory());
-    KymTest::writeFile(config.versionPath() / "symbol" / "symbol_library.txt", "");
-    EXPECT_EQ(Scene::native(config.versionPath() / "symbol"), symbolDirectory());
-}
-
-TEST(LauncherEnvironment, CustomerDefaultsFollowTheCommonDepartmentWhenOneIsNamed) {
-    Scene scene(Platform::Windows);
-    const Kym::Configuration withCommon = scene.department("Design", propertiesWith("Shared"));
-    const Kym::Configuration alone = scene.department("Alone");
-    {
-        KymTest::LogRecorder log;
-        const Environment env = build(withCommon, nullptr, application("x"));
-        const std::string shared = Scene::native(scene.site.departmentsPath() / "Shared");
-        EXPECT_EQ(shared, env.at("KYM_COMMONDEPT_DIR"));
-        EXPECT_EQ(shared + "\\nx4", env.at("UGII_SITE_DIR"));
-        EXPECT_EQ(Scene::native(withCommon.path()) + "\\nx4", env.at("UGII_GROUP_DIR"));
-        EXPECT_TRUE(log.contains("dpv found in CONFIG: setCustomerDefaultVariables setting UGII_SITE_DIR to COMMON"));
-        EXPECT_TRUE(log.contains("dpv found in CONFIG: setCustomerDefaultVariables setting UGII_SITE_DIR  to COMMON"));
+    for (const fs::path& directory : {scene.site.installPath(), shared.versionPath(), config.versionPath()}) {
+        KymTest::writeFile(directory / "symbol" / "symbol_library.txt", "");
+        EXPECT_EQ(Scene::native(directory / "symbol"), symbolDirectory());
     }
-    KymTest::LogRecorder log;
-    const Environment env = build(alone, nullptr, application("x"));
-    EXPECT_EQ(Scene::native(alone.path()), env.at("KYM_COMMONDEPT_DIR"));
-    EXPECT_EQ(Scene::native(scene.site.installPath()), env.at("UGII_SITE_DIR"));
-    EXPECT_TRUE(log.contains("dpv not found in CONFIG: setCustomerDefaultVariables setting UGII_SITE_DIR to BASE"));
 }
 
 TEST(LauncherEnvironment, ValuesExpandInNameOrderAgainstTheFinishedEnvironment) {
@@ -253,32 +175,4 @@ TEST(LauncherEnvironment, ExpansionErrorNamesTheVariableAndACycleTheFirstVariabl
               failure("Broken", {var("BROKEN", "x${OPEN")}));
     EXPECT_EQ("Error expanding variable 'CYCLE_A'.\nReference cycle: CYCLE_B -> CYCLE_A -> CYCLE_B",
               failure("Cycle", {var("CYCLE_A", "$CYCLE_B/a"), var("CYCLE_B", "${CYCLE_A}/b")}));
-}
-
-TEST(LauncherEnvironment, NamesMustStartWithALetterAndHoldOnlyWordCharactersUnlessTheyHoldX86) {
-    using Kym::Launcher;
-    for (const char* name : {"a_1", "COMMONPROGRAMFILES(X86)", "A-X86", "Z"})
-        EXPECT_TRUE(Launcher::isValidVariableName(name)) << name;
-    for (const char* name : {"1ABC", "A-B", "_UNDERSCORE", "(X86)", "A.B", "COMMONPROGRAMFILES(x86)", "A B"})
-        EXPECT_FALSE(Launcher::isValidVariableName(name)) << name;
-}
-
-TEST(LauncherEnvironment, PathListsLoseQuotesEmptyPiecesRepeatsAndDoubledSeparatorsAndLogTheSteps) {
-    Platform::setCurrent(Platform::Windows);
-    EXPECT_EQ("\\\\server\\share;C:\\a\\b;C:\\q;c:\\a\\b",
-              Kym::Launcher::cleanPathList("\\\\server\\share;C:\\a\\\\b;;\"C:\\q\";C:\\a\\b;c:\\a\\b;"));
-    EXPECT_EQ("\\usr\\lib;\\opt\\lib", Kym::Launcher::cleanPathList("\\usr\\lib:\\opt\\lib:\\usr\\lib"));
-    // Forward slashes only come through in web addresses, which the list clean-up still takes apart.
-    EXPECT_EQ("http;\\a\\b", Kym::Launcher::cleanPathList("http://a/b;http://a/b"));
-
-    Platform::setCurrent(Platform::Posix);
-    EXPECT_EQ("/usr/bin:/opt/x:/net/share",
-              Kym::Launcher::cleanPathList("/usr//bin:\"/opt/x\"::/usr/bin:/usr//bin://net/share"));
-    EXPECT_EQ("C;/a", Kym::Launcher::cleanPathList("C;/a"));
-
-    Platform::setCurrent(Platform::Windows);
-    KymTest::LogRecorder log({"kym.verbose"});
-    Kym::Launcher::cleanPathList("C:\\a;C:\\a;/x//y");
-    EXPECT_EQ((Lines{"  PATH string = C:\\a;C:\\a;/x//y", "  PATH string = C:\\a;C:\\a;/x/y", "  C:\\a", "  /x/y"}),
-              log.lines("kym.verbose"));
 }

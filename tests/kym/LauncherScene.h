@@ -1,6 +1,6 @@
 // A scene for the launcher's tests: the whole process environment replaced
-// by a known one, a real site (installation, departments directory, stores'
-// files) and departments made on disk, under the launch conventions asked for.
+// by a known one, a real site and departments made on disk, under the launch
+// conventions asked for.
 #pragma once
 
 #include "support/Site.h"
@@ -11,7 +11,6 @@
 #include "base/Platform.h"
 
 #include <cstdlib>
-#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -51,13 +50,12 @@ inline Kym::EnvironmentVariable var(const std::string& name, const std::string& 
     return Kym::EnvironmentVariable(name, value);
 }
 
-// The site's CAD install path and every other setting empty; the registry is not asked.
+// The site's CAD install path; the registry is not asked.
 inline KymTest::SiteFile siteFile(const std::string& installPath,
                                   const std::vector<Kym::EnvironmentVariable>& commonVariables = {}) {
     KymTest::SiteFile file;
     file.useWindowsRegistry = false;
-    file.winNXInstallPath.value = installPath;
-    file.unixNXInstallPath.value = installPath;
+    file.winNXInstallPath.value = file.unixNXInstallPath.value = installPath;
     file.commonVariables = commonVariables;
     return file;
 }
@@ -70,20 +68,15 @@ public:
         Base::Platform::setCurrent(conventions);
         site.writeReleaseNames();
     }
-
     // A department of the current release on disk, read back as the launcher gets it.
     Kym::Configuration department(const std::string& name, const KymTest::DepartmentProperties& properties = {},
                                   const KymTest::DepartmentSettings& settings = {}) const {
         return Kym::Configuration(site.addUpdatedDepartment(name, properties, settings), true);
     }
-
-    // Text of a path as the launch conventions write it.
-    static std::string native(const fs::path& p) {
-        return Base::Platform::current().nativePath(p);
-    }
+    static std::string native(const fs::path& p) { return Base::Platform::current().nativePath(p); }
 
 private:
-    ProcessEnvironment mEnvironment;
+    ProcessEnvironment mEnvironment;  // first, so that the site's variables go in after it
 
 public:
     KymTest::Site site;
@@ -107,12 +100,11 @@ inline Kym::ConfigApplication application(const std::string& program, const std:
     Kym::ConfigApplication app = KymTest::makeApplication("app", program);
     app.arguments = arguments;
     app.addUGLibsToPath = false;
+    Kym::EnvVariableListSource* list = app.commonVariables();
     for (const auto& variable : commonVariables) {
-        Kym::EnvVariableListSource* list = app.commonVariables();
         list->insertRow(-1);
-        const int row = list->numberOfRowsInList() - 1;
-        list->setValueForListColumnRow("Name", row, variable.name);
-        list->setValueForListColumnRow("Value", row, variable.value);
+        list->setValueForListColumnRow("Name", list->numberOfRowsInList() - 1, variable.name);
+        list->setValueForListColumnRow("Value", list->numberOfRowsInList() - 1, variable.value);
     }
     return app;
 }

@@ -1,6 +1,5 @@
 #include "kym/ConfigApplication.h"
 #include "kym/EnvironmentVariable.h"
-#include "kym/WorkDirectory.h"
 
 #include <gtest/gtest.h>
 
@@ -30,10 +29,12 @@ std::vector<std::string> ids(const std::vector<ConfigApplication>& list) {
 
 } // namespace
 
-TEST(EnvVariableListSource, NameColumnIsTheNameAndEveryOtherColumnTheValue) {
+TEST(EnvVariableListSource, NameColumnIsTheNameEveryOtherColumnTheValueAndBadEditsChangeNothing) {
     std::vector<EnvironmentVariable> list{EnvironmentVariable("A", "1"), EnvironmentVariable("B", "2")};
     EnvVariableListSource source(&list);
     EXPECT_EQ("B 2 2", cell(source, "Name", 1) + " " + cell(source, "Value", 1) + " " + cell(source, "name", 1));
+    EXPECT_THROW(source.setValueForListColumnRow("Name", 2, std::string("B")), std::out_of_range);
+    EXPECT_THROW(source.setValueForListColumnRow("Name", 0, "char pointer"), boost::bad_any_cast);
     EXPECT_FALSE(source.isEdited());
     EXPECT_TRUE(source.setValueForListColumnRow("Name", 0, std::string("C")));
     EXPECT_TRUE(source.setValueForListColumnRow("Comment", 0, std::string("3")));
@@ -41,28 +42,11 @@ TEST(EnvVariableListSource, NameColumnIsTheNameAndEveryOtherColumnTheValue) {
     EXPECT_TRUE(source.isEdited());
 }
 
-TEST(EnvVariableListSource, BadRowsAndNonStringValuesThrowWithoutAnEdit) {
-    std::vector<EnvironmentVariable> list{EnvironmentVariable("A", "1")};
-    EnvVariableListSource source(&list);
-    try {
-        source.valueForListColumnRow("Name", 1);
-        FAIL() << "no exception";
-    } catch (const std::out_of_range& error) {
-        EXPECT_STREQ("row 1 is out of range of a list of 1 rows", error.what());
-    }
-    EXPECT_THROW(source.setValueForListColumnRow("Name", -1, std::string("B")), std::out_of_range);
-    EXPECT_THROW(source.setValueForListColumnRow("Name", 0, "char pointer"), boost::bad_any_cast);
-    EXPECT_EQ("A", list[0].name);
-    EXPECT_FALSE(source.isEdited());
-}
-
 TEST(EnvVariableListSource, NamesTakeLettersDigitsUnderscoresAndOneLeadingHashValuesPairedPercentsAndBraces) {
     const std::vector<std::tuple<std::string, std::string, bool>> cases{
         {"Name", "", true}, {"Name", "#abc", true}, {"Name", "UGII_BASE_DIR2", true}, {"Name", "a#bc", false},
-        {"Name", "##", false}, {"Name", "_abc", false}, {"Name", "1abc", false}, {"Name", "A-B", false},
-        {"Name", "\xc3\xa4", false}, {"Value", "", true}, {"Value", "%TEMP%\\x", true},
-        {"Value", "${A}/%B%%C%", true}, {"Value", "}{", true}, {"Value", "%TEMP", false},
-        {"Value", "${A", false}, {"Value", "$A}", false}};
+        {"Name", "_abc", false}, {"Name", "1abc", false}, {"Name", "A-B", false}, {"Value", "", true},
+        {"Value", "${A}/%B%%C%", true}, {"Value", "}{", true}, {"Value", "%TEMP", false}, {"Value", "${A", false}};
     for (const auto& [column, text, valid] : cases) {
         SCOPED_TRACE(column + " " + text);
         // The other cell is invalid: a column judges only its own.
@@ -87,19 +71,6 @@ TEST(ApplicationListSource, ColumnsShowTheFieldsAndTakeOnlyAnyCaseOfTrueAsTrue) 
     EXPECT_EQ(AllPlatforms, list[0].platform);
     source.setValueForListColumnRow("Disable", 0, std::string("yes"));
     EXPECT_FALSE(list[0].disableApplication);
-    EXPECT_TRUE(source.isEdited());
-    EXPECT_FALSE(list[0].needsSaving());
-}
-
-TEST(ApplicationListSource, NullListReadsEmptyAndRefusesEveryEdit) {
-    ApplicationListSource source;
-    EXPECT_EQ(0, source.numberOfRowsInList());
-    EXPECT_TRUE(source.valueForListColumnRow("AppID", 0).empty());
-    EXPECT_FALSE(source.setValueForListColumnRow("AppID", 0, std::string("nx")));
-    source.insertRow(0);
-    source.deleteRows({});
-    EXPECT_FALSE(source.isEdited());
-    EXPECT_EQ(nullptr, source.winVariables(0));
 }
 
 TEST(ApplicationListSource, InsertAtMinusOneAppendsAndAtZeroPrependsAPlaceholder) {
@@ -122,48 +93,17 @@ TEST(ApplicationListSource, DeletingADuplicatedRowErasesTwoRecordsAndBeyondTheLi
     EXPECT_FALSE(source.isEdited());
     source.deleteRows({2, 0, 2});
     EXPECT_EQ((std::vector<std::string>{"b", "e"}), ids(list));
-    source.setEdited(false);
-    source.deleteRows({});
     EXPECT_TRUE(source.isEdited());
-}
-
-TEST(ApplicationListSource, VariableAccessorsShowTheApplicationsOwnLists) {
-    std::vector<ConfigApplication> list = applications({"a", "b"});
-    ApplicationListSource source(&list);
-    source.winVariables(1)->insertRow(-1);
-    source.commonVariables(1)->insertRow(-1);
-    source.commonVariables(1)->insertRow(-1);
-    EXPECT_EQ(1u, list[1].winVariableList().size());
-    EXPECT_EQ(2u, list[1].commonVariableList().size());
-    EXPECT_EQ(0, source.unixVariables(1)->numberOfRowsInList());
-    EXPECT_TRUE(list[1].needsSaving());
-    EXPECT_FALSE(list[0].needsSaving());
-    EXPECT_FALSE(source.isEdited());
 }
 
 TEST(ApplicationListSource, OutOfRangeApplicationIsReportedThenThrown) {
     std::vector<ConfigApplication> list = applications({"a", "b"});
     ApplicationListSource source(&list);
     testing::internal::CaptureStderr();
-    try {
-        source.application(2);
-        FAIL() << "no exception";
-    } catch (const std::out_of_range& error) {
-        EXPECT_STREQ("application 2 is out of range of a list of 2 applications", error.what());
-    }
+    EXPECT_THROW(source.application(2), std::out_of_range);
     EXPECT_EQ("Assertion (level 300) failed: index >= 0 && static_cast<std::size_t>(index) < size\n"
               "  in ConfigApplication.cpp, function application\n"
               "  index = 2\n"
               "  tried to access out of range application\n",
               testing::internal::GetCapturedStderr());
-    EXPECT_THROW(source.unixVariables(-1), std::out_of_range);
-}
-
-TEST(WorkDirectoryListSource, NameColumnIsTheNameAndEveryOtherColumnThePath) {
-    std::vector<WorkDirectory> list(3);
-    WorkDirectoryListSource source(&list);
-    EXPECT_TRUE(source.setValueForListColumnRow("Name", 1, std::string("Projects")));
-    EXPECT_TRUE(source.setValueForListColumnRow("Path", 1, std::string("D:\\projects")));
-    EXPECT_EQ("Projects D:\\projects", list[1].name + " " + cell(source, "Directory", 1));
-    EXPECT_TRUE(source.valueIsValid("Name", 7));  // only variables judge their cells
 }

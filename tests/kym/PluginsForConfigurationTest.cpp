@@ -75,16 +75,8 @@ TEST_F(PluginsForConfiguration, InternalPluginsMergeBeforeExternalOnesAndDisable
     EXPECT_EQ(variableTexts(vars), (Names{"TOOLS=/int:/ext", "CAM=1"}));
 
     vars = {{"TOOLS", "/base"}};
-    const Configuration noPdm = department("nopdm", "Development", {"pdm"});
-    PluginsManagement().mergeEnvVariables(&noPdm, vars);
-    EXPECT_EQ(variableTexts(vars), (Names{"TOOLS=/base:/ext", "CAM=1"}));
-}
-
-TEST_F(PluginsForConfiguration, WithNoPluginApplyingNothingIsListedOrMerged) {
-    const Configuration test = department("test", "Test", {"pdm", "extra"});
-    std::vector<Kym::EnvironmentVariable> vars{{"KEEP", "1"}};
-    PluginsManagement().mergeEnvVariables(test, vars);
-    PluginsManagement().mergeEnvVariables(static_cast<const Configuration*>(nullptr), vars);
-    EXPECT_EQ(variableTexts(vars), Names{"KEEP=1"});
-    EXPECT_TRUE(PluginsManagement().applicationList(test).empty());
+    const Configuration none = department("none", "Test", {"pdm", "extra"});
+    PluginsManagement().mergeEnvVariables(&none, vars);
+    EXPECT_EQ(variableTexts(vars), Names{"TOOLS=/base"});
+    EXPECT_TRUE(PluginsManagement().applicationList(none).empty());
 }

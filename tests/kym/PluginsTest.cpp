@@ -19,19 +19,21 @@ using Kym::PluginsManager;
 
 namespace {
 
+using Names = std::vector<std::string>;
+
 std::string native(const fs::path& p) {
     return Base::Platform::current().nativePath(p);
 }
 
-std::vector<std::string> pluginNames(PluginsManager& plugins) {
-    std::vector<std::string> names;
+Names pluginNames(PluginsManager& plugins) {
+    Names names;
     for (int index = 0; index < plugins.numberOfPlugins(); ++index)
-        names.push_back(plugins.plugin(index, false)->name());
+        names.push_back(plugins.plugin(index, false)->name() + " " + plugins.plugin(index, false)->pluginType());
     return names;
 }
 
-std::vector<std::string> tableRows(const PluginsManager& plugins) {
-    std::vector<std::string> rows;
+Names tableRows(const PluginsManager& plugins) {
+    Names rows;
     for (int row = 0; row < plugins.numberOfRowsInList(); ++row)
         rows.push_back(boost::any_cast<std::string>(plugins.valueForListColumnRow("Name", row)));
     return rows;
@@ -41,38 +43,26 @@ std::vector<std::string> tableRows(const PluginsManager& plugins) {
 
 TEST(PluginsScan, InternalPluginsComeSortedByNameThenExternalOnesAsAdded) {
     Site site;
-    Layer layer;
-    layer.commonVariables = {{"CAM_DIR", "/cam"}};
     site.addInternalPlugin("zeta");
-    site.addInternalPlugin("alpha", "Development", layer);
+    site.addInternalPlugin("alpha", "Development");
     fs::create_directory(site.pluginsPath() / "bare");
     LogRecorder log({"kym.info"});
 
     PluginsManager& plugins = PluginsManagement();
     const fs::path external = site.writePlugin(site.root() / "external" / "beta", "Production");
     plugins.addPlugin(external);
-    EXPECT_EQ(pluginNames(plugins), (std::vector<std::string>{"alpha", "bare", "zeta", "beta"}));
-    EXPECT_EQ(plugins.internalCount(), 3);
-    EXPECT_EQ(log.lines("kym.info"), (std::vector<std::string>{
-                                         "Adding plugin: " + native(site.pluginsPath() / "alpha"),
-                                         "Adding plugin: " + native(site.pluginsPath() / "bare"),
-                                         "Adding plugin: " + native(site.pluginsPath() / "zeta"),
-                                         "Found 3 plugins.",
-                                         "Adding plugin: " + native(external)}));
-
-    PluginSettings& alpha = *plugins.plugin(0, false);
-    EXPECT_EQ(alpha.pluginType() + " " + variableTexts(alpha.commonVariableList()).at(0), "Development CAM_DIR=/cam");
-    PluginSettings& bare = *plugins.plugin(1, false);
-    EXPECT_EQ(bare.pluginType(), "Site-wide");
-    EXPECT_TRUE(plugins.isInternalPlugin(bare));
+    EXPECT_EQ(pluginNames(plugins),
+              (Names{"alpha Development", "bare Site-wide", "zeta Site-wide", "beta Production"}));
+    EXPECT_EQ(log.lines("kym.info"), (Names{"Adding plugin: " + native(site.pluginsPath() / "alpha"),
+                                            "Adding plugin: " + native(site.pluginsPath() / "bare"),
+                                            "Adding plugin: " + native(site.pluginsPath() / "zeta"),
+                                            "Found 3 plugins.", "Adding plugin: " + native(external)}));
+    EXPECT_TRUE(plugins.isInternalPlugin(*plugins.plugin(2, false)));
     EXPECT_FALSE(plugins.isInternalPlugin(*plugins.plugin(3, false)));
-}
 
-TEST(PluginsScan, MissingPluginsDirectoryLeavesNoInternalPlugins) {
-    Site site;
-    fs::remove(site.pluginsPath());
-    EXPECT_EQ(PluginsManagement().numberOfPlugins(), 0);
-    EXPECT_EQ(PluginsManagement().internalCount(), 0);
+    plugins.removePlugin(site.pluginsPath() / "bare");
+    EXPECT_EQ(pluginNames(plugins), (Names{"alpha Development", "zeta Site-wide", "beta Production"}));
+    EXPECT_EQ(plugins.internalCount(), 3);
 }
 
 TEST(PluginsScan, DamagedPluginLeavesNoRegistryAndTheNextCallRetries) {
@@ -82,7 +72,7 @@ TEST(PluginsScan, DamagedPluginLeavesNoRegistryAndTheNextCallRetries) {
     const std::string message = thrownMessage([] { PluginsManagement(); });
     EXPECT_NE(message.find((site.pluginsPath() / "pdm" / "settings.dat").string()), std::string::npos) << message;
     site.addInternalPlugin("pdm");
-    EXPECT_EQ(pluginNames(PluginsManagement()), (std::vector<std::string>{"cam", "pdm"}));
+    EXPECT_EQ(pluginNames(PluginsManagement()), (Names{"cam Site-wide", "pdm Site-wide"}));
 }
 
 TEST(PluginsTable, ExternalOnlyHidesTheInternalPluginsAndTheIndexIsCheckedBeforeTheOffset) {
@@ -91,15 +81,14 @@ TEST(PluginsTable, ExternalOnlyHidesTheInternalPluginsAndTheIndexIsCheckedBefore
     site.addInternalPlugin("cam", "Development");
     PluginsManager& plugins = PluginsManagement();
     plugins.addPlugin(site.writePlugin(site.root() / "external" / "extra", "Site-wide"));
-    EXPECT_EQ(tableRows(plugins), (std::vector<std::string>{"cam", "pdm", "extra"}));
+    EXPECT_EQ(tableRows(plugins), (Names{"cam", "pdm", "extra"}));
     plugins.editExternalPluginsOnly();
-    EXPECT_EQ(tableRows(plugins), (std::vector<std::string>{"extra"}));
+    EXPECT_EQ(tableRows(plugins), Names{"extra"});
     EXPECT_EQ(plugins.plugin(0, true)->name(), "extra");
     EXPECT_EQ(plugins.plugin(0, false)->name(), "cam");
 
     std::ostringstream report;
     std::ostream* previous = Base::setAssertStream(&report);
-
     EXPECT_EQ(thrownMessage([&] { plugins.plugin(2, true); }), "plugin index 4 is out of range of 3 plugins");
     EXPECT_EQ(report.str(), "");
     EXPECT_THROW(plugins.plugin(-1, false), std::out_of_range);
@@ -107,30 +96,7 @@ TEST(PluginsTable, ExternalOnlyHidesTheInternalPluginsAndTheIndexIsCheckedBefore
     Base::setAssertStream(previous);
 }
 
-TEST(PluginsManager, RemovePluginKeepsTheOrderAndTheInternalCount) {
-    Site site;
-    for (const char* name : {"a", "b", "c"}) site.addInternalPlugin(name);
-    PluginsManager& plugins = PluginsManagement();
-    plugins.addPlugin(site.pluginsPath() / "b");
-    plugins.removePlugin(site.pluginsPath() / "b");
-    EXPECT_EQ(pluginNames(plugins), (std::vector<std::string>{"a", "c"}));
-    EXPECT_EQ(plugins.internalCount(), 3);
-}
-
-TEST(PluginsManager, SaveSettingsWritesOnlyThePluginsThatNeedIt) {
-    Site site;
-    site.addInternalPlugin("cam");
-    fs::create_directory(site.pluginsPath() / "bare");
-    PluginsManager& plugins = PluginsManagement();
-    plugins.plugin(1, false)->unixVariables()->insertRow(-1);
-    EXPECT_TRUE(plugins.anyNeedsSaving());
-    plugins.saveSettings();
-    EXPECT_FALSE(plugins.anyNeedsSaving());
-    EXPECT_FALSE(fs::exists(site.pluginsPath() / "bare" / "settings.dat"));
-    EXPECT_EQ(PluginSettings(site.pluginsPath() / "cam").unixVariableList().size(), 1u);
-}
-
-TEST(PluginSettings, SaveWritesTheFiveKeysInOrderAndReadsBack) {
+TEST(PluginSettings, SaveWritesEveryListAndReadsBackButKeepsTheNeedsSavingMark) {
     Site site;
     Layer layer;
     layer.windowsVariables = {{"CAM_WIN", "w"}};
@@ -139,31 +105,16 @@ TEST(PluginSettings, SaveWritesTheFiveKeysInOrderAndReadsBack) {
     plugin.setPluginType("Production");
     plugin.commonVariables()->insertRow(-1);
     plugin.commonVariables()->setValueForListColumnRow("Name", 0, std::string("CAM_COMMON"));
-    plugin.commonVariables()->setValueForListColumnRow("Value", 0, std::string("c"));
+    plugin.setNeedsSaving(true);
     plugin.save();
+    EXPECT_TRUE(plugin.needsSaving());
+    plugin.setNeedsSaving(false);
     EXPECT_FALSE(plugin.needsSaving());
-    EXPECT_EQ(archiveTopLevelKeys(plugin.dataFile()),
-              (std::vector<std::string>{"Plugin Type", "Common Variables", "Unix Variables", "Windows Variables",
-                                        "Application List"}));
 
     PluginSettings reread(plugin.path());
     EXPECT_EQ(reread.pluginType() + " " + variableTexts(reread.commonVariableList()).at(0) + " " +
                   variableTexts(reread.winVariableList()).at(0) + " " + reread.applicationList().at(0).configurationName(),
-              "Production CAM_COMMON=c CAM_WIN=w cam Plugin");
-}
-
-TEST(PluginSettings, NeedsSavingMarkSurvivesSave) {
-    Site site;
-    fs::create_directory(site.pluginsPath() / "cam");
-    PluginSettings plugin(site.pluginsPath() / "cam");
-    plugin.setNeedsSaving(true);
-    plugin.save();
-    LogRecorder log({"kym.verbose"});
-    EXPECT_TRUE(plugin.needsSaving());
-    plugin.setNeedsSaving(false);
-    EXPECT_FALSE(plugin.needsSaving());
-    EXPECT_EQ(log.lines("kym.verbose"),
-              (std::vector<std::string>{"Plugin: cam needsSaving = true", "Plugin: cam needsSaving = false"}));
+              "Production CAM_COMMON= CAM_WIN=w cam Plugin");
 }
 
 TEST(PluginSettings, FailedSaveKeepsTheOldFileAndTheMarks) {

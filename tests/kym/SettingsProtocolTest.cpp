@@ -1,7 +1,6 @@
 #include "kym/SettingsProtocol.h"
 
 #include "base/Platform.h"
-#include "support/TestSupport.h"
 
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/regex.hpp>
@@ -56,26 +55,8 @@ TEST(LayeredMerge, OnlyTheFirstEntryOfTheSameNameChangesAndKeepsItsPlaceNameAndT
     EXPECT_EQ((Lines{"A=1;3|second|1", "B=2||0"}),
               merged(variable("A", "$A;3", "second", Kym::WindowsPlatform),
                      {variable("A", "1", "first", Kym::UnixPlatform), variable("B", "2")}));
-    EXPECT_EQ(Lines{"A=1|why|2"}, merged(variable("A", "1", "why", Kym::WindowsPlatform), {}));
     EXPECT_EQ((Lines{"Path=a||0", "PATH=b;d||0", "PATH=c||0"}),
               merged(variable("PATH", "$PATH;d"), {variable("Path", "a"), variable("PATH", "b"), variable("PATH", "c")}));
-}
-
-TEST(LayeredMerge, LogsEachStepOnTheVerboseLogger) {
-    KymTest::LogRecorder log;
-    Variables list{variable("PATH", "C:\\a")};
-    SettingsProtocol::mergeVariable(variable("PATH", "$PATH;x"), list);
-    SettingsProtocol::mergeVariable(variable("NEW", "n"), list);
-    EXPECT_EQ((Lines{"  merging PATH", "    current value: C:\\\\a", "    value = C:\\a;x", "    replacing existing value",
-                     "    new value: C:\\a;x", "  merging NEW", "    value = n"}),
-              log.lines("kym.verbose"));
-    EXPECT_EQ(Lines{}, log.lines("kym.info"));
-}
-
-TEST(LayeredMerge, NameThatIsNoValidPatternThrowsTheRegexErrorAndLeavesTheListAlone) {
-    Variables list{variable("A(", "old")};
-    EXPECT_THROW(SettingsProtocol::mergeVariable(variable("A(", "$A("), list), boost::regex_error);
-    EXPECT_EQ(Lines{"A(=old||0"}, entries(list));
 }
 
 TEST(ReplacementMerge, ReplacesTheWholeRecordWithoutSubstitutionAndSkipsEmptyParts) {

@@ -1,7 +1,6 @@
 #include "kym/SiteSettings.h"
 
 #include "kym/PluginsManager.h"
-#include "kym/SystemInfo.h"
 
 #include "support/Site.h"
 #include "support/TestSupport.h"
@@ -20,10 +19,6 @@ using Kym::SiteInformation;
 using Kym::SiteSettings;
 
 namespace {
-
-std::string native(const fs::path& p) {
-    return Base::Platform::current().nativePath(p);
-}
 
 std::vector<std::string> merged(std::vector<EnvironmentVariable> vars = {}) {
     SiteInformation().mergeEnvVariables(vars);
@@ -79,93 +74,52 @@ void writeExternalLocations(const Site& site, const std::vector<std::string>& un
     site.writeSiteSettings(file);
 }
 
-class WindowsSiteMerge : public ::testing::Test {
+class SiteMerge : public ::testing::Test {
 protected:
-    WindowsSiteMerge() { Base::Platform::setCurrent(Base::Platform::Windows); }
+    SiteMerge() { Base::Platform::setCurrent(Base::Platform::Windows); }
     Site site;
     ScopedEnv programFiles{"PROGRAMFILES", std::string("C:\\Program Files")};
 };
 
 } // namespace
 
-TEST_F(WindowsSiteMerge, InstallPathWithRegistryOffGivesBaseAndRootDirThenTheWindowsMembers) {
-    site.writeSiteSettings(fullSite());
-    EXPECT_EQ(merged(), (std::vector<std::string>{
-                            "UGII_BASE_DIR=C:\\nx", "UGII_ROOT_DIR=C:\\nx\\ugii\\;extra", "TC_ROOT=C:\\tc",
-                            "TC_PORTAL_ROOT=C:\\portal", "SDI_SERVER_CFG_BASE=P:\\plot",
-                            "UGII_HTML_BROWSER=C:\\Program Files\\Internet Explorer\\iexplore.exe",
-                            "UGII_SDI_SERVER_CFG_DIR=P:\\plot/win", "UGII_UGDOC_BASE_DIR=${UGII_BASE_DIR}/ugdoc",
-                            "SITE_COMMON=c", "SITE_WIN=w"}));
-}
-
-TEST_F(WindowsSiteMerge, RegistryValueLosesOneTrailingBackslash) {
+TEST_F(SiteMerge, EachConventionsTakeTheirMembersAndOnlyWindowsReadsTheRegistryLosingOneTrailingBackslash) {
     RegistryReader registry("D:\\nx\\\\");
-    site.writeSiteSettings(SiteFile());
-    EXPECT_EQ(merged(), (std::vector<std::string>{
-                            "UGII_BASE_DIR=D:\\nx\\", "UGII_ROOT_DIR=D:\\nx\\\\ugii\\",
-                            "UGII_HTML_BROWSER=C:\\Program Files\\Internet Explorer\\iexplore.exe",
-                            "UGII_UGDOC_BASE_DIR=${UGII_BASE_DIR}/ugdoc"}));
-    EXPECT_EQ(registry.asked, (std::vector<std::string>{"SOFTWARE\\Unigraphics Solutions\\NX\\4.0|UGII_BASE_DIR"}));
-}
-
-TEST_F(WindowsSiteMerge, MissingRegistryValueSkipsTheInstallPathAndAnEmptyKeyIsNeverRead) {
-    RegistryReader registry("");
-    SiteFile file = fullSite();
-    file.useWindowsRegistry = true;
-    site.writeSiteSettings(file);
-    EXPECT_EQ(merged().at(0), "TC_ROOT=C:\\tc");
-    EXPECT_EQ(registry.asked.size(), 1u);
-
-    Kym::SystemInformation().CadWindowsRegistryPath = "";
-    EXPECT_EQ(merged().at(0), "TC_ROOT=C:\\tc");
-    EXPECT_EQ(registry.asked.size(), 1u);
-}
-
-TEST_F(WindowsSiteMerge, ExistingVariablesAreReplacedInPlaceAndEmptyMembersNeverMerged) {
-    SiteFile file;
-    file.useWindowsRegistry = false;
-    file.winNXInstallPath.value = "C:\\nx";
-    site.writeSiteSettings(file);
-    SiteInformation();
-    LogRecorder log;
-    const std::vector<std::string> result =
-        merged({{"UGII_BASE_DIR", "C:\\old"}, {"TC_ROOT", "C:\\tc"}, {"UGII_UGDOC_BASE_DIR", "C:\\doc"}});
-    EXPECT_EQ(result, (std::vector<std::string>{
-                          "UGII_BASE_DIR=C:\\nx", "TC_ROOT=C:\\tc", "UGII_UGDOC_BASE_DIR=C:\\doc",
-                          "UGII_ROOT_DIR=C:\\nx\\ugii\\",
-                          "UGII_HTML_BROWSER=C:\\Program Files\\Internet Explorer\\iexplore.exe"}));
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"kym.info:   merging site envirnment variables",
-                                                      "kym.verbose:   merging UGII_BASE_DIR",
-                                                      "kym.verbose:     Replacing UGII_BASE_DIR value.",
-                                                      "kym.verbose:       current value: C:\\old",
-                                                      "kym.verbose:       new value: C:\\nx",
-                                                      "kym.verbose:   merging UGII_ROOT_DIR"}));
-}
-
-TEST(PosixSiteMerge, UnixMembersApplyAndTheRegistryIsNeverRead) {
-    Site site;
-    Base::Platform::setCurrent(Base::Platform::Posix);
-    RegistryReader registry("D:\\nx");
     SiteFile file = fullSite();
     file.useWindowsRegistry = true;
     site.writeSiteSettings(file);
     ScopedEnv browserHome("BROWSER_HOME", std::string("/opt/firefox"));
     EXPECT_EQ(merged(), (std::vector<std::string>{
+                            "UGII_BASE_DIR=D:\\nx\\", "UGII_ROOT_DIR=D:\\nx\\\\ugii\\;extra", "TC_ROOT=C:\\tc",
+                            "TC_PORTAL_ROOT=C:\\portal", "SDI_SERVER_CFG_BASE=P:\\plot",
+                            "UGII_HTML_BROWSER=C:\\Program Files\\Internet Explorer\\iexplore.exe",
+                            "UGII_SDI_SERVER_CFG_DIR=P:\\plot/win", "UGII_UGDOC_BASE_DIR=${UGII_BASE_DIR}/ugdoc",
+                            "SITE_COMMON=c", "SITE_WIN=w"}));
+    EXPECT_EQ(registry.asked, (std::vector<std::string>{"SOFTWARE\\Unigraphics Solutions\\NX\\4.0|UGII_BASE_DIR"}));
+
+    Base::Platform::setCurrent(Base::Platform::Posix);
+    EXPECT_EQ(merged(), (std::vector<std::string>{
                             "UGII_BASE_DIR=/opt/nx", "UGII_ROOT_DIR=/opt/nx/ugii/", "TC_ROOT=/opt/tc",
                             "TC_PORTAL_ROOT=/opt/portal", "SDI_SERVER_CFG_BASE=/opt/plot",
                             "UGII_HTML_BROWSER=/opt/firefox/firefox", "UGII_SDI_SERVER_CFG_DIR=/opt/plot/lnx64",
                             "UGII_UGDOC_BASE_DIR=${UGII_BASE_DIR}/ugdoc", "SITE_COMMON=c", "SITE_UNIX=u"}));
-    EXPECT_TRUE(registry.asked.empty());
+    EXPECT_EQ(registry.asked.size(), 1u);
 }
 
-TEST(SiteSettings, MissingFileStillLogsTheLoadAndWritesNothing) {
+TEST_F(SiteMerge, ExistingVariablesAreReplacedInPlaceAndEmptyMembersNeverMerged) {
+    SiteFile file;
+    file.useWindowsRegistry = false;
+    file.winNXInstallPath.value = "C:\\nx";
+    site.writeSiteSettings(file);
+    EXPECT_EQ(merged({{"UGII_BASE_DIR", "C:\\old"}, {"TC_ROOT", "C:\\tc"}, {"UGII_UGDOC_BASE_DIR", "C:\\doc"}}),
+              (std::vector<std::string>{"UGII_BASE_DIR=C:\\nx", "TC_ROOT=C:\\tc", "UGII_UGDOC_BASE_DIR=C:\\doc",
+                                        "UGII_ROOT_DIR=C:\\nx\\ugii\\",
+                                        "UGII_HTML_BROWSER=C:\\Program Files\\Internet Explorer\\iexplore.exe"}));
+}
+
+TEST(SiteSettings, MissingFileGivesAStoreThatWritesNothing) {
     Site site;
-    Kym::SystemInformation().localDepartmentsPath();
-    LogRecorder log({"kym.info"});
-    SiteSettings& store = SiteInformation();
-    EXPECT_EQ(log.lines("kym.info"),
-              (std::vector<std::string>{"Loading site settings file: " + native(site.siteSettingsFile())}));
-    store.save();
+    SiteInformation().save();
     EXPECT_FALSE(fs::exists(site.siteSettingsFile()));
 }
 
@@ -185,15 +139,10 @@ TEST(SiteSettings, SaveWritesTheFifteenKeysInOrderAndReadsBack) {
     Site site;
     site.writeSiteSettings(fullSite());
     SiteSettings& store = SiteInformation();
-    store.setWinTcEngInstallPath("E:\\tc");
     store.setUseWindowsRegistry(true);
     store.setWinExternalPluginsLocation("E:\\plugins");
     store.settingsChanged();
-    LogRecorder log({"kym.info"});
     store.save();
-    EXPECT_FALSE(store.needsSaving());
-    EXPECT_EQ(log.lines("kym.info"),
-              (std::vector<std::string>{"Saving site settings file: " + native(site.siteSettingsFile())}));
     EXPECT_EQ(archiveTopLevelKeys(site.siteSettingsFile()),
               (std::vector<std::string>{
                   "UNIX NX Install Path Key", "Windows NX Install Path Key", "UNIX TcEng Install Path Key",
@@ -202,11 +151,9 @@ TEST(SiteSettings, SaveWritesTheFifteenKeysInOrderAndReadsBack) {
                   "Unix Environment Variables Key", "Windows Environment Variables Key",
                   "Unix NX Plot Conf Directory Base Key", "Windows NX Plot Conf Directory Base Key",
                   "Unix External Plugins Location Key", "Windows External Plugins Location Key"}));
-
     SiteSettings reread(store);
-    reread.setWinTcEngInstallPath("changed");
     reread.load();
-    EXPECT_EQ(reread.winTcEngInstallPath().value + "|" + reread.winExternalPluginsLocation(), "E:\\tc|E:\\plugins");
+    EXPECT_EQ(reread.winExternalPluginsLocation(), "E:\\plugins");
     EXPECT_TRUE(reread.useWindowsRegistry());
 }
 
@@ -235,39 +182,10 @@ TEST(SiteSettings, DamagedFileLeavesNoStoreAndTheNextCallRetries) {
     EXPECT_EQ(&SiteInformation(), &SiteInformation());
 }
 
-TEST(SiteExternalPlugins, TheUnixLocationIsRegisteredAfterTheInternalPluginsInNameOrder) {
+TEST(SiteExternalPlugins, TheUnixOnesFollowTheInternalOnesInNameOrderAndADamagedOneTakesOutThoseAddedBeforeIt) {
     Site site;
     site.addInternalPlugin("internal");
-    writeExternalLocations(site, {"b", "a"});
-    LogRecorder log({"kym.info"});
-    SiteInformation();
-    EXPECT_EQ(pluginNames(), (std::vector<std::string>{"internal", "a", "b"}));
-    EXPECT_TRUE(log.contains("adding external plugins"));
-}
-
-TEST(SiteExternalPlugins, WindowsConventionsUseTheWindowsLocation) {
-    Site site;
-    Base::Platform::setCurrent(Base::Platform::Windows);
-    writeExternalLocations(site, {"u"});
-    SiteInformation();
-    EXPECT_EQ(pluginNames(), (std::vector<std::string>{"w"}));
-}
-
-TEST(SiteExternalPlugins, MissingLocationAddsNothingAndSaysNothing) {
-    Site site;
-    SiteFile file;
-    file.unixExternalPluginsLocation = (site.root() / "nowhere").string();
-    site.writeSiteSettings(file);
-    LogRecorder log({"kym.info"});
-    SiteInformation();
-    EXPECT_FALSE(log.contains("adding external plugins"));
-    EXPECT_EQ(pluginNames(), (std::vector<std::string>{}));
-}
-
-TEST(SiteExternalPlugins, DamagedPluginTakesOutTheOnesAddedBeforeIt) {
-    Site site;
-    site.addInternalPlugin("internal");
-    writeExternalLocations(site, {"a"});
+    writeExternalLocations(site, {"c", "a"});
     const fs::path location = site.root() / "unix-plugins";
     writeFile(location / "b" / "settings.dat", "damaged");
     EXPECT_THROW(SiteInformation(), Base::BaseException);
@@ -275,9 +193,9 @@ TEST(SiteExternalPlugins, DamagedPluginTakesOutTheOnesAddedBeforeIt) {
 
     site.writePlugin(location / "b", "Site-wide");
     SiteInformation();
-    EXPECT_EQ(pluginNames(), (std::vector<std::string>{"internal", "a", "b"}));
+    EXPECT_EQ(pluginNames(), (std::vector<std::string>{"internal", "a", "b", "c"}));
     // Now the plugins added before the fault are external ones too.
-    writeFile(location / "c" / "settings.dat", "damaged");
+    writeFile(location / "d" / "settings.dat", "damaged");
     EXPECT_THROW(SiteSettings(), Base::BaseException);
-    EXPECT_EQ(pluginNames(), (std::vector<std::string>{"internal", "a", "b"}));
+    EXPECT_EQ(pluginNames(), (std::vector<std::string>{"internal", "a", "b", "c"}));
 }
