@@ -1,19 +1,18 @@
-#include "base/Archiver.h"
-#include "base/BaseException.h"
-#include "base/Coder.h"
 #include "base/Platform.h"
 #include "base/PropertyList.h"
-#include "base/Unarchiver.h"
 #include "support/TestSupport.h"
 
 #include <boost/algorithm/string/replace.hpp>
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstdint>
 #include <functional>
 #include <sys/stat.h>
 #include <tuple>
+
+// The archive fuzzer's records (FuzzLeaf holds every value kind, FuzzNode a record and lists of both)
+// with the archive classes.
+#include "fuzz/fuzz_archive.cpp"
 
 using namespace std::string_literals;
 using Base::PropertyList;
@@ -21,71 +20,20 @@ using KymTest::TempDir;
 
 namespace {
 
-struct Pet {
-    std::string name;
-    int legs = 0;
-
-    bool operator==(const Pet& other) const { return name == other.name && legs == other.legs; }
-    void encode(Base::Archiver& archiver) {
-        archiver.encode("Pet Name", name);
-        archiver.encode("Legs", legs);
-    }
-    void decode(Base::Unarchiver& unarchiver) {
-        unarchiver.decode("Pet Name", name);
-        unarchiver.decode("Legs", legs);
-    }
-};
-
-struct Owner {
-    std::string name;
-    bool active = false;
-    int age = 0;
-    std::vector<std::string> nicknames;
-    std::vector<Pet> pets;
-
-    bool operator==(const Owner& o) const {
-        return std::tie(name, active, age, nicknames, pets) == std::tie(o.name, o.active, o.age, o.nicknames, o.pets);
-    }
-    void encode(Base::Archiver& archiver) {
-        archiver.encode("Owner Name", name);
-        archiver.encode("Active", active);
-        archiver.encode("Age", age);
-        archiver.encode("Nicknames", nicknames);
-        archiver.encodeObject("Pets", pets);
-    }
-    void decode(Base::Unarchiver& unarchiver) {
-        unarchiver.decode("Owner Name", name);
-        unarchiver.decode("Active", active);
-        unarchiver.decode("Age", age);
-        unarchiver.decode("Nicknames", nicknames);
-        std::vector<Pet>* decoded = unarchiver.decodeObject("Pets", &pets);
-        if (decoded != &pets) pets = *decoded;
-    }
-};
-
-// Record types without members: Empty<0> never gets a coder, the others only in the registry test.
-template <int>
-struct Empty {
+// A record type that never gets a coder.
+struct Unregistered {
     void encode(Base::Archiver&) {}
     void decode(Base::Unarchiver&) {}
 };
-using Unregistered = Empty<0>;
-using RegistryProbe = Empty<1>;
-using OtherRegistryProbe = Empty<2>;
-
-Base::Coder<Pet> petCoder("TestPet");
-Base::CollectionCoder<std::vector<Pet>> petListCoder("TestPetList");
-Base::Coder<Owner> ownerCoder("TestOwner");
-Base::CollectionCoder<std::vector<Owner>> ownerListCoder("TestOwnerList");
 
 const std::string source = "/x/baseSettings.dat";
 
 // Between them every value kind and its edges: markup, empty texts and lists, both integer limits.
-std::vector<Owner> sampleOwners() {
+std::vector<FuzzNode> sampleNodes() {
     return {
-        {"<a href=\"x\">&amp; 'q'</a>\n\tünï", true, 41, {"Annie", "", "A & B"}, {{"Rex", 4}, {"Tweety", 2}}},
-        {"", false, INT_MIN, {}, {}},
-        {"Cid", true, INT_MAX, {""}, {{"Spider", 8}}},
+        {"<a href=\"x\">&amp; 'q'</a>\n\tünï", {"t", true, INT_MAX, {"Annie", "", "A & B"}},
+         {{"", false, INT_MIN, {}}, {"x", true, 0, {""}}}, {{"child", {}, {{"inner", true, 1, {}}}, {}}}},
+        {"", {}, {}, {}},
     };
 }
 
@@ -93,21 +41,13 @@ PropertyList::OrderedDictionary dict(std::vector<std::pair<std::string, boost::a
     return PropertyList::OrderedDictionary{std::move(entries)};
 }
 
-PropertyList::OrderedDictionary petEntry(const std::string& name, std::int64_t legs) {
-    return dict({{"$type", "TestPet"s}, {"Pet Name", name}, {"Legs", legs}});
-}
-
-std::unique_ptr<Base::Unarchiver> unarchiverOf(const boost::any& root) {
-    return Base::Unarchiver::fromText(PropertyList::serialize(root), source);
+PropertyList::OrderedDictionary leafEntry(const std::string& text) {
+    return dict({{"$type", "FuzzLeaf"s}, {"Text", text}});
 }
 
 // The message of the BaseException that the call throws.
 std::string errorOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const Base::BaseException& error) {
-        return error.what();
-    }
+    try { call(); } catch (const Base::BaseException& error) { return error.what(); }
     return "no exception";
 }
 
@@ -115,172 +55,107 @@ std::string errorOf(const std::function<void()>& call) {
 
 TEST(Archive, EveryValueKindAndNestedRecordComesBackFromTheFileWholeAndInOrder) {
     TempDir dir;
-    const auto file = dir / "owners.dat";
-    const std::vector<Owner> owners = sampleOwners();
+    const auto file = dir / "nodes.dat";
+    const std::vector<FuzzNode> nodes = sampleNodes();
     {
         Base::Archiver archiver(file);
-        archiver.encodeObject("Owners", owners);
-        archiver.encodeObject("Single", owners[1]);
-        archiver.encode("Literal", "from a literal");
+        archiver.encodeObject("Nodes", nodes);
+        archiver.encodeObject("Single", nodes[0].leaves[0]);
         archiver.finishEncoding();
     }
-
     Base::Unarchiver unarchiver(file);
     // A list of records is appended to; every other member is replaced, also by empty values.
-    std::vector<Owner> readOwners{{"Old", false, 3, {}, {}}};
-    Owner readSingle{"preset", true, 1, {"preset"}, {}};
-    std::string literal;
-    EXPECT_EQ(unarchiver.decodeObject("Owners", &readOwners), &readOwners);
+    std::vector<FuzzNode> readNodes{{"Old", {}, {}, {}}};
+    FuzzLeaf readSingle{"preset", true, 1, {"preset"}};
+    EXPECT_EQ(unarchiver.decodeObject("Nodes", &readNodes), &readNodes);
     EXPECT_EQ(unarchiver.decodeObject("Single", &readSingle), &readSingle);
-    unarchiver.decode("Literal", literal);
-    std::vector<Owner> expected{{"Old", false, 3, {}, {}}};
-    expected.insert(expected.end(), owners.begin(), owners.end());
-    EXPECT_EQ(readOwners, expected);
-    EXPECT_EQ(readSingle, owners[1]);
-    EXPECT_EQ(literal, "from a literal");
+    EXPECT_EQ(readNodes, (std::vector<FuzzNode>{{"Old", {}, {}, {}}, nodes[0], nodes[1]}));
+    EXPECT_EQ(readSingle, nodes[0].leaves[0]);
 }
 
-TEST(Archive, FileHoldsKeysInFirstWriteOrderWithLastValuesAndTypedObjectsWithTheirItems) {
-    TempDir dir;
-    const auto file = dir / "order.dat";
-    Base::Archiver archiver(file);
+TEST(Archive, AKeyWrittenAgainKeepsItsFirstPlaceAndTakesTheLastValue) {
+    Base::Archiver archiver(source);
     archiver.encode("Zeta", "first value"s);
     archiver.encode("Alpha", 1);
-    archiver.encodeObject("Owner", Owner{"Ann", true, 40, {"A"}, {{"Rex", 4}, {"Nemo", 0}}});
     archiver.encode("Zeta", "last value"s);
-    archiver.finishEncoding();
-
-    const auto expected = dict({
-        {"Zeta", "last value"s},
-        {"Alpha", std::int64_t{1}},
-        {"Owner", dict({{"$type", "TestOwner"s},
-                        {"Owner Name", "Ann"s},
-                        {"Active", true},
-                        {"Age", std::int64_t{40}},
-                        {"Nicknames", PropertyList::Array{"A"s}},
-                        {"Pets", dict({{"$type", "TestPetList"s},
-                                       {"$items", PropertyList::Array{petEntry("Rex", 4), petEntry("Nemo", 0)}}})}})},
-    });
-    EXPECT_EQ(KymTest::readFile(file), PropertyList::serialize(expected));
+    EXPECT_EQ(archiver.text(), PropertyList::serialize(dict({{"Zeta", "last value"s}, {"Alpha", std::int64_t{1}}})));
 }
 
-TEST(Archive, WritingRefusesReservedKeysAndTypesWithoutCoder) {
-    Base::Archiver archiver("/x/w.dat");
-    EXPECT_EQ(errorOf([&] { archiver.encode("$type", "x"); }),
-              "Archive /x/w.dat: key '$type' is reserved for the archive itself");
-    EXPECT_EQ(errorOf([&] { archiver.encodeObject("$items", Pet{}); }),
-              "Archive /x/w.dat: key '$items' is reserved for the archive itself");
-    EXPECT_EQ(errorOf([&] { archiver.encodeObject("Thing", Unregistered{}); }),
-              "Archive /x/w.dat: no coder is registered for the type '(anonymous namespace)::Empty<0>'");
-    EXPECT_EQ(archiver.text(), PropertyList::serialize(PropertyList::OrderedDictionary{}));
-}
-
-TEST(Archive, ValuesOfAnotherKindAreReportedWithFileKeyAndBothKindsAndLeaveTargetsAsAbsentKeysDo) {
-    auto unarchiver = unarchiverOf(dict({
-        {"Name Key", std::int64_t{12}},
-        {"Flag", "yes"s},
-        {"Mixed Lines", PropertyList::Array{"one"s, std::int64_t{2}}},
-        {"Too Large", std::int64_t{INT_MAX} + 1},
-        {"Huge", std::uint64_t{18446744073709551615ull}},
-        {"Untyped", dict({{"Pet Name", "Rex"s}})},
-        {"Unknown", dict({{"$type", "Nonsense"s}})},
-        {"Pet", petEntry("Rex", 4)},
-        {"Without Items", dict({{"$type", "TestPetList"s}})},
-        {"Items Not Array", dict({{"$type", "TestPetList"s}, {"$items", dict({})}})},
-        {"Item Not Dict", dict({{"$type", "TestPetList"s}, {"$items", PropertyList::Array{"Rex"s}}})},
-        {"Owner As Item", dict({{"$type", "TestPetList"s},
-                                {"$items", PropertyList::Array{petEntry("Rex", 4), dict({{"$type", "TestOwner"s}})}}})},
-    }));
-    std::string text = "kept";
-    bool flag = false;
-    int number = 3;
-    std::vector<std::string> lines{"kept"};
-    Pet pet;
-    Owner owner;
-    std::vector<Pet> pets;
-    auto& u = *unarchiver;
-    const std::vector<std::pair<std::function<void()>, std::string>> cases = {
-        {[&] { u.decode("Name Key", text); }, "key 'Name Key' holds an integer, expected a string"},
-        {[&] { u.decode("Flag", lines); }, "key 'Flag' holds a string, expected an array of strings"},
-        {[&] { u.decode("Mixed Lines", lines); }, "item 2 of key 'Mixed Lines' holds an integer, expected a string"},
-        {[&] { u.decode("Too Large", number); }, "key 'Too Large' holds 2147483648, beyond the range of an integer"},
-        {[&] { u.decode("Huge", number); }, "key 'Huge' holds 18446744073709551615, beyond the range of an integer"},
-        {[&] { u.decodeObject("Flag", &pet); }, "key 'Flag' holds a string, expected a dictionary"},
-        {[&] { u.decodeObject("Untyped", &pet); }, "key 'Untyped' holds a dictionary without '$type'"},
-        {[&] { u.decodeObject("Unknown", &pet); }, "key 'Unknown' holds an object of the unknown type 'Nonsense'"},
-        {[&] { u.decodeObject("Pet", &owner); }, "key 'Pet' holds an object of type 'TestPet', expected type 'TestOwner'"},
-        {[&] { u.decodeObject<Unregistered>("Pet", nullptr); },
-         "key 'Pet' cannot be read: no coder is registered for the type '(anonymous namespace)::Empty<0>'"},
-        {[&] { u.decodeObject("Without Items", &pets); }, "key 'Without Items' is not a collection: it has no '$items'"},
-        {[&] { u.decodeObject("Items Not Array", &pets); },
-         "key '$items' of 'Items Not Array' holds a dictionary, expected an array"},
-        {[&] { u.decodeObject("Item Not Dict", &pets); }, "key 'Item Not Dict' item 1 holds a string, expected a dictionary"},
-        {[&] { u.decodeObject("Owner As Item", &pets); },
-         "key 'Owner As Item' item 2 holds an object of type 'TestOwner', expected type 'TestPet'"},
-    };
-    for (const auto& [call, message] : cases) {
-        SCOPED_TRACE(message);
-        EXPECT_EQ(errorOf(call), "Archive /x/baseSettings.dat: " + message);
-    }
-    u.decode("Absent", text);
-    u.decode("Absent", number);
-    u.decode("Absent", lines);
-    EXPECT_EQ(u.decodeObject("Absent", &pet), &pet);
-    EXPECT_EQ(u.decodeObject<Owner>("Absent", nullptr), nullptr);
-    EXPECT_EQ(text + lines.at(0) + std::to_string(number), "keptkept3");
-    EXPECT_FALSE(flag);
-    EXPECT_EQ(pet, Pet{});
-    EXPECT_EQ(owner, Owner{});
-
-    // The failures inside lists left no container open: reading goes on at the top.
-    EXPECT_EQ(errorOf([&] { u.currentContainer(); }), "Archive /x/baseSettings.dat: no container is open");
-    u.decodeObject("Pet", &pet);
-    EXPECT_EQ(pet, (Pet{"Rex", 4}));
-}
-
-TEST(Archive, ErrorsDeepInsideListsNameEveryEnclosingKeyAndItem) {
-    // The second owner's only pet gets a text where its number of legs belongs.
-    auto owners = sampleOwners();
-    owners[1].pets = {{"Broken", 77}};
-    Base::Archiver archiver(source);
-    archiver.encodeObject("Owners", owners);
-    std::string text = archiver.text();
-    const std::string legs = "<integer>77</integer>";
-    ASSERT_NE(text.find(legs), std::string::npos);
-    text.replace(text.find(legs), legs.size(), "<string>seventy-seven</string>");
-
-    std::vector<Owner> read;
-    EXPECT_EQ(errorOf([&] { Base::Unarchiver::fromText(text, source)->decodeObject("Owners", &read); }),
-              "Archive /x/baseSettings.dat: key 'Legs' of 'Pets' item 1 of 'Owners' item 2 holds a string, "
-              "expected an integer");
-}
-
-TEST(Archive, DamagedOrMissingFileIsReportedAsTheReadersDo) {
-    TempDir dir;
-    const auto file = dir / "baseSettings.dat";
-    Base::Archiver archiver(file);
-    archiver.encodeObject("Owners", sampleOwners());
-    const std::string damaged = archiver.text().substr(0, archiver.text().size() / 2);
-    KymTest::writeFile(file, damaged);
-    const std::string expected = errorOf([&] { PropertyList::parse(damaged, file.string()); });
-    EXPECT_NE(expected.find(file.string()), std::string::npos) << expected;
-    EXPECT_EQ(errorOf([&] { Base::Unarchiver unarchiver(file); }), expected);
-    EXPECT_EQ(errorOf([&] { Base::Unarchiver unarchiver(dir / "missing.dat"); }),
-              "Cannot read file " + (dir / "missing.dat").string() + ": No such file or directory");
-}
-
-TEST(Archive, MessagesNameTheFileAsTheConventionsWritePaths) {
+TEST(Archive, WritingRefusesReservedKeysAndTypesWithoutCoderAndMessagesNameTheFileAsTheConventionsWriteIt) {
     TempDir dir;
     const auto file = dir / "baseSettings.dat";
     KymTest::writeFile(file, "<plist version=\"1.0\"><array/></plist>");
     Base::Platform::setCurrent(Base::Platform::Windows);
     Base::Archiver archiver("/x/w.dat");
-    const std::string writing = errorOf([&] { archiver.encode("$type", "x"); });
+    const std::string reserved = errorOf([&] { archiver.encodeObject("$items", FuzzLeaf{}); });
+    const std::string noCoder = errorOf([&] { archiver.encodeObject("Thing", Unregistered{}); });
     const std::string reading = errorOf([&] { Base::Unarchiver unarchiver(file); });
     Base::Platform::resetCurrent();
-    EXPECT_EQ(writing, "Archive \\x\\w.dat: key '$type' is reserved for the archive itself");
+    EXPECT_EQ(reserved, "Archive \\x\\w.dat: key '$items' is reserved for the archive itself");
+    EXPECT_EQ(noCoder, "Archive \\x\\w.dat: no coder is registered for the type '(anonymous namespace)::Unregistered'");
+    EXPECT_EQ(archiver.text(), PropertyList::serialize(PropertyList::OrderedDictionary{}));
     EXPECT_EQ(reading, "Archive " + boost::algorithm::replace_all_copy(file.string(), "/", "\\") +
                            ": the root holds an array, expected a dictionary");
+}
+
+TEST(Archive, ValuesOfAnotherKindAreReportedWithFileKeyAndBothKindsAndLeaveTheTargetsAlone) {
+    auto unarchiver = Base::Unarchiver::fromText(PropertyList::serialize(dict({
+        {"Name Key", std::int64_t{12}},
+        {"Mixed Lines", PropertyList::Array{"one"s, std::int64_t{2}}},
+        {"Too Large", std::int64_t{INT_MAX} + 1},
+        {"Untyped", dict({{"Text", "Rex"s}})},
+        {"Unknown", dict({{"$type", "Nonsense"s}})},
+        {"Leaf", leafEntry("Rex")},
+        {"Without Items", dict({{"$type", "FuzzLeafList"s}})},
+        {"Items Not Array", dict({{"$type", "FuzzLeafList"s}, {"$items", dict({})}})},
+        {"Node As Item", dict({{"$type", "FuzzLeafList"s},
+                               {"$items", PropertyList::Array{leafEntry("Rex"), dict({{"$type", "FuzzNode"s}})}}})},
+    })), source);
+    std::string text = "kept";
+    int number = 3;
+    std::vector<std::string> lines{"kept"};
+    FuzzLeaf leaf;
+    FuzzNode node;
+    std::vector<FuzzLeaf> leaves;
+    auto& u = *unarchiver;
+    const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+        {[&] { u.decode("Name Key", text); }, "key 'Name Key' holds an integer, expected a string"},
+        {[&] { u.decode("Mixed Lines", lines); }, "item 2 of key 'Mixed Lines' holds an integer, expected a string"},
+        {[&] { u.decode("Too Large", number); }, "key 'Too Large' holds 2147483648, beyond the range of an integer"},
+        {[&] { u.decodeObject("Untyped", &leaf); }, "key 'Untyped' holds a dictionary without '$type'"},
+        {[&] { u.decodeObject("Unknown", &leaf); }, "key 'Unknown' holds an object of the unknown type 'Nonsense'"},
+        {[&] { u.decodeObject("Leaf", &node); }, "key 'Leaf' holds an object of type 'FuzzLeaf', expected type 'FuzzNode'"},
+        {[&] { u.decodeObject<Unregistered>("Leaf", nullptr); },
+         "key 'Leaf' cannot be read: no coder is registered for the type '(anonymous namespace)::Unregistered'"},
+        {[&] { u.decodeObject("Without Items", &leaves); }, "key 'Without Items' is not a collection: it has no '$items'"},
+        {[&] { u.decodeObject("Items Not Array", &leaves); },
+         "key '$items' of 'Items Not Array' holds a dictionary, expected an array"},
+        {[&] { u.decodeObject("Node As Item", &leaves); },
+         "key 'Node As Item' item 2 holds an object of type 'FuzzNode', expected type 'FuzzLeaf'"},
+    };
+    for (const auto& [call, message] : cases) EXPECT_EQ(errorOf(call), "Archive /x/baseSettings.dat: " + message);
+    EXPECT_EQ(u.decodeObject<FuzzNode>("Absent", nullptr), nullptr);
+    EXPECT_EQ(text + lines.at(0) + std::to_string(number), "keptkept3");
+    EXPECT_EQ(std::tie(leaf, node), std::make_tuple(FuzzLeaf{}, FuzzNode{}));
+
+    // The failures inside lists left no container open: reading goes on at the top.
+    EXPECT_EQ(errorOf([&] { u.currentContainer(); }), "Archive /x/baseSettings.dat: no container is open");
+    u.decodeObject("Leaf", &leaf);
+    EXPECT_EQ(leaf, (FuzzLeaf{"Rex", false, 0, {}}));
+}
+
+TEST(Archive, ErrorsDeepInsideListsNameEveryEnclosingKeyAndItem) {
+    // The second node's only leaf gets a text where its number belongs.
+    auto nodes = sampleNodes();
+    nodes[1].leaves = {{"broken", false, 77, {}}};
+    Base::Archiver archiver(source);
+    archiver.encodeObject("Nodes", nodes);
+    const std::string text = boost::algorithm::replace_all_copy(archiver.text(), "<integer>77</integer>",
+                                                                "<string>seventy-seven</string>");
+    std::vector<FuzzNode> read;
+    EXPECT_EQ(errorOf([&] { Base::Unarchiver::fromText(text, source)->decodeObject("Nodes", &read); }),
+              "Archive /x/baseSettings.dat: key 'Number' of 'Leaves' item 1 of 'Nodes' item 2 holds a string, "
+              "expected an integer");
 }
 
 TEST(Archive, FailedWriteLeavesTheOldFileIntact) {
@@ -290,27 +165,12 @@ TEST(Archive, FailedWriteLeavesTheOldFileIntact) {
     KymTest::writeFile(file, "old content");
     ::chmod(locked.c_str(), 0555);
     ::chmod(file.c_str(), 0666);
-
     EXPECT_EQ(KymTest::runAsNobody([&] {
         Base::Archiver archiver(file);
         archiver.encode("Key", "new value"s);
-        const std::string error = errorOf([&] { archiver.finishEncoding(); });
-        return error == "Cannot write settings file " + file.string() + ": Permission denied" ? 0 : 1;
+        return errorOf([&] { archiver.finishEncoding(); }) == "Cannot write settings file " + file.string() +
+                                                                  ": Permission denied" ? 0 : 1;
     }), 0);
     EXPECT_EQ(KymTest::readFile(file), "old content");
     EXPECT_EQ(boost::filesystem::directory_iterator(locked)->path(), file);
-}
-
-TEST(CoderRegistry, LaterRegistrationUnderANameReplacesTheEarlierUntilItGoes) {
-    auto first = std::make_unique<Base::Coder<RegistryProbe>>("TestProbe");
-    {
-        Base::Coder<OtherRegistryProbe> second("TestProbe");
-        EXPECT_EQ(Base::CoderBase::coderForName("TestProbe"), &second);
-        EXPECT_EQ(Base::CoderBase::coderForType(Base::TypeInfo::of<RegistryProbe>()), first.get());
-    }
-    EXPECT_EQ(Base::CoderBase::coderForName("TestProbe"), nullptr);
-    EXPECT_EQ(Base::CoderBase::coderForType(Base::TypeInfo::of<OtherRegistryProbe>()), nullptr);
-    first.reset();
-    EXPECT_EQ(Base::CoderBase::coderForType(Base::TypeInfo::of<RegistryProbe>()), nullptr);
-    EXPECT_EQ(Base::CoderBase::coderForName("TestPet"), &petCoder);
 }

@@ -10,9 +10,9 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <fcntl.h>
 #include <map>
-#include <sstream>
 #include <sys/wait.h>
 #include <thread>
 #include <tuple>
@@ -24,6 +24,7 @@ namespace {
 
 namespace fs = boost::filesystem;
 using KymTest::TempDir;
+using Strings = std::vector<std::string>;
 
 const bool orphansReaped = KymTest::reapOrphansOfTheTests();
 
@@ -32,43 +33,24 @@ const bool orphansReaped = KymTest::reapOrphansOfTheTests();
 // (variables the shell adds itself, such as PWD, never show there).
 fs::path writeProbe(const TempDir& dir) {
     fs::path probe = dir / "probe.sh";
-    KymTest::writeFile(probe, "#!/bin/sh\n"
-                              "out='" + dir.path().string() + "'\n"
+    KymTest::writeFile(probe, "#!/bin/sh\nout='" + dir.path().string() + "'\n"
                               "/bin/cat /proc/$$/cmdline > \"$out/cmdline\"\n"
                               "/bin/cat /proc/$$/environ > \"$out/environ\"\n"
-                              "pwd -P > \"$out/cwd\"\n"
-                              "echo $$ > \"$out/pid.part\"\n"
-                              "/bin/mv \"$out/pid.part\" \"$out/pid\"\n");
+                              "printf '%s\\0%s\\0' \"$(pwd -P)\" $$ > \"$out/where.part\"\n"
+                              "/bin/mv \"$out/where.part\" \"$out/where\"\n");
     fs::permissions(probe, fs::perms(0755));
     return probe;
 }
 
-struct ProbeRecord {
-    std::vector<std::string> arguments;
-    std::vector<std::string> environment;
-    std::string directory;
-    long pid = 0;
-};
-
-std::vector<std::string> splitAtNul(const std::string& text) {
-    std::vector<std::string> parts;
-    std::size_t start = 0;
-    for (std::size_t end; (end = text.find('\0', start)) != std::string::npos; start = end + 1)
+// The NUL-separated items of a file the probe wrote; waits for the probe, which Task never waits for.
+Strings recorded(const TempDir& dir, const std::string& name) {
+    for (int attempt = 0; attempt < 500 && !fs::exists(dir / "where"); ++attempt)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const std::string text = KymTest::readFile(dir / name);
+    Strings parts;
+    for (std::size_t start = 0, end; (end = text.find('\0', start)) != std::string::npos; start = end + 1)
         parts.push_back(text.substr(start, end - start));
     return parts;
-}
-
-// Waits for the probe to finish writing; the started program is never waited for by Task.
-ProbeRecord readProbe(const TempDir& dir) {
-    for (int attempt = 0; attempt < 500 && !fs::exists(dir / "pid"); ++attempt)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    if (!fs::exists(dir / "pid")) throw std::runtime_error("the probe did not run");
-    ProbeRecord record;
-    record.arguments = splitAtNul(KymTest::readFile(dir / "cmdline"));
-    record.environment = splitAtNul(KymTest::readFile(dir / "environ"));
-    record.directory = KymTest::readFile(dir / "cwd");
-    record.pid = std::stol(KymTest::readFile(dir / "pid"));
-    return record;
 }
 
 // True when this process has no child left, reaped or not.
@@ -78,21 +60,9 @@ bool hasNoChildren() {
 }
 
 std::string launchFailure(Base::Task& task) {
-    try {
-        task.launch();
-    } catch (const Base::BaseException& e) {
-        return e.what();
-    }
+    try { task.launch(); } catch (const Base::BaseException& e) { return e.what(); }
     return "(started)";
 }
-
-// The sleeper holds our standard output open; a test runner would wait for it.
-struct KillAtEnd {
-    long pid;
-    ~KillAtEnd() {
-        if (pid > 0) ::kill(static_cast<pid_t>(pid), SIGKILL);
-    }
-};
 
 } // namespace
 
@@ -107,117 +77,83 @@ TEST(Task, ProgramGetsExactlyTheGivenArgumentsEnvironmentAndWorkingDirectory) {
     task.setCurrentDirectoryPath(dir / "work dir");
     long pid = task.launch();
 
-    ProbeRecord record = readProbe(dir);
-    EXPECT_EQ(std::vector<std::string>({"/bin/sh", probe.string(), "plain", "with space", "", "say \"hi\"",
-                                        "two\nlines", "$HOME", "*"}),
-              record.arguments);
-    EXPECT_EQ(std::vector<std::string>({"EMPTY=", "KYM_A=one two", "KYM_B=x=y", "MULTI=a\nb"}), record.environment);
-    EXPECT_EQ((dir / "work dir").string() + "\n", record.directory);
-    EXPECT_EQ(record.pid, pid);
+    EXPECT_EQ(recorded(dir, "where"), (Strings{(dir / "work dir").string(), std::to_string(pid)}));
+    EXPECT_EQ(recorded(dir, "cmdline"),
+              (Strings{"/bin/sh", probe.string(), "plain", "with space", "", "say \"hi\"", "two\nlines", "$HOME", "*"}));
+    EXPECT_EQ(recorded(dir, "environ"), (Strings{"EMPTY=", "KYM_A=one two", "KYM_B=x=y", "MULTI=a\nb"}));
 }
 
 TEST(Task, ConstructorStartsAtOnceWithTheInheritedEnvironmentButAnEmptyOneStaysEmpty) {
     TempDir inheriting, empty;
     KymTest::ScopedEnv marker("KYM_TASK_MARKER", std::string("inherited value"));
-    std::vector<std::string> ownEnvironment;
+    Strings ownEnvironment;
     for (char** entry = environ; *entry; ++entry) ownEnvironment.push_back(*entry);
-    fs::path probe = writeProbe(inheriting);
-    Base::Task task(probe, {"--flag"});
-    ProbeRecord record = readProbe(inheriting);
-    EXPECT_EQ(std::vector<std::string>({"/bin/sh", probe.string(), "--flag"}), record.arguments);
-    EXPECT_EQ(ownEnvironment, record.environment);
+    Base::Task task(writeProbe(inheriting), {"--flag"});
+    EXPECT_EQ(recorded(inheriting, "environ"), ownEnvironment);
 
     Base::Task withoutEnvironment;
     withoutEnvironment.setLaunchPath(writeProbe(empty));
     withoutEnvironment.setEnvironment({});
     withoutEnvironment.launch();
-    EXPECT_EQ(std::vector<std::string>(), readProbe(empty).environment);
+    EXPECT_EQ(recorded(empty, "environ"), Strings());
 }
 
 TEST(Task, ProgramRunsOnDetachedInItsOwnSessionWithNoZombieLeft) {
     TempDir dir;
     KymTest::writeFile(dir / "input", "");
-    // Our standard input is a file for the moment, so that a program reading it is told apart.
-    int ownInput = ::dup(0);
-    int input = ::open((dir / "input").c_str(), O_RDONLY);
+    // Our standard input is a file for the moment, so that a program reading it is told apart. The file
+    // stays open without close-on-exec too, as careless callers leave theirs; the program must not inherit it.
+    const int ownInput = ::dup(0), input = ::open((dir / "input").c_str(), O_RDONLY);
     ASSERT_GE(input, 3);
     ::dup2(input, 0);
-    // Left open without close-on-exec, as careless callers do; the program must not inherit it.
-    int stray = input;
     Base::Task task;
     task.setLaunchPath("/bin/sleep");
     task.setArguments({"30"});
     long pid = task.launch();
-    KillAtEnd sleeper{pid};
-    ::dup2(ownInput, 0);
-    ::close(ownInput);
-    ::close(stray);
+    ::dup2(ownInput, 0), ::close(ownInput), ::close(input);
     ASSERT_GT(pid, 0);
+    // The sleeper holds our standard output open; a test runner would wait for it.
+    std::shared_ptr<void> killAtEnd(nullptr, [pid](void*) { ::kill(static_cast<pid_t>(pid), SIGKILL); });
 
     EXPECT_TRUE(hasNoChildren());
-    std::string stat = KymTest::readFile("/proc/" + std::to_string(pid) + "/stat");
-    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
-    std::string state;
+    const std::string stat = KymTest::readFile("/proc/" + std::to_string(pid) + "/stat");
+    char state = 0;
     long parent = 0, group = 0, session = 0;
-    fields >> state >> parent >> group >> session;
-    EXPECT_NE("Z", state);
+    std::sscanf(stat.c_str() + stat.rfind(')') + 2, "%c %ld %ld %ld", &state, &parent, &group, &session);
+    EXPECT_NE('Z', state);
     EXPECT_NE(static_cast<long>(::getpid()), parent);
     EXPECT_EQ(pid, session);
 
     auto link = [](const fs::path& p) { return fs::read_symlink(p).string(); };
-    fs::path descriptors = "/proc/" + std::to_string(pid) + "/fd";
     std::map<std::string, std::string> open;
-    for (const auto& entry : fs::directory_iterator(descriptors))
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd"))
         open[entry.path().filename().string()] = link(entry.path());
-    EXPECT_EQ((std::map<std::string, std::string>{{"0", "/dev/null"},
-                                                  {"1", link("/proc/self/fd/1")},
-                                                  {"2", link("/proc/self/fd/2")}}),
-              open);
+    EXPECT_EQ(open, (std::map<std::string, std::string>{
+                        {"0", "/dev/null"}, {"1", link("/proc/self/fd/1")}, {"2", link("/proc/self/fd/2")}}));
 }
 
-TEST(Task, ProgramThatCannotBeExecutedIsReportedWithTheReason) {
+TEST(Task, AProgramThatCannotStartIsReportedWithTheReasonAndTheDirectoryAsTheConventionsWritePaths) {
     TempDir dir;
-    KymTest::writeFile(dir / "no-execute-bit.sh", "#!/bin/sh\n");
-    fs::permissions(dir / "no-execute-bit.sh", fs::perms(0644));
-    KymTest::writeFile(dir / "missing-interpreter.sh", "#!/nonexistent/interpreter\n");
-    fs::permissions(dir / "missing-interpreter.sh", fs::perms(0755));
+    const fs::path probe = writeProbe(dir);
     KymTest::writeFile(dir / "no-format", "neither a script nor a binary\n");
     fs::permissions(dir / "no-format", fs::perms(0755));
-    fs::create_directories(dir / "a-directory");
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {"missing", "No such file or directory"},
-        {"no-execute-bit.sh", "Permission denied"},
-        {"a-directory", "Permission denied"},
-        {"missing-interpreter.sh", "No such file or directory"},
-        {"no-format", "Exec format error"},
+    const std::string inMissing = probe.string() + " in directory " + (dir / "missing").string() + ": No such file or directory";
+    const std::vector<std::tuple<Base::Platform::Kind, fs::path, fs::path, std::string>> cases = {
+        {Base::Platform::Posix, dir / "missing", "", (dir / "missing").string() + ": No such file or directory"},
+        {Base::Platform::Posix, dir.path(), "", dir.path().string() + ": Permission denied"},
+        {Base::Platform::Posix, dir / "no-format", "", (dir / "no-format").string() + ": Exec format error"},
+        {Base::Platform::Posix, probe, dir / "missing", inMissing},
+        {Base::Platform::Windows, probe, dir / "missing", boost::algorithm::replace_all_copy(inMissing, "/", "\\")},
     };
-    for (const auto& [name, reason] : cases) {
+    for (const auto& [kind, program, directory, message] : cases) {
+        Base::Platform::setCurrent(kind);
         Base::Task task;
-        task.setLaunchPath(dir / name);
-        EXPECT_EQ("Cannot start program " + (dir / name).string() + ": " + reason, launchFailure(task));
-        EXPECT_TRUE(hasNoChildren()) << name;
-    }
-}
-
-TEST(Task, UnusableWorkingDirectoryIsReportedWithProgramAndDirectoryAsTheConventionsWritePaths) {
-    TempDir dir;
-    fs::path probe = writeProbe(dir);
-    auto windows = [](const fs::path& p) { return boost::algorithm::replace_all_copy(p.string(), "/", "\\"); };
-    const std::vector<std::tuple<Base::Platform::Kind, fs::path, std::string>> cases = {
-        {Base::Platform::Posix, dir / "missing", "Cannot start program " + probe.string() + " in directory " +
-                                                     (dir / "missing").string() + ": No such file or directory"},
-        {Base::Platform::Windows, dir / "missing", "Cannot start program " + windows(probe) + " in directory " +
-                                                       windows(dir / "missing") + ": No such file or directory"},
-    };
-    for (const auto& [platform, directory, message] : cases) {
-        Base::Platform::setCurrent(platform);
-        Base::Task task;
-        task.setLaunchPath(probe);
+        task.setLaunchPath(program);
         task.setCurrentDirectoryPath(directory);
         const std::string failure = launchFailure(task);
         Base::Platform::resetCurrent();
-        EXPECT_EQ(message, failure);
-        EXPECT_TRUE(hasNoChildren());
+        EXPECT_EQ("Cannot start program " + message, failure);
+        EXPECT_TRUE(hasNoChildren()) << message;
     }
     EXPECT_FALSE(fs::exists(dir / "cmdline"));
 }

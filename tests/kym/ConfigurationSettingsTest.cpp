@@ -1,9 +1,7 @@
 #include "kym/ConfigurationSettings.h"
 
 #include "support/Site.h"
-#include "support/TestSupport.h"
 
-#include "base/Archiver.h"
 #include "base/BaseException.h"
 #include "base/SystemCalls.h"
 
@@ -12,22 +10,11 @@
 #include <functional>
 
 using namespace KymTest;
-using Kym::ApplicationOverlay;
 using Kym::ConfigurationSettings;
-using Kym::DisablePluginSource;
 
 namespace {
 
 using Names = std::vector<std::string>;
-
-ApplicationOverlay overlay(const std::string& configurationName, const std::string& appId,
-                           const std::string& description = "") {
-    ApplicationOverlay result;
-    result.configurationName = configurationName;
-    result.appId = appId;
-    result.description = description;
-    return result;
-}
 
 // Every list of the settings, one line per entry, so whole contents compare at once.
 Names contents(ConfigurationSettings& settings) {
@@ -46,15 +33,16 @@ Names contents(ConfigurationSettings& settings) {
 // A department's settings file of the current release with one of everything.
 fs::path writeFullSettings(const Site& site) {
     DepartmentSettings settings;
-    settings.workDirectories = {Kym::WorkDirectory{}};
-    settings.workDirectories[0].name = "home";
-    settings.workDirectories[0].path = "/home/cad";
+    settings.workDirectories.resize(1);
+    settings.workDirectories[0].name = "home", settings.workDirectories[0].path = "/home/cad";
     settings.layer.commonVariables = {{"COMMON", "1"}};
     settings.layer.unixVariables = {{"UNIX", "2"}};
     settings.layer.windowsVariables = {{"WIN", "3"}};
     settings.layer.applications = {makeApplication("nx", "ugraf")};
     settings.disabledPlugins = {"cam"};
-    settings.overlays = {overlay("Common", "viewer", "Viewer")};
+    settings.overlays.resize(1);
+    settings.overlays[0].configurationName = "Common", settings.overlays[0].appId = "viewer";
+    settings.overlays[0].description = "Viewer";
     return site.writeDepartmentSettings(site.departmentsPath() / "dept", settings);
 }
 
@@ -67,12 +55,13 @@ ConfigurationSettings loaded(const fs::path& file) {
 
 } // namespace
 
-TEST(ConfigurationSettings, SavesTheSevenKeysInOrderAndReadsEveryListBack) {
+TEST(ConfigurationSettings, SavesTheSevenKeysInOrderAndReadsEveryListBackClean) {
     Site site;
     const fs::path file = writeFullSettings(site);
     ConfigurationSettings settings = loaded(file);
     settings.applications()->setValueForListColumnRow("AppID", 0, std::string("cad"));
     settings.save();
+    EXPECT_FALSE(settings.needsSaving());
     EXPECT_EQ(archiveTopLevelKeys(file),
               (Names{"Work Directory List", "Common Variables", "Unix Variables", "Windows Variables", "Disabled Plugins",
                      "Application List", "Application Overlay List"}));
@@ -83,88 +72,21 @@ TEST(ConfigurationSettings, SavesTheSevenKeysInOrderAndReadsEveryListBack) {
     EXPECT_FALSE(reread.needsSaving());
 }
 
-TEST(ConfigurationSettings, EveryKindOfEditNeedsSavingUntilAWriteSucceeds) {
+TEST(ConfigurationSettings, EveryKindOfEditNeedsSavingAndAFailedWriteKeepsFileAndMark) {
     Site site;
     site.addInternalPlugin("cam");
     const fs::path file = writeFullSettings(site);
-    const std::vector<std::pair<std::string, std::function<void(ConfigurationSettings&)>>> edits{
-        {"disabled plugin", [](ConfigurationSettings& s) { s.disablePlugins()->setValueForListColumnRow("", 0, std::string("false")); }},
-        {"application variable", [](ConfigurationSettings& s) { s.applications()->winVariables(0)->insertRow(-1); }},
-        {"overlay removed", [](ConfigurationSettings& s) { s.removeOverlay("Common", "viewer"); }},
-    };
-    for (const auto& edit : edits) {
-        SCOPED_TRACE(edit.first);
-        writeFullSettings(site);
+    const std::string before = readFile(file);
+    for (const std::function<void(ConfigurationSettings&)>& edit : std::vector<std::function<void(ConfigurationSettings&)>>{
+             [](ConfigurationSettings& s) { s.disablePlugins()->setValueForListColumnRow("", 0, std::string("false")); },
+             [](ConfigurationSettings& s) { s.applications()->winVariables(0)->insertRow(-1); },
+             [](ConfigurationSettings& s) { s.removeOverlay("Common", "viewer"); }}) {
         ConfigurationSettings settings = loaded(file);
-        edit.second(settings);
-        EXPECT_TRUE(settings.needsSaving());
-
-        const std::string before = readFile(file);
+        edit(settings);
         Base::SystemCalls::setWriteFault([](const std::string&) { return EDQUOT; });
         EXPECT_THROW(settings.save(), Base::BaseException);
         Base::SystemCalls::setWriteFault(nullptr);
         EXPECT_EQ(readFile(file), before);
         EXPECT_TRUE(settings.needsSaving());
-        settings.save();
-        EXPECT_FALSE(settings.needsSaving());
     }
-}
-
-TEST(ConfigurationSettings, AFileDamagedHalfWayLoadsTheKeysBeforeTheFaultAndSaysNothing) {
-    Site site;
-    const fs::path file = writeFullSettings(site);
-    ConfigurationSettings settings = loaded(file);
-
-    // Key five holds a number where a list of names belongs.
-    Base::Archiver archive(file);
-    archive.encodeObject(ConfigurationSettings::WorkDirectoryListKey, std::vector<Kym::WorkDirectory>{});
-    archive.encodeObject(ConfigurationSettings::CommonVariablesKey, std::vector<Kym::EnvironmentVariable>{{"NEW", "9"}});
-    archive.encodeObject(ConfigurationSettings::UnixVariablesKey, std::vector<Kym::EnvironmentVariable>{});
-    archive.encodeObject(ConfigurationSettings::WindowsVariablesKey, std::vector<Kym::EnvironmentVariable>{});
-    archive.encode(ConfigurationSettings::DisabledPluginsKey, 5);
-    archive.encodeObject(ConfigurationSettings::ApplicationListKey, std::vector<Kym::ConfigApplication>{});
-    archive.finishEncoding();
-    LogRecorder log;
-    settings.load();
-
-    EXPECT_EQ(log.lines(), Names{});
-    EXPECT_EQ(contents(settings), (Names{"var NEW=9", "disabled cam", "app dept/nx", "overlay Common/viewer:Viewer"}));
-    EXPECT_FALSE(settings.needsSaving());
-
-    ConfigurationSettings missing = loaded(site.root() / "nowhere" / "configSettings.dat");
-    EXPECT_EQ(contents(missing), Names{});
-    EXPECT_FALSE(missing.needsSaving());
-}
-
-TEST(ConfigurationOverlays, OneOverlayPerKeyKeptInPlaceAndALookupStoresNothing) {
-    Site site;
-    ConfigurationSettings settings;
-    settings.setOverlay(overlay("Common", "nx", "first"));
-    settings.setOverlay(overlay("cam Plugin", "nx", "plugin"));
-    settings.setOverlay(overlay("Common", "nx", "second"));
-    EXPECT_TRUE(settings.needsSaving());
-    EXPECT_FALSE(settings.hasOverlay("common", "nx"));
-    EXPECT_EQ(settings.getOverlay("Test", "viewer").appId, "viewer");
-    EXPECT_EQ(contents(settings), (Names{"overlay Common/nx:second", "overlay cam Plugin/nx:plugin"}));
-    settings.removeOverlay("cam Plugin", "nx");
-    settings.removeOverlay("cam Plugin", "nx");
-    EXPECT_EQ(contents(settings), Names{"overlay Common/nx:second"});
-}
-
-TEST(DisablePluginSource, WritingTruncatesTheListAtTheNameItClears) {
-    Site site;
-    for (const char* name : {"a", "b", "c", "d"}) site.addInternalPlugin(name);
-    Names list;
-    DisablePluginSource source(&list);
-    auto write = [&](Names start, int row, const std::string& value) {
-        list = std::move(start);
-        EXPECT_TRUE(source.setValueForListColumnRow("Disabled", row, value));
-        return list;
-    };
-    EXPECT_EQ(write({"a", "b", "c"}, 1, "False"), Names{"a"});
-    EXPECT_EQ(write({"a", "b", "c"}, 2, "true"), (Names{"a", "b"}));
-    EXPECT_EQ(write({"a", "b", "c"}, 3, "true"), (Names{"a", "b", "c", "d"}));
-    EXPECT_EQ(write({"b"}, 0, "TRUE"), (Names{"b", "a"}));
-    EXPECT_EQ(write({"a", "b", "c"}, 0, "yes"), Names{});
-    EXPECT_TRUE(source.isEdited());
 }

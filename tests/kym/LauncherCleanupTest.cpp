@@ -31,32 +31,17 @@ Lines remaining(const fs::path& directory) {
     return names;
 }
 
-Lines sorted(Lines lines) {
-    std::sort(lines.begin(), lines.end());
-    return lines;
-}
-
 // What every cleanup test puts in a temporary directory; the old ones are just over 4 days old.
 void fillWithCandidates(const fs::path& dir) {
-    fileAged(dir / "young.jnl", 3.9);
-    fileAged(dir / "old.jnl", 4.1);
-    fileAged(dir / "old.LOG", 4.1);
-    fileAged(dir / "x.csv", 4.1);
-    fileAged(dir / "x.c", 4.1);
-    fileAged(dir / "x.log.bak", 30);
-    fileAged(dir / "sub" / "inside.log", 30);
+    for (const auto& [name, days] : std::vector<std::pair<std::string, double>>{
+             {"young.jnl", 3.9}, {"old.jnl", 4.1}, {"old.LOG", 4.1}, {"x.csv", 4.1}, {"x.c", 4.1}, {"x.log.bak", 30},
+             {"sub/inside.log", 30}})
+        fileAged(dir / name, days);
     fs::create_directories(dir / "folder.tmp");
     KymTest::setAge(dir / "folder.tmp", 30 * Day);
 }
 
 const Lines leftOfCandidates = {"folder.tmp", "old.LOG", "sub", "sub/inside.log", "x.csv", "x.log.bak", "young.jnl"};
-
-// The library's default is 2 days.
-KymTest::DepartmentProperties afterThreeDays(bool doFileCleanup) {
-    KymTest::DepartmentProperties properties = propertiesWith("", doFileCleanup);
-    properties.cleanupDays = 3;
-    return properties;
-}
 
 // Cleans up in a child process that sees the directory as /tmp; returns the
 // child's exit status, 200 and above when there is no private mount namespace.
@@ -69,10 +54,10 @@ int cleanUpWithPrivateTmp(const fs::path& directory, const Kym::Configuration& c
             ::_exit(200);
         try {
             Kym::Launcher().removeLogFiles(config);
+            ::_exit(0);
         } catch (...) {
             ::_exit(1);
         }
-        ::_exit(0);
     }
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
@@ -87,19 +72,20 @@ TEST(LauncherCleanup, UnderWindowsConventionsTempLosesOldJournalsLogsAndSourcesA
     KymTest::TempDir temp;
     KymTest::ScopedEnv tempVariable("TEMP", temp.path().string());
     fillWithCandidates(temp.path());
-    Kym::Launcher().removeLogFiles(scene.department("Off", afterThreeDays(false)));
+    Kym::Launcher().removeLogFiles(scene.department("Off", propertiesWith("", false, 3)));
     EXPECT_EQ(remaining(temp.path()).size(), leftOfCandidates.size() + 2);
 
-    const Kym::Configuration config = scene.department("On", afterThreeDays(true));
+    const Kym::Configuration config = scene.department("On", propertiesWith("", true, 3));
     KymTest::LogRecorder log({"kym.info"});
     Kym::Launcher().removeLogFiles(config);
 
     EXPECT_EQ(leftOfCandidates, remaining(temp.path()));
+    Lines lines = log.lines("kym.info");
+    std::sort(lines.begin(), lines.end());  // the files come in the order the directory lists them
     const std::string native = Scene::native(temp.path());
-    EXPECT_EQ(sorted({"Removing tmp files greater than 3 days old:",
-                      "  Removing " + native + "\\old.jnl which is 4 days old.",
-                      "  Removing " + native + "\\x.c which is 4 days old."}),
-              sorted(log.lines("kym.info")));
+    EXPECT_EQ((Lines{"  Removing " + native + "\\old.jnl which is 4 days old.",
+                     "  Removing " + native + "\\x.c which is 4 days old.", "Removing tmp files greater than 3 days old:"}),
+              lines);
 }
 
 TEST(LauncherCleanup, UnderPosixConventionsTmpAndTmpdirLoseOnlyTheUsersOwnOldFiles) {
@@ -113,7 +99,7 @@ TEST(LauncherCleanup, UnderPosixConventionsTmpAndTmpdirLoseOnlyTheUsersOwnOldFil
     ASSERT_NE(nullptr, nobody);
     ASSERT_EQ(0, ::chown(others.c_str(), nobody->pw_uid, static_cast<gid_t>(-1)));
     KymTest::setAge(others, 30 * Day);
-    const Kym::Configuration config = scene.department("Design", afterThreeDays(true));
+    const Kym::Configuration config = scene.department("Design", propertiesWith("", true, 3));
     KymTest::ScopedEnv tmpdir("TMPDIR", std::string("/tmp/user"));
 
     const int status = cleanUpWithPrivateTmp(tmp, config);
@@ -122,5 +108,5 @@ TEST(LauncherCleanup, UnderPosixConventionsTmpAndTmpdirLoseOnlyTheUsersOwnOldFil
     EXPECT_EQ(0, status);
     Lines expected{"others.jnl", "user"};
     for (const std::string& name : leftOfCandidates) expected.push_back("user/" + name);
-    EXPECT_EQ(sorted(expected), remaining(tmp));
+    EXPECT_EQ(expected, remaining(tmp));
 }

@@ -1,6 +1,4 @@
-// A scene for the launcher's tests: the whole process environment replaced
-// by a known one, a real site and departments made on disk, under the launch
-// conventions asked for.
+// A scene for the launcher's tests: a known process environment, a real site and departments on disk, conventions set.
 #pragma once
 
 #include "support/Site.h"
@@ -33,22 +31,14 @@ public:
     }
     ~ProcessEnvironment() {
         ::clearenv();
-        for (const std::string& entry : mSaved) {
-            const auto equals = entry.find('=');
-            if (equals != std::string::npos && equals > 0)
+        for (const std::string& entry : mSaved)
+            if (const auto equals = entry.find('='); equals != std::string::npos && equals > 0)
                 ::setenv(entry.substr(0, equals).c_str(), entry.substr(equals + 1).c_str(), 1);
-        }
     }
-    ProcessEnvironment(const ProcessEnvironment&) = delete;
-    ProcessEnvironment& operator=(const ProcessEnvironment&) = delete;
 
 private:
     std::vector<std::string> mSaved;
 };
-
-inline Kym::EnvironmentVariable var(const std::string& name, const std::string& value) {
-    return Kym::EnvironmentVariable(name, value);
-}
 
 // The site's CAD install path; the registry is not asked.
 inline KymTest::SiteFile siteFile(const std::string& installPath,
@@ -83,15 +73,15 @@ public:
 };
 
 inline KymTest::DepartmentSettings settingsWith(const std::vector<Kym::EnvironmentVariable>& commonVariables) {
-    KymTest::DepartmentSettings settings;
-    settings.layer.commonVariables = commonVariables;
-    return settings;
+    return {{}, {commonVariables, {}, {}, {}}, {}, {}};
 }
 
-inline KymTest::DepartmentProperties propertiesWith(const std::string& commonDepartment, bool doFileCleanup = false) {
+inline KymTest::DepartmentProperties propertiesWith(const std::string& commonDepartment, bool doFileCleanup = false,
+                                                   std::uint32_t cleanupDays = 2) {
     KymTest::DepartmentProperties properties;
     properties.commonDepartment = commonDepartment;
     properties.doFileCleanup = doFileCleanup;
+    properties.cleanupDays = cleanupDays;
     return properties;
 }
 

@@ -2,7 +2,6 @@
 #include "kym/PluginsManager.h"
 
 #include "support/Site.h"
-#include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -21,10 +20,7 @@ Names applicationTexts(const std::vector<Kym::ConfigApplication>& applications) 
 }
 
 Layer plugin(const std::string& application, const std::vector<Kym::EnvironmentVariable>& variables) {
-    Layer layer;
-    layer.commonVariables = variables;
-    layer.applications = {makeApplication(application, application)};
-    return layer;
+    return Layer{variables, {}, {}, {makeApplication(application, application)}};
 }
 
 // Internal plugins cam (Development), lower ("site-wide") and pdm
@@ -43,9 +39,7 @@ struct PluginsForConfiguration : ::testing::Test {
     Configuration department(const std::string& name, const std::string& type, const Names& disabled = {}) const {
         DepartmentProperties properties;
         properties.type = type;
-        DepartmentSettings settings;
-        settings.disabledPlugins = disabled;
-        settings.layer = plugin("own_app", {{"OWN", "1"}});
+        const DepartmentSettings settings{{}, plugin("own_app", {{"OWN", "1"}}), disabled, {}};
         return Configuration(site.addUpdatedDepartment(name, properties, settings), true);
     }
     Site site;

@@ -61,7 +61,6 @@ Site::Site(Departments departments) : mInstallPath(mRoot / "kym") {
     switch (departments) {
     case Departments::Sibling: mDepartmentsPath = root() / "ugsite"; break;
     case Departments::Variable: mDepartmentsPath = root() / "local" / "departments"; break;
-    case Departments::Fallback: mDepartmentsPath = mInstallPath / "fb_ugsite"; break;
     case Departments::None: break;
     }
     if (!mDepartmentsPath.empty()) fs::create_directories(mDepartmentsPath);

@@ -29,7 +29,6 @@ namespace KymTest {
 enum class Departments {
     Sibling,   // <root>/ugsite beside the installation; KYM_UGSITE_DIR unset
     Variable,  // <root>/local/departments, named by KYM_UGSITE_DIR
-    Fallback,  // <installation>/fb_ugsite; KYM_UGSITE_DIR unset
     None,      // none at all; KYM_UGSITE_DIR unset
 };
 
