@@ -89,23 +89,6 @@ std::vector<char> environmentBlock(const std::map<std::string, std::string>& env
     return block;
 }
 
-// What the middle process is given and hands back, in memory it shares with us.
-struct Spawn {
-    const char* program;
-    const posix_spawn_file_actions_t* actions;
-    const posix_spawnattr_t* attributes;
-    char* const* argv;
-    char* const* envp;
-    pid_t pid = 0;
-    int error = 0;
-};
-
-int spawnFromMiddle(void* data) {
-    Spawn& spawn = *static_cast<Spawn*>(data);
-    spawn.error = ::posix_spawn(&spawn.pid, spawn.program, spawn.actions, spawn.attributes, spawn.argv, spawn.envp);
-    return 0;
-}
-
 } // namespace
 
 long Task::launch() {
