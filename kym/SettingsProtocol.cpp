@@ -121,49 +121,35 @@ SettingsProtocol::SettingsProtocol()
       mUnixVariablesSource(&mUnixVariables),
       mWinVariablesSource(&mWinVariables) {}
 
-// The table models keep their edited flags but show this object's lists.
-SettingsProtocol::SettingsProtocol(const SettingsProtocol& other)
-    : mCommonVariables(other.mCommonVariables),
-      mUnixVariables(other.mUnixVariables),
-      mWinVariables(other.mWinVariables),
-      mCommonVariablesSource(other.mCommonVariablesSource),
-      mUnixVariablesSource(other.mUnixVariablesSource),
-      mWinVariablesSource(other.mWinVariablesSource) {
-    mCommonVariablesSource.setList(&mCommonVariables);
-    mUnixVariablesSource.setList(&mUnixVariables);
-    mWinVariablesSource.setList(&mWinVariables);
+// The table models keep showing this object's lists and take the other's edited marks.
+SettingsProtocol::SettingsProtocol(const SettingsProtocol& other) : SettingsProtocol() {
+    *this = other;
+}
+
+SettingsProtocol::SettingsProtocol(SettingsProtocol&& other) noexcept : SettingsProtocol() {
+    *this = std::move(other);
 }
 
 SettingsProtocol& SettingsProtocol::operator=(const SettingsProtocol& other) {
     mCommonVariables = other.mCommonVariables;
     mUnixVariables = other.mUnixVariables;
     mWinVariables = other.mWinVariables;
-    mCommonVariablesSource.setEdited(other.mCommonVariablesSource.isEdited());
-    mUnixVariablesSource.setEdited(other.mUnixVariablesSource.isEdited());
-    mWinVariablesSource.setEdited(other.mWinVariablesSource.isEdited());
+    takeEditedMarks(other);
     return *this;
-}
-
-SettingsProtocol::SettingsProtocol(SettingsProtocol&& other) noexcept
-    : mCommonVariables(std::move(other.mCommonVariables)),
-      mUnixVariables(std::move(other.mUnixVariables)),
-      mWinVariables(std::move(other.mWinVariables)),
-      mCommonVariablesSource(other.mCommonVariablesSource),
-      mUnixVariablesSource(other.mUnixVariablesSource),
-      mWinVariablesSource(other.mWinVariablesSource) {
-    mCommonVariablesSource.setList(&mCommonVariables);
-    mUnixVariablesSource.setList(&mUnixVariables);
-    mWinVariablesSource.setList(&mWinVariables);
 }
 
 SettingsProtocol& SettingsProtocol::operator=(SettingsProtocol&& other) noexcept {
     mCommonVariables = std::move(other.mCommonVariables);
     mUnixVariables = std::move(other.mUnixVariables);
     mWinVariables = std::move(other.mWinVariables);
+    takeEditedMarks(other);
+    return *this;
+}
+
+void SettingsProtocol::takeEditedMarks(const SettingsProtocol& other) {
     mCommonVariablesSource.setEdited(other.mCommonVariablesSource.isEdited());
     mUnixVariablesSource.setEdited(other.mUnixVariablesSource.isEdited());
     mWinVariablesSource.setEdited(other.mWinVariablesSource.isEdited());
-    return *this;
 }
 
 SettingsProtocol::~SettingsProtocol() = default;

@@ -71,6 +71,9 @@ protected:
     EnvVariableListSource mCommonVariablesSource;
     EnvVariableListSource mUnixVariablesSource;
     EnvVariableListSource mWinVariablesSource;
+
+private:
+    void takeEditedMarks(const SettingsProtocol& other);
 };
 
 } // namespace Kym

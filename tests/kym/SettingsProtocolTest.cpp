@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -133,4 +134,22 @@ TEST(LayeredMerge, ALargeLayerMergesLikeOneVariableAfterTheOther) {
     for (const auto& v : layer.unixVariableList()) referenceMerge(v, expected);
     layer.mergeUserEnvVariables(actual);
     EXPECT_EQ(entries(expected), entries(actual));
+}
+
+TEST(SettingsProtocol, CopiesAndMovesShowTheirOwnListsAndKeepTheEditedMarks) {
+    auto original = std::make_unique<Layer>();
+    original->add(original->unixVariables(), "U", "1");
+    Layer copy(*original);
+    Layer moved(std::move(*original));
+    original.reset();
+    for (Layer* layer : {&copy, &moved}) {
+        EXPECT_TRUE(layer->variableListsEdited());
+        layer->unixVariables()->setValueForListColumnRow("Value", 0, std::string(layer == &copy ? "c" : "m"));
+    }
+    EXPECT_EQ("c", copy.unixVariableList()[0].value);
+    EXPECT_EQ("m", moved.unixVariableList()[0].value);
+    Layer assigned;
+    assigned = std::move(moved);
+    assigned.unixVariables()->insertRow(-1);
+    EXPECT_EQ(2u, assigned.unixVariableList().size());
 }
