@@ -129,3 +129,18 @@ TEST(LauncherEnvironment, ExpansionErrorNamesTheVariableAndACycleTheFirstVariabl
     EXPECT_EQ("Error expanding variable 'CYCLE_A'.\nReference cycle: CYCLE_B -> CYCLE_A -> CYCLE_B",
               KymTest::thrownMessage([&] { Kym::Launcher().buildEnvVarMap(config, nullptr, application("x"), env); }));
 }
+
+TEST(LauncherEnvironment, SymbolLibraryComesFromTheDepartmentThenTheCommonDepartmentThenTheInstallation) {
+    Scene scene(Platform::Windows);
+    const Kym::Configuration config = scene.department("Design", propertiesWith("Shared"));
+    const Kym::Configuration shared = scene.department("Shared");
+    const auto symbolDirectory = [&] {
+        const Environment env = build(config, nullptr, application("x"));
+        return env.count("UGII_SYMBOL_LIBRARY_DIR") ? env.at("UGII_SYMBOL_LIBRARY_DIR") : "(none)";
+    };
+    EXPECT_EQ("(none)", symbolDirectory());
+    for (const fs::path& directory : {scene.site.installPath(), shared.versionPath(), config.versionPath()}) {
+        KymTest::writeFile(directory / "symbol" / "symbol_library.txt", "");
+        EXPECT_EQ(Scene::native(directory / "symbol"), symbolDirectory());
+    }
+}
