@@ -84,20 +84,35 @@ std::size_t appendUnescaped(std::string_view raw, std::string& out, std::string&
     return std::string_view::npos;
 }
 
-// The text of a checked element: a view of the document's own text when it
-// needs no decoding, otherwise decoded into scratch.
-std::string_view textOf(pugi::xml_node element, std::string& scratch) {
+// The character content of an element: a view of the document's own text
+// when it needs no decoding, otherwise decoded into scratch. What a checked
+// document cannot hold goes to fault(node, raw text, offset, reason): an
+// element inside the text (offset npos) or a reference that cannot be decoded.
+template <class Fault>
+std::string_view decodedText(pugi::xml_node element, std::string& scratch, const Fault& fault) {
     pugi::xml_node child = element.first_child();
     if (!child) return {};
     if (!child.next_sibling() && child.type() == pugi::node_pcdata && !std::strchr(child.value(), '&'))
         return child.value();
     scratch.clear();
-    std::string unused;
     for (; child; child = child.next_sibling()) {
-        if (child.type() == pugi::node_pcdata) appendUnescaped(child.value(), scratch, unused);
-        else if (child.type() == pugi::node_cdata) scratch += child.value();
+        if (child.type() == pugi::node_element) {
+            fault(child, std::string_view(), std::string_view::npos, std::string());
+        } else if (child.type() == pugi::node_cdata) {
+            scratch += child.value();
+        } else if (child.type() == pugi::node_pcdata) {
+            std::string reason;
+            const std::string_view raw = child.value();
+            const std::size_t at = appendUnescaped(raw, scratch, reason);
+            if (at != std::string_view::npos) fault(child, raw, at, reason);
+        }
     }
     return scratch;
+}
+
+// The text of an element of a checked document.
+std::string_view textOf(pugi::xml_node element, std::string& scratch) {
+    return decodedText(element, scratch, [](pugi::xml_node, std::string_view, std::size_t, const std::string&) {});
 }
 
 enum class NumberStatus { Ok, Invalid, OutOfRange };
@@ -289,26 +304,10 @@ private:
             if (std::strcmp(name, "string") == 0) return static_cast<void>(text(element, scratch));
             break;
         case 'i':
-            if (std::strcmp(name, "integer") == 0) {
-                const std::string_view number = trimXmlSpace(text(element, scratch));
-                std::variant<std::int64_t, std::uint64_t> unused;
-                NumberStatus status = parseInteger(number, unused);
-                if (status == NumberStatus::Invalid) fail(element, "invalid integer '" + std::string(number) + "'");
-                if (status == NumberStatus::OutOfRange)
-                    fail(element, "integer out of range '" + std::string(number) + "'");
-                return;
-            }
+            if (std::strcmp(name, "integer") == 0) return number(element, "integer", parseInteger);
             break;
         case 'r':
-            if (std::strcmp(name, "real") == 0) {
-                const std::string_view number = trimXmlSpace(text(element, scratch));
-                double unused = 0;
-                NumberStatus status = parseReal(number, unused);
-                if (status == NumberStatus::Invalid) fail(element, "invalid real '" + std::string(number) + "'");
-                if (status == NumberStatus::OutOfRange)
-                    fail(element, "real out of range '" + std::string(number) + "'");
-                return;
-            }
+            if (std::strcmp(name, "real") == 0) return number(element, "real", parseReal);
             break;
         case 't':
         case 'f':
@@ -396,26 +395,26 @@ private:
 
     // The character content of an element that may hold no element.
     std::string_view text(pugi::xml_node element, std::string& scratch) const {
-        pugi::xml_node child = element.first_child();
-        if (!child) return {};
-        if (!child.next_sibling() && child.type() == pugi::node_pcdata) {
-            const char* raw = child.value();
-            if (!std::strchr(raw, '&')) return raw;
-        }
-        scratch.clear();
-        for (; child; child = child.next_sibling()) {
-            if (child.type() == pugi::node_element)
-                fail(child, "unexpected element " + elementName(child) + " in " + elementName(element));
-            if (child.type() == pugi::node_cdata) {
-                scratch += child.value();
-            } else if (child.type() == pugi::node_pcdata) {
-                std::string reason;
-                const std::string_view raw = child.value();
-                std::size_t at = appendUnescaped(raw, scratch, reason);
-                if (at != std::string_view::npos) failInText(child, raw, at, reason);
-            }
-        }
-        return scratch;
+        return decodedText(element, scratch,
+                           [&](pugi::xml_node node, std::string_view raw, std::size_t at, const std::string& reason) {
+                               if (at == std::string_view::npos)
+                                   fail(node, "unexpected element " + elementName(node) + " in " +
+                                                  elementName(element));
+                               failInText(node, raw, at, reason);
+                           });
+    }
+
+    // An <integer> or <real> whose text parse reads as a number of its range.
+    template <class Number>
+    void number(pugi::xml_node element, const char* kind, NumberStatus (*parse)(std::string_view, Number&)) const {
+        std::string scratch;
+        const std::string_view text = trimXmlSpace(this->text(element, scratch));
+        Number unused{};
+        const NumberStatus status = parse(text, unused);
+        if (status == NumberStatus::Invalid)
+            fail(element, std::string("invalid ") + kind + " '" + std::string(text) + "'");
+        if (status == NumberStatus::OutOfRange)
+            fail(element, std::string(kind) + " out of range '" + std::string(text) + "'");
     }
 
     const std::string& mText;
