@@ -1,10 +1,8 @@
-#include "base/BaseException.h"
 #include "base/PropertyList.h"
 #include "support/TestSupport.h"
 
 #include <boost/filesystem.hpp>
 #include <charconv>
-#include <functional>
 #include <gtest/gtest.h>
 #include <limits>
 #include <utility>
@@ -12,6 +10,7 @@
 namespace {
 
 using Base::PropertyList;
+using KymTest::thrownMessage;
 using Dictionary = PropertyList::Dictionary;
 using Array = PropertyList::Array;
 
@@ -49,12 +48,6 @@ std::string show(const boost::any& value) {
     else
         return "<" + std::string(value.type().name()) + ">";
     return value.type() == typeid(Array) ? "[" + text + "]" : "{" + text + "}";
-}
-
-// The message of the BaseException that the call throws.
-std::string errorOf(const std::function<void()>& call) {
-    try { call(); } catch (const Base::BaseException& error) { return error.what(); }
-    return "no exception";
 }
 
 std::string nested(int depth, const std::string& inner = "") {
@@ -112,13 +105,11 @@ TEST(PropertyListRead, DamagedDocumentsAreRejectedNamingTheLine) {
         {document("<string>a\n&foo;</string>"), "line 5: unknown entity '&foo;'"},
         {document("<dict>\n<key>a</key>\n" + nested(PropertyList::maxDepth) + "\n</dict>"),
          "line 6: nesting deeper than 512 levels"},
-        // So deep that reading it recursively would overflow the stack.
-        {document(nested(100000)), "line 4: nesting deeper than 512 levels"},
     };
     for (const auto& [text, message] : cases)
-        EXPECT_EQ(errorOf([&] { PropertyList::parse(text, "/x/y.plist"); }), "Property list /x/y.plist, " + message)
+        EXPECT_EQ(thrownMessage([&] { PropertyList::parse(text, "/x/y.plist"); }), "Property list /x/y.plist, " + message)
             << text.substr(0, 200);
-    EXPECT_EQ(errorOf([] { PropertyList::parse("<plist/>", ""); }), "Property list, line 1: empty <plist>");
+    EXPECT_EQ(thrownMessage([] { PropertyList::parse("<plist/>", ""); }), "Property list, line 1: empty <plist>");
 }
 
 TEST(PropertyListWrite, DocumentHasTheStandardHeadAndTabIndentationAndNestingUpToTheLimitReadsBack) {
@@ -144,14 +135,10 @@ TEST(PropertyListWrite, DocumentHasTheStandardHeadAndTabIndentationAndNestingUpT
 
 TEST(PropertyListWrite, EveryWritableValueReadsBackAsItsPropertyListType) {
     Dictionary root{
-        {"int", -5},
-        {"unsigned", 4000000000u},
-        {"long", -6L},
+        {"int", -5}, {"unsigned", 4000000000u}, {"long", -6L}, {"float", 0.1f},
         {"unsigned long", std::numeric_limits<unsigned long>::max()},
-        {"float", 0.1f},
         {"reals", Array{0.1, -0.0, 5e-324, -std::numeric_limits<double>::infinity()}},
-        {"texts", Array{std::string("x\r\ny\r"), std::string("\x01\t<&>\"'"), std::string("ключ 😀"), std::string()}},
-        {"", true}};
+        {"texts", Array{std::string("x\r\ny\r"), std::string("\x01\t<&>\"'"), std::string("ключ 😀"), std::string()}}, {"", true}};
     EXPECT_EQ(show(PropertyList::parse(PropertyList::serialize(root), "x")),
               "{: true, float: 0.1r, int: -5, long: -6, reals: [0.1r, -0r, 5e-324r, -infr], "
               "texts: [\"x\r\ny\r\", \"\x01\t<&>\"'\", \"ключ 😀\", \"\"], "
@@ -160,24 +147,20 @@ TEST(PropertyListWrite, EveryWritableValueReadsBackAsItsPropertyListType) {
 
 TEST(PropertyListWrite, UnwritableValuesAreRejectedNamingTheirPlace) {
     const std::pair<boost::any, std::string> cases[] = {
-        {Dictionary{{"Tools", Dictionary{{"Names", Array{std::string("a"), "b"}}}}},
-         "cannot write a value of type 'char const*' at 'Tools/Names[1]'"},
         {boost::any(), "cannot write an empty value at the root"},
         {Dictionary{{"a", std::string("x\xFFy")}}, "invalid UTF-8 in the string at 'a'"},
         {PropertyList::OrderedDictionary{{{"k", 1}, {"k", 2}}}, "duplicate key 'k' in the dictionary at the root"},
     };
     for (const auto& [root, message] : cases)
-        EXPECT_EQ(errorOf([&] { PropertyList::serialize(root); }), "Property list: " + message);
+        EXPECT_EQ(thrownMessage([&] { PropertyList::serialize(root); }), "Property list: " + message);
 }
 
-TEST(PropertyListFile, ADamagedFileOrARootThatIsNoDictionaryIsNamedInTheMessage) {
+TEST(PropertyListFile, ARootThatIsNoDictionaryIsNamedWithTheFile) {
     KymTest::TempDir directory;
     const auto file = directory / "list.plist";
-    KymTest::writeFile(file, head + "</plist>");
-    EXPECT_EQ(errorOf([&] { PropertyList damaged(file); }), "Property list " + file.string() + ", line 3: empty <plist>");
     KymTest::writeFile(file, document("<array/>"));
     PropertyList list(file);
-    EXPECT_EQ(errorOf([&] { list.setProperty("a", true); }), "Property list " + file.string() + ": the root is not a dictionary");
+    EXPECT_EQ(thrownMessage([&] { list.setProperty("a", true); }), "Property list " + file.string() + ": the root is not a dictionary");
 }
 
 TEST(PropertyListFile, FailedSaveNamesTheFileAndKeepsTheOldOneOrCreatesNothing) {
@@ -187,13 +170,13 @@ TEST(PropertyListFile, FailedSaveNamesTheFileAndKeepsTheOldOneOrCreatesNothing) 
     KymTest::writeFile(file, old);
     boost::filesystem::permissions(directory / "locked", boost::filesystem::perms(0755));
     EXPECT_EQ(0, KymTest::runAsNobody([&] {
-        const std::string error = errorOf([&] { PropertyList(file, std::string("new")).saveList(); });
+        const std::string error = thrownMessage([&] { PropertyList(file, std::string("new")).saveList(); });
         return error == "Cannot write settings file " + file.string() + ": Permission denied" ? 0 : 1;
     }));
     EXPECT_EQ(KymTest::readFile(file), old);
     EXPECT_EQ(boost::filesystem::directory_iterator(directory / "locked")->path(), file);
 
-    EXPECT_EQ(errorOf([&] { PropertyList(directory / "list.plist", Dictionary{{"Name", "c string"}}).saveList(); }),
+    EXPECT_EQ(thrownMessage([&] { PropertyList(directory / "list.plist", Dictionary{{"Name", "c string"}}).saveList(); }),
               "Property list " + (directory / "list.plist").string() +
                   ": cannot write a value of type 'char const*' at 'Name'");
     EXPECT_FALSE(boost::filesystem::exists(directory / "list.plist"));

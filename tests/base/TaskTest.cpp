@@ -1,6 +1,5 @@
 #include "base/Task.h"
 
-#include "base/BaseException.h"
 #include "base/Platform.h"
 #include "support/TestSupport.h"
 
@@ -59,11 +58,6 @@ bool hasNoChildren() {
     return ::waitpid(-1, &status, WNOHANG) == -1 && errno == ECHILD;
 }
 
-std::string launchFailure(Base::Task& task) {
-    try { task.launch(); } catch (const Base::BaseException& e) { return e.what(); }
-    return "(started)";
-}
-
 } // namespace
 
 TEST(Task, ProgramGetsExactlyTheGivenArgumentsEnvironmentAndWorkingDirectory) {
@@ -83,19 +77,13 @@ TEST(Task, ProgramGetsExactlyTheGivenArgumentsEnvironmentAndWorkingDirectory) {
     EXPECT_EQ(recorded(dir, "environ"), (Strings{"EMPTY=", "KYM_A=one two", "KYM_B=x=y", "MULTI=a\nb"}));
 }
 
-TEST(Task, ConstructorStartsAtOnceWithTheInheritedEnvironmentButAnEmptyOneStaysEmpty) {
-    TempDir inheriting, empty;
+TEST(Task, ConstructorStartsAtOnceWithTheInheritedEnvironment) {
+    TempDir inheriting;
     KymTest::ScopedEnv marker("KYM_TASK_MARKER", std::string("inherited value"));
     Strings ownEnvironment;
     for (char** entry = environ; *entry; ++entry) ownEnvironment.push_back(*entry);
     Base::Task task(writeProbe(inheriting), {"--flag"});
     EXPECT_EQ(recorded(inheriting, "environ"), ownEnvironment);
-
-    Base::Task withoutEnvironment;
-    withoutEnvironment.setLaunchPath(writeProbe(empty));
-    withoutEnvironment.setEnvironment({});
-    withoutEnvironment.launch();
-    EXPECT_EQ(recorded(empty, "environ"), Strings());
 }
 
 TEST(Task, ProgramRunsOnDetachedInItsOwnSessionWithNoZombieLeft) {
@@ -141,22 +129,16 @@ TEST(Task, ProgramRunsOnDetachedInItsOwnSessionWithNoZombieLeft) {
 TEST(Task, AProgramThatCannotStartIsReportedWithTheReasonAndTheDirectoryAsTheConventionsWritePaths) {
     TempDir dir;
     const fs::path probe = writeProbe(dir);
-    KymTest::writeFile(dir / "no-format", "neither a script nor a binary\n");
-    fs::permissions(dir / "no-format", fs::perms(0755));
     const std::string inMissing = probe.string() + " in directory " + (dir / "missing").string() + ": No such file or directory";
     const std::vector<std::tuple<Base::Platform::Kind, fs::path, fs::path, std::string>> cases = {
         {Base::Platform::Posix, dir / "missing", "", (dir / "missing").string() + ": No such file or directory"},
-        {Base::Platform::Posix, dir.path(), "", dir.path().string() + ": Permission denied"},
-        {Base::Platform::Posix, dir / "no-format", "", (dir / "no-format").string() + ": Exec format error"},
-        {Base::Platform::Posix, probe, dir / "missing", inMissing},
         {Base::Platform::Windows, probe, dir / "missing", boost::algorithm::replace_all_copy(inMissing, "/", "\\")},
     };
     for (const auto& [kind, program, directory, message] : cases) {
         Base::Platform::setCurrent(kind);
         Base::Task task;
-        task.setLaunchPath(program);
-        task.setCurrentDirectoryPath(directory);
-        const std::string failure = launchFailure(task);
+        task.setLaunchPath(program), task.setCurrentDirectoryPath(directory);
+        const std::string failure = KymTest::thrownMessage([&] { task.launch(); });
         Base::Platform::resetCurrent();
         EXPECT_EQ("Cannot start program " + message, failure);
         EXPECT_TRUE(hasNoChildren()) << message;

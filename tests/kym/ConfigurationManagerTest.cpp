@@ -4,7 +4,6 @@
 
 #include "support/Site.h"
 
-
 #include <gtest/gtest.h>
 #include <array>
 
@@ -27,12 +26,6 @@ template <class Range>
 Names names(const Range& configurations) {
     Names result;
     for (const Configuration& config : configurations) result.push_back(config.name());
-    return result;
-}
-
-DepartmentProperties properties(const std::string& description, const std::string& type) {
-    DepartmentProperties result;
-    result.description = description, result.type = type;
     return result;
 }
 
@@ -76,8 +69,8 @@ TEST_F(Manager, ListsUpdatedDepartmentsOfAFullyMatchingTypeByDescription) {
     for (const auto& [name, description, type] : std::vector<std::array<std::string, 3>>{
              {"a", "Gamma", "Production"}, {"b", "Alpha", "Production"}, {"c", "Beta", "Development"},
              {"common", "Beta", "Common"}})
-        site.addUpdatedDepartment(name, properties(description, type));
-    site.addDepartment("n", properties("Aardvark", "Production"));
+        site.addUpdatedDepartment(name, DepartmentProperties{description, type, "", true, 2});
+    site.addDepartment("n", DepartmentProperties{"Aardvark", "Production", "", true, 2});
     ConfigurationManager manager;
 
     EXPECT_EQ(rows(manager), (Names{"a", "b", "c", "common", "n"}));

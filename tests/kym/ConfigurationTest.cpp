@@ -48,10 +48,8 @@ TEST_F(ConfigurationProperties, LoadKeepsTheDefaultsOfMissingKeysAndSaveDropsACo
     Configuration created(department("new"), false);
     EXPECT_TRUE(created.needsSaving());
     fs::create_directories(created.path());
-    created.description = "Body design";
-    created.type = "Development";
-    created.commonDepartment = "My Common";
-    created.cleanupDays = 14;
+    created.description = "Body design", created.type = "Development";
+    created.commonDepartment = "My Common", created.cleanupDays = 14;
     created.settings()->setNeedsSaving(true);
     created.save();
     EXPECT_EQ(properties(Configuration(created.path(), true)), "new|Body design|Development||1|14");

@@ -23,8 +23,7 @@ using Lines = std::vector<std::string>;
 EnvironmentVariable variable(const std::string& name, const std::string& value, const std::string& comment = "",
                              Kym::PlatformType type = Kym::AllPlatforms) {
     EnvironmentVariable result(name, type);
-    result.value = value;
-    result.comment = comment;
+    result.value = value, result.comment = comment;
     return result;
 }
 
@@ -49,24 +48,6 @@ struct Layer : SettingsProtocol {
     }
 };
 
-} // namespace
-
-TEST(LayeredMerge, OnlyTheFirstEntryOfTheSameNameChangesAndKeepsItsPlaceNameAndType) {
-    EXPECT_EQ((Lines{"A=1;3|second|1", "B=2||0"}),
-              merged(variable("A", "$A;3", "second", Kym::WindowsPlatform),
-                     {variable("A", "1", "first", Kym::UnixPlatform), variable("B", "2")}));
-    EXPECT_EQ((Lines{"Path=a||0", "PATH=b;d||0", "PATH=c||0"}),
-              merged(variable("PATH", "$PATH;d"), {variable("Path", "a"), variable("PATH", "b"), variable("PATH", "c")}));
-}
-
-TEST(ReplacementMerge, ReplacesTheWholeRecordWithoutSubstitution) {
-    Variables list{variable("ROOT", "C:\\old", "old", Kym::UnixPlatform), variable("B", "2")};
-    SettingsProtocol::replaceVariable(variable("ROOT", "$ROOT\\new", "", Kym::WindowsPlatform), list);
-    EXPECT_EQ((Lines{"ROOT=$ROOT\\new||2", "B=2||0"}), entries(list));
-}
-
-namespace {
-
 // The merge rule exactly as stated: the first element of that name, its value
 // with backslashes doubled as the replacement of \$NAME|\$\{NAME\}.
 void referenceMerge(const EnvironmentVariable& later, Variables& list) {
@@ -85,15 +66,25 @@ void referenceMerge(const EnvironmentVariable& later, Variables& list) {
 // The entries after the merge, or the exception's type.
 template <class Merge>
 Lines outcome(Merge merge, Variables list) {
-    try {
-        merge(list);
-    } catch (const boost::regex_error&) {
-        return {"(regex_error)"};
-    }
+    try { merge(list); } catch (const boost::regex_error&) { return {"(regex_error)"}; }
     return entries(list);
 }
 
 } // namespace
+
+TEST(LayeredMerge, OnlyTheFirstEntryOfTheSameNameChangesAndKeepsItsPlaceNameAndType) {
+    EXPECT_EQ((Lines{"A=1;3|second|1", "B=2||0"}),
+              merged(variable("A", "$A;3", "second", Kym::WindowsPlatform),
+                     {variable("A", "1", "first", Kym::UnixPlatform), variable("B", "2")}));
+    EXPECT_EQ((Lines{"Path=a||0", "PATH=b;d||0", "PATH=c||0"}),
+              merged(variable("PATH", "$PATH;d"), {variable("Path", "a"), variable("PATH", "b"), variable("PATH", "c")}));
+}
+
+TEST(ReplacementMerge, ReplacesTheWholeRecordWithoutSubstitution) {
+    Variables list{variable("ROOT", "C:\\old", "old", Kym::UnixPlatform), variable("B", "2")};
+    SettingsProtocol::replaceVariable(variable("ROOT", "$ROOT\\new", "", Kym::WindowsPlatform), list);
+    EXPECT_EQ((Lines{"ROOT=$ROOT\\new||2", "B=2||0"}), entries(list));
+}
 
 TEST(LayeredMerge, GivesWhatThePatternSubstitutionGivesForEveryKindOfNameAndValue) {
     const std::vector<std::string> names = {"P", "PATH", "A1_b", "X86", "A.B", "A|B", "A+", "A("};
@@ -130,8 +121,8 @@ TEST(LayeredMerge, ALargeLayerMergesLikeOneVariableAfterTheOther) {
     for (const std::string name : {"A", "N", "A", "N", "B", "C", "D"}) layer.add(layer.commonVariables(), name, "$" + name + ";x");
     layer.add(layer.unixVariables(), "N", "${N}\\u");
     Variables expected{variable("A", "1"), variable("B", "b\\"), variable("A", "2")}, actual = expected;
-    for (const auto& v : layer.commonVariableList()) referenceMerge(v, expected);
-    for (const auto& v : layer.unixVariableList()) referenceMerge(v, expected);
+    for (const Variables& list : {layer.commonVariableList(), layer.unixVariableList()})
+        for (const auto& v : list) referenceMerge(v, expected);
     layer.mergeUserEnvVariables(actual);
     EXPECT_EQ(entries(expected), entries(actual));
 }

@@ -34,29 +34,16 @@ std::vector<std::string> archiveTopLevelKeys(const fs::path& file) {
     return keys;
 }
 
-std::string thrownMessage(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::exception& failure) {
-        return failure.what();
-    }
-    return "(nothing thrown)";
-}
-
 Kym::ConfigApplication makeApplication(const std::string& appId, const std::string& program,
                                        const std::string& description) {
     Kym::ConfigApplication application;
-    application.appId = appId;
-    application.program = program;
-    application.description = description;
+    application.appId = appId, application.program = program, application.description = description;
     return application;
 }
 
 Site::Site(Departments departments) : mInstallPath(mRoot / "kym") {
-    fs::create_directories(configPath());
-    fs::create_directories(pluginsPath());
-    fs::create_directories(dataInstallPath());
-    fs::create_directories(applicationDataFolder());
+    for (const fs::path& directory : {configPath(), pluginsPath(), dataInstallPath(), applicationDataFolder()})
+        fs::create_directories(directory);
 
     switch (departments) {
     case Departments::Sibling: mDepartmentsPath = root() / "ugsite"; break;
@@ -71,8 +58,6 @@ Site::Site(Departments departments) : mInstallPath(mRoot / "kym") {
         departments == Departments::Variable ? std::optional<std::string>(mDepartmentsPath.string()) : std::nullopt));
     mEnvironment.push_back(std::make_unique<ScopedEnv>("XDG_CONFIG_HOME", applicationDataFolder().string()));
 }
-
-Site::~Site() = default;
 
 fs::path Site::siteSettingsFile(const std::string& suffix) const {
     return mDepartmentsPath / ("site_settings" + suffix + ".dat");
@@ -135,7 +120,7 @@ fs::path Site::addInternalPlugin(const std::string& name, const std::string& typ
 }
 
 void Site::writeReleaseNames() const {
-    writeSystemInfo({{"CadVersionDirectory", CurrentRelease}, {"PreviousCadVersionDirectory", PreviousRelease}});
+    writeSystemInfo({{"CadVersionDirectory", "nx4"}, {"PreviousCadVersionDirectory", "nx3"}});
 }
 
 void Site::writeVersionFiles(const std::vector<std::pair<std::string, std::string>>& files) const {
@@ -147,11 +132,6 @@ void Site::writeVersionFiles(const std::vector<std::pair<std::string, std::strin
 fs::path Site::addDepartment(const std::string& name, const DepartmentProperties& properties) const {
     const fs::path department = mDepartmentsPath / name;
     fs::create_directories(department);
-    writeDepartmentProperties(department, properties);
-    return department;
-}
-
-void Site::writeDepartmentProperties(const fs::path& department, const DepartmentProperties& properties) const {
     using Kym::Configuration;
     Base::PropertyList list;
     list.setFile(department / Configuration::PropertyFileName);
@@ -161,6 +141,7 @@ void Site::writeDepartmentProperties(const fs::path& department, const Departmen
     list.setProperty(Configuration::DoFileCleanupKey, properties.doFileCleanup);
     list.setProperty(Configuration::CleanupDaysKey, properties.cleanupDays);
     list.saveList();
+    return department;
 }
 
 fs::path Site::writeDepartmentSettings(const fs::path& department, const DepartmentSettings& settings,

@@ -1,12 +1,6 @@
-// A real site for tests: an installation directory (KYM_BASE_DIR) with its
-// config, plugins and data/install directories, a local departments
-// directory found the way the test asks for, and a private application data
-// folder, all in a temporary folder; plus writers for the settings files,
-// which go through the library's own archive and record coders so they read
-// back exactly as the library writes them.
-//
-// Build the Site before the first call of a store accessor: the stores read
-// the environment and their files when they are created.
+// A real site in a temporary folder (installation, departments directory, application data folder) and
+// writers for its settings files through the library's own coders. Build the Site before the first call
+// of a store accessor: the stores read the environment and their files when they are created.
 #pragma once
 
 #include "support/TestSupport.h"
@@ -82,9 +76,6 @@ std::vector<std::string> variableTexts(const std::vector<Kym::EnvironmentVariabl
 // The keys of an archive file's top level, in the order they stand in the file.
 std::vector<std::string> archiveTopLevelKeys(const fs::path& file);
 
-// The what() of the std::exception the action throws, or "(nothing thrown)".
-std::string thrownMessage(const std::function<void()>& action);
-
 // An application record with the fields a test usually cares about.
 Kym::ConfigApplication makeApplication(const std::string& appId, const std::string& program,
                                        const std::string& description = "");
@@ -96,7 +87,6 @@ public:
     // sets KYM_BASE_DIR and XDG_CONFIG_HOME and sets or unsets KYM_UGSITE_DIR.
     // Everything is restored and removed when the Site goes.
     explicit Site(Departments departments = Departments::Sibling);
-    ~Site();
     Site(const Site&) = delete;
     Site& operator=(const Site&) = delete;
 
@@ -124,10 +114,7 @@ public:
     fs::path addInternalPlugin(const std::string& name, const std::string& type = "Site-wide",
                                const Layer& layer = {}) const;
 
-    // Release directory names that writeReleaseNames puts in sysinfo.dat.
-    static constexpr const char* CurrentRelease = "nx4";
-    static constexpr const char* PreviousRelease = "nx3";
-    // sysinfo.dat naming the current and the previous release directory.
+    // sysinfo.dat naming the current (nx4) and the previous (nx3) release directory.
     void writeReleaseNames() const;
 
     // The installation's version-files archive.
@@ -137,11 +124,9 @@ public:
 
     // A department directory with its .dirinfo.plist; returns the directory.
     fs::path addDepartment(const std::string& name, const DepartmentProperties& properties = {}) const;
-    // Writes .dirinfo.plist through the library's property list writer.
-    void writeDepartmentProperties(const fs::path& department, const DepartmentProperties& properties) const;
     // <department>/<release>/config/configSettings.dat, making the directories; returns the file.
     fs::path writeDepartmentSettings(const fs::path& department, const DepartmentSettings& settings,
-                                     const std::string& release = CurrentRelease) const;
+                                     const std::string& release = "nx4") const;
     // An updated department: properties and settings of the current release.
     fs::path addUpdatedDepartment(const std::string& name, const DepartmentProperties& properties = {},
                                   const DepartmentSettings& settings = {}) const;

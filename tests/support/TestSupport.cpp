@@ -10,7 +10,7 @@
 #include <fstream>
 #include <grp.h>
 #include <pwd.h>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 #include <cerrno>
 #include <csignal>
@@ -35,18 +35,10 @@ TempDir::~TempDir() {
 
 ScopedEnv::ScopedEnv(const std::string& name, const std::optional<std::string>& value) : mName(name) {
     if (const char* previous = std::getenv(name.c_str())) mPrevious = previous;
-    if (value)
-        ::setenv(name.c_str(), value->c_str(), 1);
-    else
-        ::unsetenv(name.c_str());
+    value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
 }
 
-ScopedEnv::~ScopedEnv() {
-    if (mPrevious)
-        ::setenv(mName.c_str(), mPrevious->c_str(), 1);
-    else
-        ::unsetenv(mName.c_str());
-}
+ScopedEnv::~ScopedEnv() { mPrevious ? ::setenv(mName.c_str(), mPrevious->c_str(), 1) : ::unsetenv(mName.c_str()); }
 
 void writeFile(const fs::path& file, const std::string& content) {
     if (file.has_parent_path()) fs::create_directories(file.parent_path());
@@ -58,9 +50,12 @@ void writeFile(const fs::path& file, const std::string& content) {
 std::string readFile(const fs::path& file) {
     std::ifstream in(file.string(), std::ios::binary);
     if (!in) throw std::runtime_error("cannot read test file " + file.string());
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::string thrownMessage(const std::function<void()>& action) {
+    try { action(); } catch (const std::exception& failure) { return failure.what(); }
+    return "(nothing thrown)";
 }
 
 void setAge(const fs::path& file, double secondsAgo) {
@@ -86,8 +81,6 @@ LogRecorder::LogRecorder(const std::vector<std::string>& loggers) : mSink(std::m
     Base::log::addSink(mSink);
     for (const auto& name : loggers) Base::log::Logger(name).setEnabled(true);
 }
-
-LogRecorder::~LogRecorder() = default;
 
 std::vector<std::string> LogRecorder::lines() const {
     std::vector<std::string> result;
@@ -116,13 +109,7 @@ int runAsNobody(const std::function<int()>& function) {
         if (!nobody) ::_exit(120);
         gid_t gid = nogroup ? nogroup->gr_gid : nobody->pw_gid;
         if (::setgroups(0, nullptr) != 0 || ::setgid(gid) != 0 || ::setuid(nobody->pw_uid) != 0) ::_exit(121);
-        int result = 122;
-        try {
-            result = function();
-        } catch (...) {
-            result = 123;
-        }
-        ::_exit(result);
+        try { ::_exit(function()); } catch (...) { ::_exit(123); }
     }
     int status = 0;
     ::waitpid(child, &status, 0);
@@ -146,8 +133,7 @@ bool reapOrphansOfTheTests() {
     for (pid_t done; (done = ::wait(&status)) != tests;)
         if (done < 0 && errno != EINTR) ::_exit(125);
     testsStatus = status;
-    while (::waitpid(-1, &status, WNOHANG) > 0) {
-    }
+    while (::waitpid(-1, &status, WNOHANG) > 0) continue;
     if (WIFSIGNALED(testsStatus)) {
         ::signal(WTERMSIG(testsStatus), SIG_DFL);
         ::kill(::getpid(), WTERMSIG(testsStatus));

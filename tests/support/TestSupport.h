@@ -15,9 +15,8 @@ namespace KymTest {
 
 namespace fs = boost::filesystem;
 
-// A fresh directory under the system's temporary directory, removed with its
-// content when the object goes. Readable by everybody, so code run as an
-// unprivileged user can use it.
+// A fresh temporary directory, removed with its content when the object goes; open to everybody,
+// so code run as an unprivileged user can use it.
 class TempDir {
 public:
     TempDir();
@@ -48,6 +47,8 @@ private:
 // Writes a file, making its parent directories.
 void writeFile(const fs::path& file, const std::string& content);
 std::string readFile(const fs::path& file);
+// The what() of the std::exception the action throws, or "(nothing thrown)".
+std::string thrownMessage(const std::function<void()>& action);
 // Sets a file's modification time to the given number of seconds ago.
 void setAge(const fs::path& file, double secondsAgo);
 
@@ -55,7 +56,6 @@ void setAge(const fs::path& file, double secondsAgo);
 class LogRecorder {
 public:
     explicit LogRecorder(const std::vector<std::string>& loggers = {"kym.info", "kym.verbose"});
-    ~LogRecorder();
     std::vector<std::string> lines() const;             // "name: text" each
     std::vector<std::string> lines(const std::string& logger) const;  // text only
     bool contains(const std::string& text) const;       // some line's text equals it
@@ -65,16 +65,12 @@ private:
     std::shared_ptr<Sink> mSink;
 };
 
-// Runs the function in a child process as user nobody and group nogroup,
-// and returns what it returned (as the exit status). A test that needs
-// permissions to count runs its checks there; EXPECT macros do not cross
-// processes, so the function returns a code instead.
+// Runs the function in a child process as user nobody and group nogroup and returns what it returned
+// (as the exit status): EXPECT macros do not cross processes, so the function returns a code instead.
 int runAsNobody(const std::function<int()>& function);
 
-// Started programs are orphans by design, and some containers run an init
-// that never reaps orphans. Call once, at static initialisation: this process
-// becomes a reaper of orphans and the tests go on in a child of it (where the
-// call returns true); the parent waits, reaps and exits with the tests' status.
+// Started programs are orphans by design, and some containers never reap orphans. Call once, at static
+// initialisation: the tests go on in a child (where it returns true); this process reaps and exits with their status.
 bool reapOrphansOfTheTests();
 
 // Makes a gzip-compressed tar archive of a directory's content with the tar program.

