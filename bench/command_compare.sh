@@ -2,6 +2,8 @@
 # Times `kym env` and `kym launch` as whole processes against a bash script
 # that exports the same variables in the same order (and for launch execs the
 # same program), for a site of 8 layers of 40 and of 400 variables a layer.
+# Each launch starts bench_stamp, which prints the time it started, so the
+# same runs are also timed from start to started child (bench_time_to_start).
 # Run by hand (not part of the tests):
 #   bash bench/command_compare.sh [RESULTS.md]    (default: build/command_compare.md)
 # KYM names the kym program (default: build/tools/kym, built if missing);
@@ -22,11 +24,13 @@ results="${1:-$root/build/command_compare.md}"
 work="${KYM_BENCH_DIR:-$root/build/command-compare}"
 sizes="${KYM_BENCH_SIZES:-40 400}"
 kym="${KYM:-$root/build/tools/kym}"
+stamp="$root/build/bench/started/bench_stamp"
+time_to_start="$root/build/bench/started/bench_time_to_start"
 
 command -v hyperfine >/dev/null || bash "$root/scripts/install-deps.sh"
-if [ ! -x "$kym" ]; then
+if [ ! -x "$kym" ] || [ ! -x "$stamp" ] || [ ! -x "$time_to_start" ]; then
   cmake -S "$root" -B "$root/build" >/dev/null
-  cmake --build "$root/build" -j "$(nproc)" --target kym-command
+  cmake --build "$root/build" -j "$(nproc)" --target kym-command bench_stamp bench_time_to_start
 fi
 kym="$(cd "$(dirname "$kym")" && pwd)/$(basename "$kym")"
 
@@ -68,7 +72,7 @@ make_site() {
   "$kym" plugin create p3 --external >/dev/null
   "$kym" dept create common --type Common --description Common --cleanup off >/dev/null
   "$kym" dept create bench --type Production --description Bench --common common --cleanup off >/dev/null
-  "$kym" app add dept:bench app --program /bin/true --no-libraries >/dev/null
+  "$kym" app add dept:bench app --program "$stamp" --no-libraries >/dev/null
   while read -r layer list name value; do
     if [ "$layer" = app ]; then
       "$kym" var set dept:bench "$name" "$value" --list "$list" --app app >/dev/null
@@ -126,7 +130,7 @@ for count in $sizes; do
   make_site "$site" "$count"
   echo "    built in $((SECONDS - start)) s"
   make_script "$site" "$count" env
-  make_script "$site" "$count" /bin/true
+  make_script "$site" "$count" "$stamp"
   # The same sanity check a reader would make: both print the layered variables alike.
   diff <("$kym" env bench app | grep -E '^BENCH_' | sort) \
        <(bash "$site/env.sh" | grep -E '^BENCH_' | sort) >/dev/null ||
@@ -148,6 +152,17 @@ for count in $sizes; do
     echo "CPU time (user + system) of the same runs, which other load on the machine disturbs less:"
     echo
     cpu_table "$json"
+  } >>"$results"
+  echo "=== 8 layers of $count variables: from start to started child"
+  started="$work/started-$count.md"
+  "$time_to_start" 300 \
+    "kym launch ($count a layer)" "$kym launch bench app" \
+    "bash launch script ($count a layer)" "$(command -v bash) $site/launch.sh" | tee "$started"
+  {
+    echo
+    echo "From start to started child (the launched program's first moment in main), 300 runs each, taking turns:"
+    echo
+    cat "$started"
   } >>"$results"
 done
 echo "Results in $results"
