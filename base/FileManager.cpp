@@ -280,10 +280,25 @@ std::string FileManager::readFile(const path& file) {
         int error = errno;
         throw BaseException("Cannot read file " + native(file) + ": " + reason(error));
     }
-    std::string content;
-    char buffer[65536];
-    std::size_t count;
-    while ((count = std::fread(buffer, 1, sizeof(buffer), stream)) > 0) content.append(buffer, count);
+    // Sized from a regular file (one byte over, to meet the end in the same
+    // read): large settings files are read once, without regrowing the string.
+#ifdef _WIN32
+    struct _stat64 info;
+    const bool sized = _fstat64(_fileno(stream), &info) == 0 && (info.st_mode & _S_IFREG);
+#else
+    struct stat info;
+    const bool sized = ::fstat(fileno(stream), &info) == 0 && S_ISREG(info.st_mode);
+#endif
+    std::string content(sized ? static_cast<std::size_t>(info.st_size) + 1 : 65536, '\0');
+    std::size_t filled = 0;
+    for (;;) {
+        if (filled == content.size()) content.resize(2 * content.size());
+        const std::size_t wanted = content.size() - filled;
+        const std::size_t count = std::fread(&content[filled], 1, wanted, stream);
+        filled += count;
+        if (count < wanted) break;
+    }
+    content.resize(filled);
     int error = std::ferror(stream) ? errno : 0;
     std::fclose(stream);
     if (error) throw BaseException("Cannot read file " + native(file) + ": " + reason(error));

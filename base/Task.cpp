@@ -5,6 +5,7 @@
 #include "base/SystemCalls.h"
 
 #include <system_error>
+#include <utility>
 
 #ifdef _WIN32
 #include <boost/algorithm/string/case_conv.hpp>
@@ -44,8 +45,8 @@ Task::Task(const boost::filesystem::path& program, const std::vector<std::string
     launch();
 }
 
-void Task::setEnvironment(const std::map<std::string, std::string>& environment) {
-    mEnvironment = environment;
+void Task::setEnvironment(std::map<std::string, std::string> environment) {
+    mEnvironment = std::move(environment);
     mHasEnvironment = true;
 }
 
@@ -183,13 +184,18 @@ long Task::launch() {
     for (auto& argument : argumentStrings) argv.push_back(argument.data());
     argv.push_back(nullptr);
 
-    std::vector<std::string> environmentStrings;
+    // Thousands of variables: one block of NAME=VALUE strings, not one allocation each.
+    std::string environmentBlock;
     std::vector<char*> envp;
     if (mHasEnvironment) {
-        environmentStrings.reserve(mEnvironment.size());
-        for (const auto& entry : mEnvironment) environmentStrings.push_back(entry.first + "=" + entry.second);
-        envp.reserve(environmentStrings.size() + 1);
-        for (auto& entry : environmentStrings) envp.push_back(entry.data());
+        std::vector<std::size_t> starts;
+        starts.reserve(mEnvironment.size());
+        for (const auto& [name, value] : mEnvironment) {
+            starts.push_back(environmentBlock.size());
+            environmentBlock.append(name).append(1, '=').append(value).append(1, '\0');
+        }
+        envp.reserve(starts.size() + 1);
+        for (std::size_t start : starts) envp.push_back(&environmentBlock[start]);
         envp.push_back(nullptr);
     }
 

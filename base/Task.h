@@ -20,7 +20,7 @@ public:
     void setLaunchPath(const boost::filesystem::path& program) { mLaunchPath = program; }
     void setCurrentDirectoryPath(const boost::filesystem::path& directory) { mCurrentDirectory = directory; }
     // The complete environment of the child, replacing the inherited one.
-    void setEnvironment(const std::map<std::string, std::string>& environment);
+    void setEnvironment(std::map<std::string, std::string> environment);
 
     const boost::filesystem::path& launchPath() const { return mLaunchPath; }
     const std::vector<std::string>& arguments() const { return mArguments; }

@@ -427,7 +427,7 @@ void Launcher::launchApplication(const Configuration& config, const Configuratio
     }
     // Set for every launch, whatever the layers said.
     env[UserDefaultsVariable] = directory + conventions().pathSeparator() + UserDefaultsFileName;
-    task.setEnvironment(env);
+    task.setEnvironment(std::move(env));
     task.launch();
     BASE_LOG(Base::log::info()) << "Application " << native(task.launchPath()) << " has started.";
 }

@@ -98,9 +98,9 @@ void mergeInto(const EnvironmentVariable& variable, Variables& list, NameIndex* 
     }
     BASE_LOG(Base::log::verbose()) << "    value = " << newValue;
     if (existing == list.end()) {
-        EnvironmentVariable added(variable.name, newValue);
+        EnvironmentVariable added(variable.name, variable.type);
+        added.value = std::move(newValue);
         added.comment = variable.comment;
-        added.type = variable.type;
         list.push_back(std::move(added));
         if (index) index->at(variable.name) = list.size() - 1;
     } else {

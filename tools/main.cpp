@@ -11,6 +11,9 @@
 #include <algorithm>
 #include <iostream>
 #include <unistd.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 namespace KymTool {
 
@@ -210,6 +213,14 @@ int runHelp(CLI::App& root, const std::vector<std::string>& words) {
 
 int main(int argc, char** argv) {
     using namespace KymTool;
+#ifdef __GLIBC__
+    // Settings files run to hundreds of kilobytes. By default glibc maps each
+    // such buffer afresh and hands freed heap back between files, so every
+    // file read pays its page faults again; this short-lived process keeps
+    // what it has freed instead.
+    mallopt(M_MMAP_THRESHOLD, 16 << 20);
+    mallopt(M_TRIM_THRESHOLD, 64 << 20);
+#endif
     Context context;
     std::vector<std::string> arguments(argv + 1, argv + argc);
     context.programCommand = splitProgramCommand(arguments);

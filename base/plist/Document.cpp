@@ -21,9 +21,11 @@ using Kind = Node::Kind;
 
 // No escape decoding (done here, strictly) and no trimming: text is kept byte
 // for byte, white-space-only text included. A fragment keeps top-level text,
-// so text after the root can be seen and rejected.
+// so text after the root can be seen and rejected. The text that opens an
+// element is kept as the element's own value rather than as a child node,
+// which leaves a leaf value one node instead of two.
 const unsigned fullParse = pugi::parse_cdata | pugi::parse_eol | pugi::parse_ws_pcdata | pugi::parse_declaration |
-                           pugi::parse_doctype | pugi::parse_fragment;
+                           pugi::parse_doctype | pugi::parse_fragment | pugi::parse_embed_pcdata;
 // The same without the indentation between elements, which is most of the
 // nodes. It would also drop white space beside a CDATA section inside a
 // value, so documents with CDATA are read with fullParse.
@@ -38,6 +40,15 @@ unsigned parseOptionsFor(const std::string& text) {
 
 bool isText(pugi::xml_node node) {
     return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata;
+}
+
+// Where the text of a node starts in the document. The parser never moves
+// the start of a piece of text, so the text an element holds itself lies as
+// far after the element's name in the parsed buffer as in the document.
+std::ptrdiff_t textOffset(pugi::xml_node node) {
+    const std::ptrdiff_t offset = node.offset_debug();
+    if (node.type() != pugi::node_element || offset < 0) return offset;
+    return offset + (node.value() - node.name());
 }
 
 std::string elementName(pugi::xml_node element) {
@@ -87,25 +98,27 @@ std::size_t appendUnescaped(std::string_view raw, std::string& out, std::string&
 // The character content of an element: a view of the document's own text
 // when it needs no decoding, otherwise decoded into scratch. What a checked
 // document cannot hold goes to fault(node, raw text, offset, reason): an
-// element inside the text (offset npos) or a reference that cannot be decoded.
+// element inside the text (offset npos) or a reference that cannot be decoded;
+// node is the element itself for the text it holds as its value.
 template <class Fault>
 std::string_view decodedText(pugi::xml_node element, std::string& scratch, const Fault& fault) {
+    const char* own = element.value();
     pugi::xml_node child = element.first_child();
-    if (!child) return {};
-    if (!child.next_sibling() && child.type() == pugi::node_pcdata && !std::strchr(child.value(), '&'))
-        return child.value();
+    if (!child && !std::strchr(own, '&')) return own;
     scratch.clear();
+    const auto appendPcdata = [&](pugi::xml_node node, std::string_view raw) {
+        std::string reason;
+        const std::size_t at = appendUnescaped(raw, scratch, reason);
+        if (at != std::string_view::npos) fault(node, raw, at, reason);
+    };
+    appendPcdata(element, own);
     for (; child; child = child.next_sibling()) {
-        if (child.type() == pugi::node_element) {
+        if (child.type() == pugi::node_element)
             fault(child, std::string_view(), std::string_view::npos, std::string());
-        } else if (child.type() == pugi::node_cdata) {
+        else if (child.type() == pugi::node_cdata)
             scratch += child.value();
-        } else if (child.type() == pugi::node_pcdata) {
-            std::string reason;
-            const std::string_view raw = child.value();
-            const std::size_t at = appendUnescaped(raw, scratch, reason);
-            if (at != std::string_view::npos) fault(child, raw, at, reason);
-        }
+        else if (child.type() == pugi::node_pcdata)
+            appendPcdata(child, child.value());
     }
     return scratch;
 }
@@ -183,6 +196,7 @@ public:
             if (std::strcmp(attribute.value(), "1.0") != 0)
                 fail(plist, std::string("unsupported plist version '") + attribute.value() + "'");
         }
+        expectSpace(plist, "stray text in <plist>");
         pugi::xml_node root;
         for (pugi::xml_node child : plist.children()) {
             if (child.type() == pugi::node_element) {
@@ -226,9 +240,10 @@ private:
         failAtLine(1, detail);
     }
 
+    // textNode is a text node or the element whose own value raw is.
     [[noreturn]] void failInText(pugi::xml_node textNode, std::string_view raw, std::size_t position,
                                  const std::string& detail) const {
-        std::ptrdiff_t offset = textNode.offset_debug();
+        std::ptrdiff_t offset = textOffset(textNode);
         if (offset < 0) fail(textNode, detail);
         std::size_t line = lineAt(static_cast<std::size_t>(offset));
         for (std::size_t i = 0; i < position && i < raw.size(); ++i)
@@ -243,7 +258,8 @@ private:
         return declaration.offset_debug() == static_cast<std::ptrdiff_t>(bom + 2);
     }
 
-    // Text where only white space may stand fails at its first other character.
+    // Text where only white space may stand fails at its first other character;
+    // textNode is a text node or an element, for the text it holds as its value.
     void expectSpace(pugi::xml_node textNode, const std::string& detail) const {
         const std::string_view raw = textNode.value();
         for (std::size_t i = 0; i < raw.size(); ++i)
@@ -332,6 +348,7 @@ private:
     }
 
     void dictionary(pugi::xml_node element, int depth) const {
+        expectSpace(element, "stray text in <dict>");
         KeySet keys;
         pugi::xml_node key;
         std::string_view keyText;
@@ -385,6 +402,7 @@ private:
     };
 
     void array(pugi::xml_node element, int depth) const {
+        expectSpace(element, "stray text in <array>");
         for (pugi::xml_node child = element.first_child(); child; child = child.next_sibling()) {
             if (child.type() == pugi::node_element)
                 value(child, depth + 1);

@@ -86,6 +86,20 @@ TEST(FileManager, ReadableAndExecutableFollowTheUsersRights) {
     }));
 }
 
+TEST(FileManager, ReadFileReturnsTheWholeContentWhateverSizeTheFileReports) {
+    KymTest::TempDir dir;
+    std::string large(200001, '\0');
+    for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7 % 251);
+    KymTest::writeFile(dir / "large.dat", large);
+    KymTest::writeFile(dir / "empty.dat", "");
+    EXPECT_EQ(large, FileManager::readFile(dir / "large.dat"));
+    EXPECT_EQ("", FileManager::readFile(dir / "empty.dat"));
+    // A regular file that reports no size but has content.
+    const std::string commandLine = FileManager::readFile("/proc/self/cmdline");
+    EXPECT_GT(commandLine.size(), 1u);
+    EXPECT_EQ(KymTest::readFile("/proc/self/cmdline"), commandLine);
+}
+
 TEST(FileManager, FailuresToReadSetPermissionsOrChangeDirectoryNamePathAndReason) {
     KymTest::TempDir dir;
     FileManager::setPermissions(dir.path(), 0775);

@@ -91,6 +91,10 @@ TEST(PropertyListRead, DamagedDocumentsAreRejectedNamingTheLine) {
         {"", "line 1: no plist element"},
         {declaration + "<dict/>\n", "line 2: root element <dict> is not <plist>"},
         {document("<array>\n<true/>\n oops <false/></array>"), "line 6: stray text in <array>"},
+        // Text that opens a container, also where CDATA keeps all white space.
+        {document("<dict>\n x<key>a</key><true/></dict>"), "line 5: stray text in <dict>"},
+        {document("<array>\n\n oops<string><![CDATA[a]]></string></array>"), "line 6: stray text in <array>"},
+        {head + "\n\t.<true/></plist>", "line 5: stray text in <plist>"},
         {head + "</plist>", "line 3: empty <plist>"},
         {document("<dict>\n<key>T</key>\n<string>a</string>\n<key>T</key>\n<string>b</string>\n</dict>"),
          "line 7: duplicate key 'T'"},
