@@ -11,6 +11,7 @@
 #include <boost/filesystem/operations.hpp>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -282,14 +283,9 @@ std::string FileManager::readFile(const path& file) {
     }
     // Sized from a regular file (one byte over, to meet the end in the same
     // read): large settings files are read once, without regrowing the string.
-#ifdef _WIN32
-    struct _stat64 info;
-    const bool sized = _fstat64(_fileno(stream), &info) == 0 && (info.st_mode & _S_IFREG);
-#else
-    struct stat info;
-    const bool sized = ::fstat(fileno(stream), &info) == 0 && S_ISREG(info.st_mode);
-#endif
-    std::string content(sized ? static_cast<std::size_t>(info.st_size) + 1 : 65536, '\0');
+    boost::system::error_code noSize;
+    const std::uintmax_t size = fs::file_size(file, noSize);
+    std::string content(noSize ? 65536 : static_cast<std::size_t>(size) + 1, '\0');
     std::size_t filled = 0;
     for (;;) {
         if (filled == content.size()) content.resize(2 * content.size());
