@@ -73,7 +73,10 @@ public:
 
     void decode(Unarchiver& unarchiver, void* object) override {
         auto& list = *static_cast<std::vector<T>*>(object);
-        unarchiver.beginContainer(unarchiver.getObjectList());
+        std::vector<boost::any>* items = unarchiver.getObjectList();
+        // Grown once: thousands of records would otherwise be moved at every doubling.
+        list.reserve(list.size() + items->size());
+        unarchiver.beginContainer(items);
         while (!unarchiver.currentContainer().endOfAnyArray()) {
             T element;
             T* decoded = unarchiver.decodeObject("NOTUSED", &element);

@@ -245,6 +245,20 @@ FileManager::path FileManager::applicationDataFolder() {
 #endif
 }
 
+FileManager::path FileManager::userCacheFolder() {
+#ifdef _WIN32
+    char folder[MAX_PATH] = {};
+    if (SHGetFolderPathA(nullptr, CSIDL_LOCAL_APPDATA | CSIDL_FLAG_CREATE, nullptr, 0, folder) != S_OK) return path();
+    return path(folder);
+#else
+    std::string cacheHome = Environment::getEnvVariable("XDG_CACHE_HOME");
+    if (!cacheHome.empty()) return path(cacheHome);
+    std::string home = Environment::getEnvVariable("HOME");
+    if (!home.empty()) return path(home) / ".cache";
+    return path();
+#endif
+}
+
 std::string FileManager::shortPathName(const std::string& longPath) {
 #ifdef _WIN32
     char buffer[1024] = {};

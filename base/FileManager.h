@@ -28,6 +28,10 @@ public:
     // folder, created when missing; POSIX: $XDG_CONFIG_HOME, else
     // $HOME/.config). Empty when it cannot be determined.
     static path applicationDataFolder();
+    // The user's folder for data that can be made again (Windows: the local
+    // AppData folder; POSIX: $XDG_CACHE_HOME, else $HOME/.cache). Empty when
+    // it cannot be determined.
+    static path userCacheFolder();
     // The short (8.3) form of an existing path on Windows; the text unchanged elsewhere.
     static std::string shortPathName(const std::string& longPath);
 

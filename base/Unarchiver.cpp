@@ -2,14 +2,15 @@
 
 #include "base/BaseException.h"
 #include "base/Coder.h"
-#include "base/FileManager.h"
 #include "base/Platform.h"
 #include "base/plist/Document.h"
+#include "base/plist/DocumentCache.h"
 
 #include <boost/core/demangle.hpp>
 #include <climits>
 #include <cstdint>
 #include <deque>
+#include <string_view>
 #include <utility>
 #include <variant>
 
@@ -41,10 +42,11 @@ struct UnarchiverFrame {
 } // namespace
 
 struct Unarchiver::State {
-    State(const std::string& text, const std::string& source) : sourceName(source), document(text, source) {}
+    State(std::unique_ptr<plist::Document> parsed, const std::string& source)
+        : sourceName(source), document(std::move(parsed)) {}
 
     const std::string& sourceName;
-    plist::Document document;
+    std::unique_ptr<plist::Document> document;
     std::vector<UnarchiverFrame> frames;
     // The item lists handed out by getObjectList; a deque keeps them in place.
     std::deque<std::vector<boost::any>> lists;
@@ -119,12 +121,17 @@ private:
 
 } // namespace
 
-Unarchiver::Unarchiver(const boost::filesystem::path& file)
-    : Unarchiver(FileManager::readFile(file), Platform::current().nativePath(file), 0) {}
+Unarchiver::Unarchiver(const boost::filesystem::path& file) : mSourceName(Platform::current().nativePath(file)) {
+    open(plist::DocumentCache::read(file, mSourceName));
+}
 
-Unarchiver::Unarchiver(const std::string& text, const std::string& sourceName, int)
-    : mSourceName(sourceName), mState(std::make_unique<State>(text, mSourceName)) {
-    const Node root = mState->document.root();
+Unarchiver::Unarchiver(const std::string& text, const std::string& sourceName, int) : mSourceName(sourceName) {
+    open(std::make_unique<plist::Document>(text, mSourceName));
+}
+
+void Unarchiver::open(std::unique_ptr<plist::Document> document) {
+    mState = std::make_unique<State>(std::move(document), mSourceName);
+    const Node root = mState->document->root();
     if (root.kind() != Node::Kind::Dictionary)
         throw BaseException("Archive " + mSourceName + ": the root holds " + kindOf(root) + ", expected a dictionary");
     UnarchiverFrame frame;
@@ -238,9 +245,9 @@ void* Unarchiver::decodeObjectAs(const std::string& key, void* target, const Typ
         throw mState->objectError(frame, "holds a dictionary without '" + std::string(archiveTypeKey) + "'");
     if (typeMember.kind() != Node::Kind::String)
         throw mState->keyError(frame, archiveTypeKey, "holds " + kindOf(typeMember) + ", expected a string");
-    const std::string typeName = typeMember.text();
+    const std::string_view typeName = typeMember.textView();
 
-    CoderBase* coder = CoderBase::coderForName(typeName);
+    CoderBase* coder = nullptr;
     if (type) {
         CoderBase* expected = CoderBase::coderForType(*type);
         if (!expected)
@@ -249,11 +256,14 @@ void* Unarchiver::decodeObjectAs(const std::string& key, void* target, const Typ
         // The coder of the expected type, even when a later coder has taken its name.
         if (typeName == expected->name())
             coder = expected;
-        else if (coder)
-            throw mState->objectError(frame, "holds an object of type '" + typeName + "', expected type '" +
-                                         expected->name() + "'");
+        else if (CoderBase::coderForName(std::string(typeName)))
+            throw mState->objectError(frame, "holds an object of type '" + std::string(typeName) +
+                                                 "', expected type '" + expected->name() + "'");
+    } else {
+        coder = CoderBase::coderForName(std::string(typeName));
     }
-    if (!coder) throw mState->objectError(frame, "holds an object of the unknown type '" + typeName + "'");
+    if (!coder)
+        throw mState->objectError(frame, "holds an object of the unknown type '" + std::string(typeName) + "'");
 
     void* decoded = target;
     if (!decoded) {

@@ -14,6 +14,9 @@
 namespace Base {
 
 class CoderBase;
+namespace plist {
+class Document;
+}
 
 class Unarchiver {
 public:
@@ -73,6 +76,7 @@ public:
 
 private:
     Unarchiver(const std::string& text, const std::string& sourceName, int);
+    void open(std::unique_ptr<plist::Document> document);
     void* decodeObjectOfType(const std::string& key, void* target, const TypeInfo& type);
     // Without a type: any registered type recorded in the archive is accepted.
     void* decodeObjectAs(const std::string& key, void* target, const TypeInfo* type);

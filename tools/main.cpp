@@ -4,8 +4,11 @@
 
 #include "kym/App.h"
 
+#include "base/Environment.h"
+#include "base/FileManager.h"
 #include "base/Platform.h"
 #include "base/log/Logger.h"
+#include "base/plist/DocumentCache.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <algorithm>
@@ -191,6 +194,16 @@ void addCommandsFor(Commands& commands, const std::vector<std::string>& argument
     for (const CommandFamily& family : commandFamilies()) family.add(commands);
 }
 
+// Engineers start applications many times a day from settings that rarely
+// change: the checked tables of the settings files are kept in the user's
+// cache folder, so that only a changed file is parsed again. KYM_CACHE=off
+// reads every file afresh.
+void keepSettingsTables() {
+    if (boost::algorithm::to_lower_copy(Base::Environment::getEnvVariable("KYM_CACHE")) == "off") return;
+    const boost::filesystem::path folder = Base::FileManager::userCacheFolder();
+    if (!folder.empty()) Base::plist::DocumentCache::enable(folder / "kym");
+}
+
 int runHelp(CLI::App& root, const std::vector<std::string>& words) {
     CLI::App* app = &root;
     for (const std::string& word : words) {
@@ -272,6 +285,7 @@ int main(int argc, char** argv) {
             throw UsageError("Only 'kym run' takes a program after '--'.");
         if (context.verbosity >= 1) Base::log::enableLoggers("kym.info");
         if (context.verbosity >= 2) Base::log::enableLoggers("kym.verbose");
+        keepSettingsTables();
         Kym::App application("kym");
         application.initialize(nullptr);
         return (*action)();

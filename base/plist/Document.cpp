@@ -4,11 +4,15 @@
 #include "base/PropertyList.h"
 #include "base/plist/TextCodec.h"
 
+#include <pugixml.hpp>
+
 #include <array>
 #include <charconv>
 #include <cstring>
+#include <deque>
 #include <limits>
 #include <memory>
+#include <unordered_map>
 #include <unordered_set>
 
 namespace Base {
@@ -123,11 +127,6 @@ std::string_view decodedText(pugi::xml_node element, std::string& scratch, const
     return scratch;
 }
 
-// The text of an element of a checked document.
-std::string_view textOf(pugi::xml_node element, std::string& scratch) {
-    return decodedText(element, scratch, [](pugi::xml_node, std::string_view, std::size_t, const std::string&) {});
-}
-
 enum class NumberStatus { Ok, Invalid, OutOfRange };
 
 // Decimal, or hexadecimal after "0x"; either with an optional sign.
@@ -168,11 +167,66 @@ NumberStatus parseReal(std::string_view number, double& value) {
     return NumberStatus::Ok;
 }
 
+// Collects the checked values as the table of a document: entries in
+// document order, texts in the pool, each distinct key once.
+class TableBuilder {
+public:
+    using Entry = Document::Entry;
+    struct Text {
+        std::uint32_t offset = 0;
+        std::uint32_t length = 0;
+    };
+
+    TableBuilder(std::vector<Entry>& entries, std::string& pool, std::size_t sourceSize)
+        : mEntries(entries), mPool(pool) {
+        // Room for what a settings file typically holds; a pool never outgrows its source.
+        mEntries.reserve(sourceSize / 32 + 1);
+        mPool.reserve(sourceSize);
+    }
+
+    std::uint32_t add(Kind kind, Text key) {
+        const std::uint32_t index = static_cast<std::uint32_t>(mEntries.size());
+        mEntries.push_back(Entry{static_cast<std::uint32_t>(kind), index + 1, key.offset, key.length, 0, 0});
+        return index;
+    }
+
+    void setText(std::uint32_t index, std::string_view text) {
+        const Text stored = append(text);
+        mEntries[index].text = stored.offset;
+        mEntries[index].textLength = stored.length;
+    }
+
+    void setBoolean(std::uint32_t index, bool value) { mEntries[index].text = value ? 1 : 0; }
+
+    void close(std::uint32_t index) { mEntries[index].end = static_cast<std::uint32_t>(mEntries.size()); }
+
+    Text key(std::string_view text) {
+        const auto found = mKeys.find(text);
+        if (found != mKeys.end()) return found->second;
+        const Text stored = append(text);
+        mKeys.emplace(mKeyTexts.emplace_back(text), stored);
+        return stored;
+    }
+
+private:
+    Text append(std::string_view text) {
+        const Text stored{static_cast<std::uint32_t>(mPool.size()), static_cast<std::uint32_t>(text.size())};
+        mPool.append(text);
+        return stored;
+    }
+
+    std::vector<Entry>& mEntries;
+    std::string& mPool;
+    std::unordered_map<std::string_view, Text> mKeys;
+    std::deque<std::string> mKeyTexts;  // the views of mKeys point here
+};
+
 // Checks a parsed document against the property-list rules; every rejection
 // names the source and the line.
 class Checker {
 public:
-    Checker(const std::string& text, const std::string& sourceName) : mText(text), mSourceName(sourceName) {}
+    Checker(const std::string& text, const std::string& sourceName, TableBuilder& table)
+        : mText(text), mSourceName(sourceName), mTable(table) {}
 
     void checkBytes() const {
         std::size_t nul = mText.find('\0');
@@ -187,8 +241,8 @@ public:
                          std::string("malformed XML (") + result.description() + ")");
     }
 
-    // The checked root value of the document.
-    pugi::xml_node root(const pugi::xml_document& document) const {
+    // Checks the root value of the document and adds it to the table.
+    void root(const pugi::xml_document& document) const {
         pugi::xml_node plist = plistElement(document);
         for (pugi::xml_attribute attribute : plist.attributes()) {
             if (std::strcmp(attribute.name(), "version") != 0)
@@ -207,8 +261,7 @@ public:
             }
         }
         if (!root) fail(plist, "empty <plist>");
-        value(root, 1);
-        return root;
+        value(root, 1, TableBuilder::Text());
     }
 
 private:
@@ -297,39 +350,44 @@ private:
         return plist;
     }
 
-    void value(pugi::xml_node element, int depth) const {
+    // Checks one value and adds it, under the key of its dictionary, to the table.
+    void value(pugi::xml_node element, int depth, TableBuilder::Text key) const {
         if (pugi::xml_attribute attribute = element.first_attribute())
             fail(element, std::string("unexpected attribute '") + attribute.name() + "' on " + elementName(element));
         const char* name = element.name();
         std::string scratch;
         switch (name[0]) {
         case 'd':
-            if (std::strcmp(name, "dict") == 0) return container(element, depth);
-            if (std::strcmp(name, "date") == 0) return static_cast<void>(text(element, scratch));
+            if (std::strcmp(name, "dict") == 0) return container(element, depth, mTable.add(Kind::Dictionary, key));
+            if (std::strcmp(name, "date") == 0)
+                return mTable.setText(mTable.add(Kind::Date, key), text(element, scratch));
             if (std::strcmp(name, "data") == 0) {
+                const std::string_view encoded = text(element, scratch);
                 std::vector<unsigned char> bytes;
-                if (!decodeBase64(std::string(text(element, scratch)), bytes))
-                    fail(element, "invalid base64 in <data>");
-                return;
+                if (!decodeBase64(std::string(encoded), bytes)) fail(element, "invalid base64 in <data>");
+                return mTable.setText(mTable.add(Kind::Data, key), encoded);
             }
             break;
         case 'a':
-            if (std::strcmp(name, "array") == 0) return container(element, depth);
+            if (std::strcmp(name, "array") == 0) return container(element, depth, mTable.add(Kind::Array, key));
             break;
         case 's':
-            if (std::strcmp(name, "string") == 0) return static_cast<void>(text(element, scratch));
+            if (std::strcmp(name, "string") == 0)
+                return mTable.setText(mTable.add(Kind::String, key), text(element, scratch));
             break;
         case 'i':
-            if (std::strcmp(name, "integer") == 0) return number(element, "integer", parseInteger);
+            if (std::strcmp(name, "integer") == 0)
+                return mTable.setText(mTable.add(Kind::Integer, key), number(element, "integer", parseInteger, scratch));
             break;
         case 'r':
-            if (std::strcmp(name, "real") == 0) return number(element, "real", parseReal);
+            if (std::strcmp(name, "real") == 0)
+                return mTable.setText(mTable.add(Kind::Real, key), number(element, "real", parseReal, scratch));
             break;
         case 't':
         case 'f':
             if (std::strcmp(name, "true") == 0 || std::strcmp(name, "false") == 0) {
                 if (!trimXmlSpace(text(element, scratch)).empty()) fail(element, "text in " + elementName(element));
-                return;
+                return mTable.setBoolean(mTable.add(Kind::Boolean, key), name[0] == 't');
             }
             break;
         case 'k':
@@ -339,12 +397,13 @@ private:
         fail(element, "unknown element " + elementName(element));
     }
 
-    void container(pugi::xml_node element, int depth) const {
+    void container(pugi::xml_node element, int depth, std::uint32_t index) const {
         // The check recurses once per level, so this bounds the stack.
         if (depth > PropertyList::maxDepth)
             fail(element, "nesting deeper than " + std::to_string(PropertyList::maxDepth) + " levels");
         if (element.name()[0] == 'd') dictionary(element, depth);
         else array(element, depth);
+        mTable.close(index);
     }
 
     void dictionary(pugi::xml_node element, int depth) const {
@@ -369,7 +428,7 @@ private:
             }
             if (isKey) fail(key, "key '" + std::string(keyText) + "' has no value");
             if (!keys.insert(keyText)) fail(key, "duplicate key '" + std::string(keyText) + "'");
-            value(child, depth + 1);
+            value(child, depth + 1, mTable.key(keyText));
             key = pugi::xml_node();
         }
         if (key) fail(key, "key '" + std::string(keyText) + "' has no value");
@@ -405,7 +464,7 @@ private:
         expectSpace(element, "stray text in <array>");
         for (pugi::xml_node child = element.first_child(); child; child = child.next_sibling()) {
             if (child.type() == pugi::node_element)
-                value(child, depth + 1);
+                value(child, depth + 1, TableBuilder::Text());
             else if (isText(child))
                 expectSpace(child, "stray text in <array>");
         }
@@ -422,10 +481,10 @@ private:
                            });
     }
 
-    // An <integer> or <real> whose text parse reads as a number of its range.
+    // The trimmed text of an <integer> or <real> that parse reads as a number of its range.
     template <class Number>
-    void number(pugi::xml_node element, const char* kind, NumberStatus (*parse)(std::string_view, Number&)) const {
-        std::string scratch;
+    std::string_view number(pugi::xml_node element, const char* kind, NumberStatus (*parse)(std::string_view, Number&),
+                            std::string& scratch) const {
         const std::string_view text = trimXmlSpace(this->text(element, scratch));
         Number unused{};
         const NumberStatus status = parse(text, unused);
@@ -433,97 +492,109 @@ private:
             fail(element, std::string("invalid ") + kind + " '" + std::string(text) + "'");
         if (status == NumberStatus::OutOfRange)
             fail(element, std::string(kind) + " out of range '" + std::string(text) + "'");
+        return text;
     }
 
     const std::string& mText;
     const std::string& mSourceName;
+    TableBuilder& mTable;
 };
 
 } // namespace
 
 Document::Document(const std::string& text, const std::string& sourceName) {
-    Checker checker(text, sourceName);
+    if (text.size() >= std::numeric_limits<std::uint32_t>::max())
+        throw BaseException(messagePrefix(sourceName) + ": too large to read (" + std::to_string(text.size()) + " bytes)");
+    TableBuilder table(mEntries, mPool, text.size());
+    Checker checker(text, sourceName, table);
     checker.checkBytes();
-    checker.checkParse(mDocument.load_buffer(text.data(), text.size(), parseOptionsFor(text), pugi::encoding_utf8));
-    mRoot = Node(checker.root(mDocument));
+    pugi::xml_document parsed;
+    checker.checkParse(parsed.load_buffer(text.data(), text.size(), parseOptionsFor(text), pugi::encoding_utf8));
+    checker.root(parsed);
 }
 
-Kind Node::kind() const {
-    const char* name = mElement.name();
-    switch (name[0]) {
-    case 'a': return Kind::Array;
-    case 's': return Kind::String;
-    case 'i': return Kind::Integer;
-    case 'r': return Kind::Real;
-    case 't':
-    case 'f': return Kind::Boolean;
-    default:  // "dict", "date", "data"
-        return name[1] == 'i' ? Kind::Dictionary : name[3] == 'e' ? Kind::Date : Kind::Data;
-    }
-}
-
-namespace {
-
-// The value that follows a key of a checked dictionary.
-pugi::xml_node valueOf(pugi::xml_node key) {
-    pugi::xml_node value = key.next_sibling();
-    while (value && value.type() != pugi::node_element) value = value.next_sibling();
-    return value;
-}
-
-} // namespace
-
-Document::Members::Members(Node dictionary) {
-    // Room for a record's few keys at once; larger dictionaries grow as usual.
-    mEntries.reserve(8);
-    std::string scratch;
-    for (pugi::xml_node key = dictionary.mElement.first_child(); key; key = key.next_sibling()) {
-        if (key.type() != pugi::node_element) continue;
-        const pugi::xml_node value = valueOf(key);
-        std::string_view text = textOf(key, scratch);
-        if (text.data() == scratch.data()) {
-            mDecoded.push_back(std::make_unique<std::string>(std::move(scratch)));
-            text = *mDecoded.back();
+std::unique_ptr<Document> Document::fromTable(std::vector<Entry> entries, std::string pool) {
+    if (entries.empty() || entries.size() >= std::numeric_limits<std::uint32_t>::max() ||
+        entries.front().end != entries.size())
+        return nullptr;
+    const auto inPool = [&pool](std::uint32_t offset, std::uint32_t length) {
+        return std::uint64_t(offset) + length <= pool.size();
+    };
+    // The ends of the open containers, innermost last.
+    std::vector<std::uint32_t> open{static_cast<std::uint32_t>(entries.size())};
+    for (std::uint32_t index = 0; index < entries.size(); ++index) {
+        while (index == open.back()) open.pop_back();
+        const Entry& entry = entries[index];
+        if (entry.kind > static_cast<std::uint32_t>(Kind::Data) || entry.end <= index || entry.end > open.back() ||
+            !inPool(entry.key, entry.keyLength))
+            return nullptr;
+        const Kind kind = static_cast<Kind>(entry.kind);
+        if (kind == Kind::Dictionary || kind == Kind::Array) {
+            open.push_back(entry.end);
+            // As deep as a checked document may nest, so that readers may recurse.
+            if (open.size() > static_cast<std::size_t>(PropertyList::maxDepth) + 1) return nullptr;
+            continue;
         }
-        mEntries.emplace_back(text, Node(value));
-        key = value;
+        if (entry.end != index + 1) return nullptr;
+        if (kind == Kind::Boolean) continue;
+        if (!inPool(entry.text, entry.textLength)) return nullptr;
+        const std::string_view text(pool.data() + entry.text, entry.textLength);
+        std::variant<std::int64_t, std::uint64_t> integer;
+        double real = 0;
+        if (kind == Kind::Integer && parseInteger(text, integer) != NumberStatus::Ok) return nullptr;
+        if (kind == Kind::Real && parseReal(text, real) != NumberStatus::Ok) return nullptr;
     }
+    std::unique_ptr<Document> document(new Document);
+    document->mEntries = std::move(entries);
+    document->mPool = std::move(pool);
+    return document;
 }
 
 Node Document::Members::find(std::string_view key) const {
-    for (const auto& [text, value] : mEntries)
-        if (text == key) return value;
+    if (!mDictionary) return Node();
+    const Document& document = *mDictionary.mDocument;
+    const std::uint32_t end = mDictionary.entry().end;
+    for (std::uint32_t index = mDictionary.mIndex + 1; index < end; index = document.mEntries[index].end) {
+        const Entry& member = document.mEntries[index];
+        if (document.poolText(member.key, member.keyLength) == key) return Node(&document, index);
+    }
     return Node();
+}
+
+std::vector<std::pair<std::string_view, Node>> Document::Members::entries() const {
+    std::vector<std::pair<std::string_view, Node>> result;
+    if (!mDictionary) return result;
+    const Document& document = *mDictionary.mDocument;
+    const std::uint32_t end = mDictionary.entry().end;
+    for (std::uint32_t index = mDictionary.mIndex + 1; index < end; index = document.mEntries[index].end) {
+        const Entry& member = document.mEntries[index];
+        result.emplace_back(document.poolText(member.key, member.keyLength), Node(&document, index));
+    }
+    return result;
 }
 
 std::vector<Node> Node::items() const {
     std::vector<Node> result;
-    for (pugi::xml_node child = mElement.first_child(); child; child = child.next_sibling())
-        if (child.type() == pugi::node_element) result.push_back(Node(child));
+    const std::uint32_t end = entry().end;
+    for (std::uint32_t index = mIndex + 1; index < end; index = mDocument->mEntries[index].end)
+        result.push_back(Node(mDocument, index));
     return result;
 }
 
-std::string Node::text() const {
-    std::string scratch;
-    const std::string_view view = textOf(mElement, scratch);
-    return view.data() == scratch.data() ? scratch : std::string(view);
-}
-
-bool Node::boolean() const {
-    return mElement.name()[0] == 't';
+std::string_view Node::textView() const {
+    const Entry& value = entry();
+    return mDocument->poolText(value.text, value.textLength);
 }
 
 std::variant<std::int64_t, std::uint64_t> Node::integer() const {
-    std::string scratch;
     std::variant<std::int64_t, std::uint64_t> value;
-    parseInteger(trimXmlSpace(textOf(mElement, scratch)), value);
+    parseInteger(textView(), value);
     return value;
 }
 
 double Node::real() const {
-    std::string scratch;
     double value = 0;
-    parseReal(trimXmlSpace(textOf(mElement, scratch)), value);
+    parseReal(textView(), value);
     return value;
 }
 
@@ -537,8 +608,7 @@ boost::any Node::toAny() const {
     switch (kind()) {
     case Kind::Dictionary: {
         PropertyList::Dictionary result;
-        const Members members(*this);
-        for (const auto& [key, value] : members.entries()) result.emplace(key, value.toAny());
+        for (const auto& [key, value] : Members(*this).entries()) result.emplace(key, value.toAny());
         return result;
     }
     case Kind::Array: {

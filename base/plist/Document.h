@@ -1,10 +1,11 @@
-// A parsed and fully checked XML property list whose values are read where
-// they stand in the XML tree. Readers that look at a few keys of a large file
-// (the settings archives) use it instead of converting the whole tree.
+// A parsed and fully checked XML property list, kept as a flat table of its
+// values in document order with their decoded texts in one pool. Readers
+// that look at a few keys of a large file (the settings archives) walk the
+// table instead of converting the whole tree, and the table can be stored
+// and taken back without parsing or checking the XML again (DocumentCache).
 #pragma once
 
 #include <boost/any.hpp>
-#include <pugixml.hpp>
 
 #include <cstdint>
 #include <memory>
@@ -19,20 +20,35 @@ namespace plist {
 
 class Document {
 public:
+    // One value of the table. A container's values follow it directly; end
+    // is the index after its last descendant, so the next member of the same
+    // container stands at end. Texts are offsets into the pool: the key of a
+    // dictionary member, and the text of strings, dates, data (base64),
+    // integers and reals (trimmed); a boolean's value is its text offset.
+    struct Entry {
+        std::uint32_t kind;
+        std::uint32_t end;
+        std::uint32_t key;
+        std::uint32_t keyLength;
+        std::uint32_t text;
+        std::uint32_t textLength;
+    };
+
     // One value of the document. A default node is null (an absent member).
     class Node {
     public:
-        enum class Kind { Dictionary, Array, String, Integer, Real, Boolean, Date, Data };
+        enum class Kind : std::uint32_t { Dictionary, Array, String, Integer, Real, Boolean, Date, Data };
 
         Node() = default;
-        explicit operator bool() const { return static_cast<bool>(mElement); }
+        explicit operator bool() const { return mDocument != nullptr; }
 
-        Kind kind() const;
+        Kind kind() const { return static_cast<Kind>(entry().kind); }
         // Array: the items in order.
         std::vector<Node> items() const;
         // String and date: the text.
-        std::string text() const;
-        bool boolean() const;
+        std::string text() const { return std::string(textView()); }
+        std::string_view textView() const;
+        bool boolean() const { return entry().text != 0; }
         // Integer: std::int64_t, or std::uint64_t above its range.
         std::variant<std::int64_t, std::uint64_t> integer() const;
         double real() const;
@@ -43,38 +59,49 @@ public:
 
     private:
         friend class Document;
-        friend class Members;
-        explicit Node(pugi::xml_node element) : mElement(element) {}
-        pugi::xml_node mElement;
+        Node(const Document* document, std::uint32_t index) : mDocument(document), mIndex(index) {}
+        const Entry& entry() const { return mDocument->mEntries[mIndex]; }
+
+        const Document* mDocument = nullptr;
+        std::uint32_t mIndex = 0;
     };
 
-    // The entries of a dictionary, read once for repeated look-ups.
+    // The members of a dictionary, looked up by key.
     class Members {
     public:
         Members() = default;
-        explicit Members(Node dictionary);
+        explicit Members(Node dictionary) : mDictionary(dictionary) {}
         // The value under the key; a null node when there is none.
         Node find(std::string_view key) const;
         // The entries in document order.
-        const std::vector<std::pair<std::string_view, Node>>& entries() const { return mEntries; }
+        std::vector<std::pair<std::string_view, Node>> entries() const;
 
     private:
-        std::vector<std::pair<std::string_view, Node>> mEntries;
-        // Keys that needed decoding; the views above point into them.
-        std::vector<std::unique_ptr<std::string>> mDecoded;
+        Node mDictionary;
     };
 
     // Parses and checks the whole document; throws BaseException naming
     // sourceName and the line for anything that is not a property list.
     Document(const std::string& text, const std::string& sourceName);
+    // A document from the table and pool of another one; null unless they
+    // form a sound document (every offset in range, values properly nested,
+    // numbers readable), so a damaged copy is refused rather than read.
+    static std::unique_ptr<Document> fromTable(std::vector<Entry> entries, std::string pool);
     Document(const Document&) = delete;
     Document& operator=(const Document&) = delete;
 
-    Node root() const { return mRoot; }
+    Node root() const { return Node(this, 0); }
+    const std::vector<Entry>& entries() const { return mEntries; }
+    const std::string& pool() const { return mPool; }
 
 private:
-    pugi::xml_document mDocument;
-    Node mRoot;
+    Document() = default;
+    std::string_view poolText(std::uint32_t offset, std::uint32_t length) const {
+        return std::string_view(mPool.data() + offset, length);
+    }
+
+    std::vector<Entry> mEntries;
+    std::string mPool;
 };
 
 // "a string", "a dictionary", ...: how a kind of value is named in messages.

@@ -191,6 +191,26 @@ TEST_F(KymCommand, EnvAppliesTheListsOfTheChosenConventionsAndExplainsEveryLayer
     EXPECT_TRUE(boost::contains(out({"--platform", "posix", "env", "Design", "nx"}), "\nCAD_HOME=/opt/cad\n"));
 }
 
+TEST_F(KymCommand, SettledSettingsAreReadFromTheirKeptTablesAndAnEditIsSeenAtOnce) {
+    ScopedEnv cacheHome("XDG_CACHE_HOME", std::nullopt);
+    makeDepartments();
+    ok({{"app", "add", "dept:Design", "nx", "--program", "/bin/true", "--no-libraries"},
+        {"var", "set", "base", "UGII_LANG", "english"}});
+    // Only files that have not changed for a moment are kept.
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+    const std::string first = out({"env", "Design", "nx"});
+    EXPECT_TRUE(boost::contains(first, "\nUGII_LANG=english\n")) << first;
+    EXPECT_FALSE(fs::is_empty(home / ".cache" / "kym"));
+    const Outcome again = kym({"-vv", "env", "Design", "nx"});
+    EXPECT_EQ(again.out, first);
+    EXPECT_TRUE(boost::contains(again.err, "baseSettings.dat as kept in")) << again.err;
+
+    ok({{"var", "set", "base", "UGII_LANG", "german"}});
+    EXPECT_TRUE(boost::contains(out({"env", "Design", "nx"}), "\nUGII_LANG=german\n"));
+    ScopedEnv off("KYM_CACHE", std::string("off"));
+    EXPECT_FALSE(boost::contains(kym({"-vv", "env", "Design", "nx"}).err, "as kept in"));
+}
+
 TEST_F(KymCommand, LaunchStartsTheProgramWithTheAssembledEnvironmentAndRemembersTheDepartment) {
     ASSERT_TRUE(orphansReaped);
     makeDepartments();
