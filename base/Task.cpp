@@ -159,6 +159,7 @@ struct Spawn {
     int error = 0;
 };
 
+// Runs in the middle process, or in the caller itself when it ends right after.
 int spawnFromMiddle(void* data) {
     Spawn& spawn = *static_cast<Spawn*>(data);
     spawn.error = ::posix_spawn(&spawn.pid, spawn.program, spawn.actions, spawn.attributes, spawn.argv, spawn.envp);
@@ -222,6 +223,11 @@ long Task::launch() {
     // middle, hence every signal is blocked around it.
     Spawn spawn{program.c_str(), &setup.actions, &setup.attributes, argv.data(),
                 mHasEnvironment ? envp.data() : environ};
+    if (mCallerEndsAfterStart) {
+        spawnFromMiddle(&spawn);
+        if (spawn.error != 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, spawn.error);
+        return spawn.pid;
+    }
     constexpr std::size_t MiddleStackSize = 64 * 1024;
     std::unique_ptr<char[]> middleStack(new char[MiddleStackSize]);
     sigset_t all, previous;

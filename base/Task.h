@@ -21,6 +21,11 @@ public:
     void setCurrentDirectoryPath(const boost::filesystem::path& directory) { mCurrentDirectory = directory; }
     // The complete environment of the child, replacing the inherited one.
     void setEnvironment(std::map<std::string, std::string> environment);
+    // For a caller that ends right after the start, such as a command-line
+    // launcher: the program is started as the caller's own child, which the
+    // system adopts when the caller ends, instead of through a middle
+    // process that keeps a long-running caller free of zombies. POSIX only.
+    void setCallerEndsAfterStart(bool ends) { mCallerEndsAfterStart = ends; }
 
     const boost::filesystem::path& launchPath() const { return mLaunchPath; }
     const std::vector<std::string>& arguments() const { return mArguments; }
@@ -37,6 +42,7 @@ private:
     std::vector<std::string> mArguments;
     boost::filesystem::path mCurrentDirectory;
     bool mHasEnvironment = false;
+    bool mCallerEndsAfterStart = false;
     std::map<std::string, std::string> mEnvironment;
 };
 

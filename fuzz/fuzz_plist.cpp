@@ -3,6 +3,7 @@
 // come back unchanged through the writer and the reader.
 #include "base/BaseException.h"
 #include "base/PropertyList.h"
+#include "base/plist/Document.h"
 
 #include <boost/any.hpp>
 #include <cmath>
@@ -60,5 +61,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // BaseException here escapes on purpose.
     const std::string written = PropertyList::serialize(value);
     if (!same(value, PropertyList::parse(written, "fuzz round trip"))) std::abort();
+    // The table of a checked document, kept and taken back, reads the same.
+    const Base::plist::Document document(text, "fuzz input");
+    const auto kept = Base::plist::Document::fromTable(document.entries(), document.pool());
+    if (!kept || !same(value, kept->root().toAny())) std::abort();
     return 0;
 }

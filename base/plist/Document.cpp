@@ -515,7 +515,7 @@ Document::Document(const std::string& text, const std::string& sourceName) {
 
 std::unique_ptr<Document> Document::fromTable(std::vector<Entry> entries, std::string pool) {
     if (entries.empty() || entries.size() >= std::numeric_limits<std::uint32_t>::max() ||
-        entries.front().end != entries.size())
+        entries.front().end != entries.size() || pool.find('\0') != std::string::npos)
         return nullptr;
     const auto inPool = [&pool](std::uint32_t offset, std::uint32_t length) {
         return std::uint64_t(offset) + length <= pool.size();
@@ -526,7 +526,7 @@ std::unique_ptr<Document> Document::fromTable(std::vector<Entry> entries, std::s
         while (index == open.back()) open.pop_back();
         const Entry& entry = entries[index];
         if (entry.kind > static_cast<std::uint32_t>(Kind::Data) || entry.end <= index || entry.end > open.back() ||
-            !inPool(entry.key, entry.keyLength))
+            !inPool(entry.key, entry.keyLength) || !isValidUtf8(std::string_view(pool.data() + entry.key, entry.keyLength)))
             return nullptr;
         const Kind kind = static_cast<Kind>(entry.kind);
         if (kind == Kind::Dictionary || kind == Kind::Array) {
@@ -539,10 +539,13 @@ std::unique_ptr<Document> Document::fromTable(std::vector<Entry> entries, std::s
         if (kind == Kind::Boolean) continue;
         if (!inPool(entry.text, entry.textLength)) return nullptr;
         const std::string_view text(pool.data() + entry.text, entry.textLength);
+        if (!isValidUtf8(text)) return nullptr;
         std::variant<std::int64_t, std::uint64_t> integer;
         double real = 0;
         if (kind == Kind::Integer && parseInteger(text, integer) != NumberStatus::Ok) return nullptr;
         if (kind == Kind::Real && parseReal(text, real) != NumberStatus::Ok) return nullptr;
+        std::vector<unsigned char> bytes;
+        if (kind == Kind::Data && !decodeBase64(std::string(text), bytes)) return nullptr;
     }
     std::unique_ptr<Document> document(new Document);
     document->mEntries = std::move(entries);

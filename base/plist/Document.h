@@ -85,7 +85,8 @@ public:
     Document(const std::string& text, const std::string& sourceName);
     // A document from the table and pool of another one; null unless they
     // form a sound document (every offset in range, values properly nested,
-    // numbers readable), so a damaged copy is refused rather than read.
+    // texts UTF-8 without NUL, numbers and data readable), so a damaged copy is refused
+    // rather than read.
     static std::unique_ptr<Document> fromTable(std::vector<Entry> entries, std::string pool);
     Document(const Document&) = delete;
     Document& operator=(const Document&) = delete;

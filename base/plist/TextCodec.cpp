@@ -27,7 +27,7 @@ bool isContinuation(unsigned char c) {
 
 } // namespace
 
-std::size_t invalidUtf8Offset(const std::string& text) {
+std::size_t invalidUtf8Offset(std::string_view text) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
     const std::size_t size = text.size();
     std::size_t i = 0;
@@ -68,7 +68,7 @@ std::size_t invalidUtf8Offset(const std::string& text) {
     return std::string::npos;
 }
 
-bool isValidUtf8(const std::string& text) {
+bool isValidUtf8(std::string_view text) {
     return invalidUtf8Offset(text) == std::string::npos;
 }
 

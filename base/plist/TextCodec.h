@@ -13,8 +13,8 @@ namespace plist {
 // Offset of the first byte that does not belong to well-formed UTF-8
 // (overlong forms, surrogates and code points above U+10FFFF included), or
 // std::string::npos when the whole text is well-formed.
-std::size_t invalidUtf8Offset(const std::string& text);
-bool isValidUtf8(const std::string& text);
+std::size_t invalidUtf8Offset(std::string_view text);
+bool isValidUtf8(std::string_view text);
 
 // Appends the UTF-8 form of a code point that is a Unicode scalar value.
 void appendUtf8(std::string& out, char32_t codePoint);

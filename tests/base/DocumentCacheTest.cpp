@@ -65,6 +65,7 @@ TEST(DocumentTable, ADamagedTableIsRefused) {
         {"key beyond the pool", [&](auto& e) { e[leaf].key = poolSize; e[leaf].keyLength = 1; }},
         {"text beyond the pool", [&](auto& e) { e[leaf].textLength = poolSize; }},
         {"unreadable number", [&](auto& e) { e[leaf].text = 0; e[leaf].textLength = 4; }},
+        {"unreadable data", [&](auto& e) { e[leaf].kind = std::uint32_t(Kind::Data); e[leaf].textLength = 1; }},
         {"empty table", [](auto& e) { e.clear(); }},
     };
     for (const auto& [what, damage] : damages) {
@@ -72,6 +73,11 @@ TEST(DocumentTable, ADamagedTableIsRefused) {
         damage(entries);
         EXPECT_FALSE(Document::fromTable(entries, pool)) << what;
     }
+    std::vector<Entry> halfCharacter = sound;
+    halfCharacter[leaf] = Entry{std::uint32_t(Kind::String), halfCharacter[leaf].end, 0, 0, poolSize, 1};
+    EXPECT_TRUE(Document::fromTable(halfCharacter, pool + "e"));
+    EXPECT_FALSE(Document::fromTable(halfCharacter, pool + "\xC3\xA9")) << "a text that is not UTF-8";
+    EXPECT_FALSE(Document::fromTable(sound, pool + std::string(1, '\0'))) << "a NUL";
     // As deep as a property list may nest, and no deeper.
     const auto nestedArrays = [](std::uint32_t depth) {
         std::vector<Entry> entries;
