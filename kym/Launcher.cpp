@@ -4,6 +4,7 @@
 #include "kym/ConfigApplication.h"
 #include "kym/Configuration.h"
 #include "kym/PluginsManager.h"
+#include "kym/SettingsProtocol.h"
 #include "kym/SiteSettings.h"
 #include "kym/SystemInfo.h"
 #include "kym/Time.h"
@@ -22,9 +23,11 @@
 #include <boost/regex.hpp>
 
 #include <algorithm>
+#include <array>
 #include <locale>
 #include <stdexcept>
 #include <string_view>
+#include <tuple>
 #include <unordered_set>
 #include <utility>
 
@@ -51,6 +54,8 @@ const char* const RootDirVariable = "UGII_ROOT_DIR";
 const char* const LibraryVariable = "UGII_LIB1";
 const char* const UserDefaultsVariable = "UGII_LOCAL_USER_DEFAULTS";
 const char* const UserDefaultsFileName = "nx90_user.dpv";
+// The variables the launcher appends after the layers, and PATH, which the application may add.
+constexpr std::size_t LauncherVariableCount = 11;
 
 const Base::Platform& conventions() {
     return Base::Platform::current();
@@ -78,12 +83,20 @@ std::string collapseDoubledSeparators(const std::string& text) {
     return boost::regex_replace(text, doubledSeparator(), "$1");
 }
 
-bool isLetter(char c) {
+constexpr bool isLetter(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
+// Looked up in a table: every name of the environment is checked.
 bool isWordCharacter(char c) {
-    return isLetter(c) || (c >= '0' && c <= '9') || c == '_';
+    static constexpr auto wordCharacters = [] {
+        std::array<bool, 256> table{};
+        for (int code = 0; code < 256; ++code)
+            table[static_cast<std::size_t>(code)] = isLetter(static_cast<char>(code)) ||
+                                                    (code >= '0' && code <= '9') || code == '_';
+        return table;
+    }();
+    return wordCharacters[static_cast<unsigned char>(c)];
 }
 
 // Splits at the separator, drops empty pieces and exact repeats (the first
@@ -121,21 +134,23 @@ bool ownedByCurrentUser(const fs::path& file) {
 
 bool Launcher::isValidVariableName(const std::string& name) {
     if (!name.empty() && !isLetter(name[0])) return false;
+    if (std::all_of(name.begin(), name.end(), [](char c) { return isWordCharacter(c); })) return true;
     // Lets COMMONPROGRAMFILES(X86) and its kind through, parentheses and all.
-    if (name.find("X86") != std::string::npos) return true;
-    return std::all_of(name.begin(), name.end(), isWordCharacter);
+    return name.find("X86") != std::string::npos;
 }
 
 bool Launcher::isPathVariable(const std::string& name) {
-    return name.find("PATH") != std::string::npos && name.find("CLASSPATH") == std::string::npos;
+    const std::string_view view(name);
+    return view.find("PATH") != std::string_view::npos && view.find("CLASSPATH") == std::string_view::npos;
 }
 
 void Launcher::normalizeSeparators(std::string& value) {
-    if (value.find("http:") != std::string::npos) return;
-    if (conventions().isWindows())
-        std::replace(value.begin(), value.end(), '/', '\\');
-    else
-        std::replace(value.begin(), value.end(), '\\', '/');
+    const bool windows = conventions().isWindows();
+    const char foreign = windows ? '/' : '\\';
+    // Most values hold no foreign separator, and then there is nothing to look for.
+    const std::size_t first = std::string_view(value).find(foreign);
+    if (first == std::string_view::npos || value.find("http:") != std::string::npos) return;
+    std::replace(value.begin() + static_cast<std::ptrdiff_t>(first), value.end(), foreign, windows ? '\\' : '/');
 }
 
 std::string Launcher::cleanPathList(const std::string& value) {
@@ -165,14 +180,16 @@ void Launcher::addCurrentEnvVarsToMap(Variables& vars) const {
     BASE_LOG(Base::log::info()) << "Adding the current environment variables";
     const bool upperCase = conventions().upperCaseProcessNames();
     const std::locale locale;
-    for (const std::string& entry : Base::Environment::environmentStrings()) {
+    for (std::string& entry : Base::Environment::environmentStrings()) {
         BASE_LOG(Base::log::verbose()) << "Processing variable: " << entry;
         const std::string::size_type equals = entry.find('=');
         if (equals == std::string::npos) continue;
-        std::string name = entry.substr(0, equals);
-        if (upperCase) boost::algorithm::to_upper(name, locale);
-        BASE_LOG(Base::log::verbose()) << "Setting " << name << "=" << entry.substr(equals + 1);
-        vars.emplace_back(name, entry.substr(equals + 1));
+        EnvironmentVariable& variable = vars.emplace_back();
+        variable.name.assign(entry, 0, equals);
+        if (upperCase) boost::algorithm::to_upper(variable.name, locale);
+        // The entry is ours: what follows the "=" becomes the value without a copy.
+        variable.value = std::move(entry.erase(0, equals + 1));
+        BASE_LOG(Base::log::verbose()) << "Setting " << variable.name << "=" << variable.value;
     }
 }
 
@@ -218,6 +235,7 @@ void Launcher::mergeLayers(const Configuration& config, const Configuration* com
     auto merged = [&vars, observer](const std::string& layer) {
         if (observer) observer->layerMerged(layer, vars);
     };
+    const SettingsProtocol::SharedNameIndex names(vars);
     addCurrentEnvVarsToMap(vars);
     merged("process");
     SiteInformation().mergeEnvVariables(vars);
@@ -227,17 +245,22 @@ void Launcher::mergeLayers(const Configuration& config, const Configuration* com
     if (customized) {
         BaseInformation().mergeEnvVariables(vars);
         merged("base");
-        PluginsManager& plugins = PluginsManagement();
-        if (!observer) {
-            plugins.mergeEnvVariables(config, vars);
-        } else {
-            // The same walk as the registry's own merge, told plugin by plugin.
-            for (int index = 0; index < plugins.numberOfPlugins(); ++index) {
-                const PluginSettings& plugin = *plugins.plugin(index, false);
-                if (!plugins.appliesTo(config, plugin)) continue;
-                plugin.mergeEnvVariables(vars);
-                merged("plugin " + plugin.name());
-            }
+        // The same walk as the registry's own merge, told plugin by plugin.
+        PluginsManager& registry = PluginsManagement();
+        std::vector<const PluginSettings*> plugins;
+        for (int index = 0; index < registry.numberOfPlugins(); ++index) {
+            const PluginSettings* plugin = registry.plugin(index, false);
+            if (registry.appliesTo(config, *plugin)) plugins.push_back(plugin);
+        }
+        // Room at once for what the remaining layers can add.
+        std::size_t remaining = app.mergedVariableCount() + config.settings()->mergedVariableCount() + LauncherVariableCount;
+        if (commonConfig) remaining += commonConfig->settings()->mergedVariableCount();
+        for (const PluginSettings* plugin : plugins) remaining += plugin->mergedVariableCount();
+        vars.reserve(vars.size() + remaining);
+
+        for (const PluginSettings* plugin : plugins) {
+            plugin->mergeEnvVariables(vars);
+            if (observer) merged("plugin " + plugin->name());
         }
         if (commonConfig) {
             BASE_LOG(Base::log::info()) << "Merging common configuration variables";
@@ -267,24 +290,37 @@ void Launcher::buildEnvVarMap(const Configuration& config, const Configuration* 
     Variables vars;
     mergeLayers(config, commonConfig, app, vars, observer);
 
-    // Later entries win; an empty value unsets what an earlier layer set.
-    for (EnvironmentVariable& variable : vars) {
-        BASE_LOG(Base::log::verbose()) << "variable name = " << variable.name;
-        if (!isValidVariableName(variable.name)) {
-            BASE_LOG(Base::log::verbose()) << "INVALID";
-            continue;
+    // Checked in list order for the log; the map is built from the end.
+    Base::log::Logger& verbose = Base::log::verbose();
+    if (verbose.isEnabled()) {
+        for (const EnvironmentVariable& variable : vars) {
+            BASE_LOG(verbose) << "variable name = " << variable.name;
+            BASE_LOG(verbose) << (isValidVariableName(variable.name) ? "VALID" : "INVALID");
         }
-        BASE_LOG(Base::log::verbose()) << "VALID";
-        if (variable.value.empty())
-            env.erase(variable.name);
-        else
-            env.insert_or_assign(std::move(variable.name), std::move(variable.value));
     }
-    vars.clear();
+    // Later entries win: walked from the end, the first entry of a name
+    // decides it, so no entry is ever overwritten. An empty value unsets the
+    // name; its entry keeps the earlier ones and the caller's out until the
+    // walk is over.
+    EnvironmentMap given;
+    given.swap(env);
+    std::vector<EnvironmentMap::iterator> unset;
+    for (auto variable = vars.rbegin(); variable != vars.rend(); ++variable) {
+        if (!isValidVariableName(variable->name)) continue;
+        const bool empty = variable->value.empty();
+        // Piecewise, the node takes the moved strings first and one search places it.
+        const auto [entry, added] = env.emplace(std::piecewise_construct, std::forward_as_tuple(std::move(variable->name)),
+                                                std::forward_as_tuple(std::move(variable->value)));
+        if (added && empty) unset.push_back(entry);
+    }
+    env.merge(given);
+    for (const auto& entry : unset) env.erase(entry);
+    // Released before the expansion allocates its results.
+    Variables().swap(vars);
 
     BASE_LOG(Base::log::info()) << "Evaluating the completed environment";
     for (auto& [name, value] : env) {
-        BASE_LOG(Base::log::verbose()) << "  Expanding variable " << name << "=" << value;
+        BASE_LOG(verbose) << "  Expanding variable " << name << "=" << value;
         try {
             // Entries expanded before are seen expanded by the later ones.
             Base::Environment::expandEnvVariables(value, env);
@@ -428,6 +464,7 @@ void Launcher::launchApplication(const Configuration& config, const Configuratio
     // Set for every launch, whatever the layers said.
     env[UserDefaultsVariable] = directory + conventions().pathSeparator() + UserDefaultsFileName;
     task.setEnvironment(std::move(env));
+    task.setCallerEndsAfterStart(mCallerEndsAfterLaunch);
     task.launch();
     BASE_LOG(Base::log::info()) << "Application " << native(task.launchPath()) << " has started.";
 }

@@ -48,6 +48,11 @@ public:
     // Removes the department's stale journals, logs and temporary parts from the temporary directories.
     void removeLogFiles(const Configuration& config) const;
 
+    // For a caller that ends right after a launch (a command-line front end):
+    // the program is started as its own child, without the middle process
+    // that spares a long-running caller zombies. Off by default.
+    void setCallerEndsAfterLaunch(bool ends) { mCallerEndsAfterLaunch = ends; }
+
     // Starts the application, in the work directory when one is given. Does not wait for it.
     void launchApplication(const Configuration& config, const Configuration* commonConfig, const ConfigApplication& app,
                            const WorkDirectory* workDir) const;
@@ -74,6 +79,8 @@ private:
     void setCustomerDefaultVariables(const Configuration& config, std::vector<EnvironmentVariable>& vars) const;
     void mergeLayers(const Configuration& config, const Configuration* commonConfig, const ConfigApplication& app,
                      std::vector<EnvironmentVariable>& vars, LayerObserver* observer) const;
+
+    bool mCallerEndsAfterLaunch = false;
 };
 
 } // namespace Kym

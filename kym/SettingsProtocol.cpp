@@ -9,8 +9,12 @@
 #include <boost/regex.hpp>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <stdexcept>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 
 namespace Kym {
@@ -31,9 +35,17 @@ boost::regex selfReferencePattern(const std::string& name) {
 
 // Letters, digits and "_" only: such a name is the same as a pattern and as plain text.
 bool isPlainName(const std::string& name) {
+    // Looked up in a table: every merged name is checked.
+    static constexpr auto wordCharacters = [] {
+        std::array<bool, 256> table{};
+        for (int c = 0; c < 256; ++c)
+            table[static_cast<std::size_t>(c)] =
+                (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
+        return table;
+    }();
     if (name.empty()) return false;
     for (char c : name)
-        if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_')) return false;
+        if (!wordCharacters[static_cast<unsigned char>(c)]) return false;
     return true;
 }
 
@@ -65,19 +77,105 @@ std::string substituteSelfReferences(const std::string& value, const std::string
     return result;
 }
 
-// For each name of a layer, the index of the first element of that name in
-// the target list, or Absent; the views point into the layer's own records.
-using NameIndex = std::unordered_map<std::string_view, std::size_t>;
-constexpr std::size_t Absent = static_cast<std::size_t>(-1);
+// The variable's value with its self-references replaced by the current
+// value (none: the empty text); backslashes of the current value are doubled
+// for the pattern substitution, where a backslash escapes.
+std::string substitutedValue(const EnvironmentVariable& variable, bool plainName, const std::string* current) {
+    if (plainName && (!current || current->find('$') == std::string::npos))
+        return substituteSelfReferences(variable.value, variable.name, current ? *current : std::string());
+    // A "$" in the current value would be a format sequence of the replacement.
+    const std::string escaped = current ? boost::algorithm::replace_all_copy(*current, "\\", "\\\\") : std::string();
+    return boost::regex_replace(variable.value, selfReferencePattern(variable.name), escaped);
+}
 
-// A found element's value stands for the self-references; backslashes are
-// doubled for the pattern substitution, where a backslash escapes.
+// The position of the first element of each name in a list that only grows
+// at its end. Open addressing over (hash, position) pairs: nothing is
+// allocated per name, and positions, unlike views of the names, survive the
+// list's reallocation.
+class NameIndex {
+public:
+    static constexpr std::size_t Absent = static_cast<std::size_t>(-1);
+
+    explicit NameIndex(const Variables& list) : mList(list), mSlots(MinimumSlots), mMask(MinimumSlots - 1) { catchUp(); }
+
+    bool indexes(const Variables& list) const { return &list == &mList; }
+
+    static std::uint32_t hash(const std::string& name) {
+        return static_cast<std::uint32_t>(std::hash<std::string_view>()(name));
+    }
+
+    // Takes in the elements appended to the list since the last look.
+    void catchUp() {
+        makeRoom(mList.size());
+        for (; mIndexed < mList.size(); ++mIndexed) {
+            const std::uint32_t code = hash(mList[mIndexed].name);
+            if (find(mList[mIndexed].name, code) == Absent) insert(code, mIndexed);
+        }
+    }
+
+    std::size_t find(const std::string& name, std::uint32_t code) const {
+        for (std::size_t slot = code & mMask;; slot = (slot + 1) & mMask) {
+            const Slot& candidate = mSlots[slot];
+            if (candidate.position == 0) return Absent;
+            if (candidate.code == code && mList[candidate.position - 1].name == name) return candidate.position - 1;
+        }
+    }
+
+    // For the element just appended, whose name the list did not hold.
+    void appended(std::uint32_t code) {
+        if (2 * (mIndexed + 1) > mSlots.size()) makeRoom(mIndexed + 1);
+        insert(code, mIndexed++);
+    }
+
+private:
+    struct Slot {
+        std::uint32_t code = 0;
+        std::uint32_t position = 0;  // one past the element's; 0 for a free slot
+    };
+    static constexpr std::size_t MinimumSlots = 64;
+
+    // At most half the slots taken keeps the probe sequences short.
+    void makeRoom(std::size_t count) {
+        std::size_t size = mSlots.size();
+        if (2 * count <= size) return;
+        while (size < 2 * count) size *= 2;
+        if (size > std::numeric_limits<std::uint32_t>::max())
+            throw std::length_error("too many variables to index by name");
+        std::vector<Slot> old(size);
+        old.swap(mSlots);
+        mMask = size - 1;
+        for (const Slot& slot : old)
+            if (slot.position != 0) place(slot);
+    }
+
+    void insert(std::uint32_t code, std::size_t position) {
+        place(Slot{code, static_cast<std::uint32_t>(position + 1)});
+    }
+
+    void place(const Slot& slot) {
+        std::size_t at = slot.code & mMask;
+        while (mSlots[at].position != 0) at = (at + 1) & mMask;
+        mSlots[at] = slot;
+    }
+
+    const Variables& mList;
+    std::vector<Slot> mSlots;
+    std::size_t mMask;
+    std::size_t mIndexed = 0;
+};
+
+// The index the launcher keeps over its working list while it merges the layers.
+thread_local NameIndex* sharedIndex = nullptr;
+
+// A found element's value stands for the self-references.
 void mergeInto(const EnvironmentVariable& variable, Variables& list, NameIndex* index) {
     BASE_LOG(Base::log::verbose()) << "  merging " << variable.name;
+    std::uint32_t code = 0;
     Variables::iterator existing;
     if (index) {
-        const std::size_t position = index->at(variable.name);
-        existing = position == Absent ? list.end() : list.begin() + static_cast<std::ptrdiff_t>(position);
+        code = NameIndex::hash(variable.name);
+        const std::size_t position = index->find(variable.name, code);
+        existing = position == NameIndex::Absent ? list.end() : list.begin() + static_cast<std::ptrdiff_t>(position);
     } else {
         existing = findByName(list, variable.name);
     }
@@ -86,27 +184,28 @@ void mergeInto(const EnvironmentVariable& variable, Variables& list, NameIndex* 
         BASE_LOG(Base::log::verbose()) << "    current value: " << boost::algorithm::replace_all_copy(*current, "\\", "\\\\");
     }
 
-    std::string newValue;
-    if (isPlainName(variable.name) && variable.value.find('$') == std::string::npos) {
-        newValue = variable.value;
-    } else if (isPlainName(variable.name) && (!current || current->find('$') == std::string::npos)) {
-        newValue = substituteSelfReferences(variable.value, variable.name, current ? *current : std::string());
-    } else {
-        // A "$" in the current value would be a format sequence of the replacement.
-        const std::string escaped = current ? boost::algorithm::replace_all_copy(*current, "\\", "\\\\") : std::string();
-        newValue = boost::regex_replace(variable.value, selfReferencePattern(variable.name), escaped);
-    }
-    BASE_LOG(Base::log::verbose()) << "    value = " << newValue;
+    // Most values refer to nothing and are taken as they are.
+    const bool plainName = isPlainName(variable.name);
+    const bool substitutes = !plainName || std::string_view(variable.value).find('$') != std::string::npos;
+    std::string substituted;
+    if (substitutes) substituted = substitutedValue(variable, plainName, current);
+    BASE_LOG(Base::log::verbose()) << "    value = " << (substitutes ? substituted : variable.value);
     if (existing == list.end()) {
-        EnvironmentVariable added(variable.name, variable.type);
-        added.value = std::move(newValue);
-        added.comment = variable.comment;
-        list.push_back(std::move(added));
-        if (index) index->at(variable.name) = list.size() - 1;
+        if (substitutes) {
+            EnvironmentVariable& added = list.emplace_back(variable.name, variable.type);
+            added.value = std::move(substituted);
+            added.comment = variable.comment;
+        } else {
+            list.push_back(variable);
+        }
+        if (index) index->appended(code);
     } else {
         BASE_LOG(Base::log::verbose()) << "    replacing existing value";
         existing->comment = variable.comment;
-        existing->value = std::move(newValue);
+        if (substitutes)
+            existing->value = std::move(substituted);
+        else
+            existing->value = variable.value;
         BASE_LOG(Base::log::verbose()) << "    new value: " << existing->value;
     }
 }
@@ -201,29 +300,44 @@ void SettingsProtocol::setVariableListsEdited(bool edited) {
     mWinVariablesSource.setEdited(edited);
 }
 
-void SettingsProtocol::mergeUserEnvVariables(std::vector<EnvironmentVariable>& list) const {
-    const auto& platformVariables = Base::Platform::current().isWindows() ? mWinVariables : mUnixVariables;
-    const std::size_t count = mCommonVariables.size() + platformVariables.size();
-    if (count < IndexedMergeThreshold) {
-        for (const EnvironmentVariable& variable : mCommonVariables) mergeInto(variable, list, nullptr);
-        for (const EnvironmentVariable& variable : platformVariables) mergeInto(variable, list, nullptr);
-        return;
-    }
-    // One pass over the list finds every name of the layer; the list's own names are not copied.
+struct SettingsProtocol::SharedNameIndexState {
+    explicit SharedNameIndexState(const Variables& list) : index(list), outer(sharedIndex) {}
     NameIndex index;
-    index.reserve(count);
-    for (const EnvironmentVariable& variable : mCommonVariables) index.emplace(variable.name, Absent);
-    for (const EnvironmentVariable& variable : platformVariables) index.emplace(variable.name, Absent);
-    std::size_t unresolved = index.size();
-    for (std::size_t position = 0; position < list.size() && unresolved > 0; ++position) {
-        const auto found = index.find(list[position].name);
-        if (found != index.end() && found->second == Absent) {
-            found->second = position;
-            --unresolved;
-        }
+    NameIndex* outer;
+};
+
+SettingsProtocol::SharedNameIndex::SharedNameIndex(const Variables& list)
+    : mState(std::make_unique<SharedNameIndexState>(list)) {
+    sharedIndex = &mState->index;
+}
+
+SettingsProtocol::SharedNameIndex::~SharedNameIndex() {
+    sharedIndex = mState->outer;
+}
+
+const Variables& SettingsProtocol::platformVariableList() const {
+    return Base::Platform::current().isWindows() ? mWinVariables : mUnixVariables;
+}
+
+std::size_t SettingsProtocol::mergedVariableCount() const {
+    return mCommonVariables.size() + platformVariableList().size();
+}
+
+void SettingsProtocol::mergeUserEnvVariables(std::vector<EnvironmentVariable>& list) const {
+    const Variables& platformVariables = platformVariableList();
+    auto mergeAll = [&](NameIndex* index) {
+        for (const EnvironmentVariable& variable : mCommonVariables) mergeInto(variable, list, index);
+        for (const EnvironmentVariable& variable : platformVariables) mergeInto(variable, list, index);
+    };
+    if (sharedIndex && sharedIndex->indexes(list)) {
+        sharedIndex->catchUp();
+        mergeAll(sharedIndex);
+    } else if (mergedVariableCount() < IndexedMergeThreshold) {
+        mergeAll(nullptr);
+    } else {
+        NameIndex index(list);
+        mergeAll(&index);
     }
-    for (const EnvironmentVariable& variable : mCommonVariables) mergeInto(variable, list, &index);
-    for (const EnvironmentVariable& variable : platformVariables) mergeInto(variable, list, &index);
 }
 
 void SettingsProtocol::mergeVariable(const EnvironmentVariable& variable, std::vector<EnvironmentVariable>& list) {

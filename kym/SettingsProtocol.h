@@ -6,6 +6,7 @@
 #include "kym/EnvironmentVariable.h"
 #include "kym/KymExport.h"
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -73,6 +74,29 @@ protected:
     EnvVariableListSource mWinVariablesSource;
 
 private:
+    // The launcher merges every layer into one list.
+    friend class Launcher;
+
+    struct SharedNameIndexState;
+    // While one lives, the merges into its list look names up in one index
+    // that follows the list from layer to layer instead of indexing it anew
+    // for each. Between merges the list may only grow at its end: the names
+    // it holds must stay where they are.
+    class SharedNameIndex {
+    public:
+        explicit SharedNameIndex(const std::vector<EnvironmentVariable>& list);
+        ~SharedNameIndex();
+        SharedNameIndex(const SharedNameIndex&) = delete;
+        SharedNameIndex& operator=(const SharedNameIndex&) = delete;
+
+    private:
+        std::unique_ptr<SharedNameIndexState> mState;
+    };
+
+    // The list merged after the common one under the active launch conventions.
+    const std::vector<EnvironmentVariable>& platformVariableList() const;
+    // How many variables mergeUserEnvVariables merges.
+    std::size_t mergedVariableCount() const;
     void takeEditedMarks(const SettingsProtocol& other);
 };
 

@@ -245,6 +245,13 @@ int checkApplication(Context& context, const Target& target) {
     return 0;
 }
 
+// kym ends right after a start, and the system adopts the program then.
+Kym::Launcher commandLineLauncher() {
+    Kym::Launcher launcher;
+    launcher.setCallerEndsAfterLaunch(true);
+    return launcher;
+}
+
 int launch(Context& context, const Target& target, const std::string& workDirectoryName) {
     Session session = openSession(target.department());
     const std::vector<OfferedApplication> offered = offeredApplications(*session.department, session.common.get());
@@ -266,8 +273,8 @@ int launch(Context& context, const Target& target, const std::string& workDirect
                                      (names.empty() ? std::string("It has none.")
                                                     : "It has: " + boost::algorithm::join(names, ", ") + "."));
     }
-    Kym::Launcher().launchApplication(*session.department, session.common.get(), application,
-                                      workDirectory ? &*workDirectory : nullptr);
+    commandLineLauncher().launchApplication(*session.department, session.common.get(), application,
+                                            workDirectory ? &*workDirectory : nullptr);
     Json value = Json::object();
     value.set("started", true);
     value.set("department", session.name());
@@ -315,7 +322,7 @@ int run(Context& context, const std::vector<std::string>& words, bool addLibrari
     Session session = openSession(words.empty() ? std::string() : words.front());
     const std::string program = resolveProgram(session, context.programCommand.front(), addLibraries);
     const std::vector<std::string> arguments(context.programCommand.begin() + 1, context.programCommand.end());
-    Kym::Launcher().launchApplication(*session.department, session.common.get(), program, arguments, addLibraries);
+    commandLineLauncher().launchApplication(*session.department, session.common.get(), program, arguments, addLibraries);
     Json value = Json::object();
     value.set("started", true);
     value.set("department", session.name());

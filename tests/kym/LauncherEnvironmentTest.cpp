@@ -1,8 +1,15 @@
 #include "LauncherScene.h"
 
+#include "kym/BaseSettings.h"
 #include "kym/ConfigApplication.h"
+#include "kym/PluginsManager.h"
+#include "kym/SiteSettings.h"
 
 #include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <stdexcept>
 
 using namespace LauncherTest;
 using Base::Platform;
@@ -22,6 +29,39 @@ struct OrderObserver : Kym::Launcher::LayerObserver {
 };
 
 Layer layerWith(const std::string& order) { return {{{"ORDER", order}}, {}, {}, {}}; }
+
+using Variables = std::vector<Kym::EnvironmentVariable>;
+
+// The whole list after each layer.
+struct ListObserver : Kym::Launcher::LayerObserver {
+    std::vector<std::pair<std::string, Variables>> lists;
+    void layerMerged(const std::string& layer, const Variables& vars) override { lists.emplace_back(layer, vars); }
+};
+
+// Names the other layers and the process share (PATH, SHARED_n), names of
+// the layer's own repeated within it, self-references and empty values.
+Variables mixedVariables(const std::string& tag, int count) {
+    Variables variables;
+    for (int k = 0; k < count; ++k) {
+        const std::string shared = "SHARED_" + std::to_string(k % 7);
+        if (k % 4 == 0)
+            variables.emplace_back("PATH", "$PATH;C:\\" + tag + std::to_string(k));
+        else if (k % 4 == 1)
+            variables.emplace_back(shared, "${" + shared + "}\\" + tag);
+        else if (k % 4 == 2)
+            variables.emplace_back(tag + "_" + std::to_string(k % 5), "C:\\" + tag + "\\" + std::to_string(k));
+        else
+            variables.emplace_back(shared, k % 8 == 3 ? "" : tag);
+    }
+    return variables;
+}
+
+const Kym::PluginSettings& pluginNamed(const std::string& name) {
+    Kym::PluginsManager& plugins = Kym::PluginsManagement();
+    for (int index = 0; index < plugins.numberOfPlugins(); ++index)
+        if (plugins.plugin(index, false)->name() == name) return *plugins.plugin(index, false);
+    throw std::runtime_error("no plugin " + name);
+}
 
 } // namespace
 
@@ -143,4 +183,68 @@ TEST(LauncherEnvironment, SymbolLibraryComesFromTheDepartmentThenTheCommonDepart
         KymTest::writeFile(directory / "symbol" / "symbol_library.txt", "");
         EXPECT_EQ(Scene::native(directory / "symbol"), symbolDirectory());
     }
+}
+
+TEST(LauncherEnvironment, EachLayerMergesIntoTheWorkingListAsItWouldMergeIntoACopyOfIt) {
+    // Small and large layers over names that the process holds twice (Path and PATH both become PATH), that the
+    // site appends before its own variables merge, and that the application's PATH prefix changes in place.
+    Scene scene(Platform::Windows, {{"Path", "C:\\first"}, {"PATH", "C:\\second"}, {"SHARED_1", "process"}});
+    scene.site.writeSiteSettings(siteFile("C:\\NX4", {{"UGII_HTML_BROWSER", "$UGII_HTML_BROWSER -new"},
+                                                       {"UGII_UGDOC_BASE_DIR", "${UGII_UGDOC_BASE_DIR}\\en"},
+                                                       {"PATH", "$PATH;C:\\site"}}));
+    scene.site.writeBaseSettings({mixedVariables("BASE", 30), {}, {}, {}});
+    scene.site.addInternalPlugin("alpha", "Site-wide", {mixedVariables("ALPHA", 5), {}, {}, {}});
+    scene.site.addInternalPlugin("beta", "Production", {{}, {}, mixedVariables("BETA", 20), {}});
+    const Kym::Configuration common = scene.department("Shared", {}, settingsWith(mixedVariables("COMMON", 12)));
+    const Kym::Configuration config =
+        scene.department("Design", propertiesWith("Shared"), settingsWith(mixedVariables("DEPT", 25)));
+    Kym::ConfigApplication app = application("x", "", mixedVariables("APP", 9));
+    app.addUGLibsToPath = true;
+    ListObserver observer;
+    build(config, &common, app, &observer);
+
+    const std::map<std::string, std::function<void(Variables&)>> alone = {
+        {"site", [](Variables& vars) { Kym::SiteInformation().mergeEnvVariables(vars); }},
+        {"base", [](Variables& vars) { Kym::BaseInformation().mergeEnvVariables(vars); }},
+        {"plugin alpha", [](Variables& vars) { pluginNamed("alpha").mergeEnvVariables(vars); }},
+        {"plugin beta", [](Variables& vars) { pluginNamed("beta").mergeEnvVariables(vars); }},
+        {"common department", [&](Variables& vars) { common.mergeEnvVariables(vars); }},
+        {"department", [&](Variables& vars) { config.mergeEnvVariables(vars); }},
+        {"application", [&](Variables& vars) { app.mergeEnvVariables(vars); }}};
+    Lines layers;
+    for (std::size_t index = 1; index < observer.lists.size(); ++index) {
+        const auto& [layer, merged] = observer.lists[index];
+        layers.push_back(layer);
+        if (!alone.count(layer)) continue;
+        Variables expected = observer.lists[index - 1].second;
+        alone.at(layer)(expected);
+        EXPECT_EQ(KymTest::variableTexts(expected), KymTest::variableTexts(merged)) << layer;
+    }
+    EXPECT_EQ((Lines{"site", "base", "plugin alpha", "plugin beta", "common department", "department", "application",
+                     "launcher"}),
+              layers);
+}
+
+TEST(LauncherEnvironment, TheLastEntryOfANameDecidesItAndTheCallersOtherEntriesStay) {
+    Scene scene(Platform::Posix, {{"GONE", "process"}, {"BACK", "process"}, {"KEPT", "process"}, {"A-B", "process"}});
+    const Kym::Configuration config =
+        scene.department("Design", {}, settingsWith({{"GONE", ""}, {"BACK", ""}, {"A-B", "department"}}));
+    const Kym::ConfigApplication app = application("x", "", {{"BACK", "application"}, {"LATE", "late"}});
+    Environment env{{"CALLER", "caller"}, {"GONE", "caller"}, {"KEPT", "caller"}, {"LATE", "caller"}};
+    ListObserver observer;
+    KymTest::LogRecorder log({"kym.verbose"});
+    Kym::Launcher().buildEnvVarMap(config, nullptr, app, env, &observer);
+
+    EXPECT_EQ((Lines{"caller", "application", "process", "late", "(none)", "(none)"}),
+              (Lines{env.at("CALLER"), env.at("BACK"), env.at("KEPT"), env.at("LATE"),
+                     env.count("GONE") ? env.at("GONE") : "(none)", env.count("A-B") ? env.at("A-B") : "(none)"}));
+    // Each entry of the finished list is checked and logged in list order.
+    Lines checked, expected;
+    for (const std::string& line : log.lines("kym.verbose"))
+        if (line.rfind("variable name = ", 0) == 0 || line == "VALID" || line == "INVALID") checked.push_back(line);
+    for (const auto& variable : observer.lists.back().second) {
+        expected.push_back("variable name = " + variable.name);
+        expected.push_back(Kym::Launcher::isValidVariableName(variable.name) ? "VALID" : "INVALID");
+    }
+    EXPECT_EQ(expected, checked);
 }

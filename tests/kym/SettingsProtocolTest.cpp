@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <memory>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -125,6 +126,28 @@ TEST(LayeredMerge, ALargeLayerMergesLikeOneVariableAfterTheOther) {
         for (const auto& v : list) referenceMerge(v, expected);
     layer.mergeUserEnvVariables(actual);
     EXPECT_EQ(entries(expected), entries(actual));
+}
+
+// Hundreds of names grow the index several times; names repeat in the list, within a layer and across layers.
+TEST(LayeredMerge, LayersOfHundredsOfNamesMergeLikeOneVariableAfterTheOther) {
+    Base::Platform::setCurrent(Base::Platform::Windows);
+    std::mt19937 random(7);
+    Variables expected;
+    for (int i = 0; i < 300; ++i)
+        expected.push_back(variable("N" + std::to_string(random() % 400), "C:\\list" + std::to_string(i)));
+    Variables actual = expected;
+    for (int round = 0; round < 4; ++round) {
+        Layer layer;
+        for (int i = 0; i < 250; ++i) {
+            const std::string name = "N" + std::to_string(random() % 600);
+            const std::string values[] = {"x" + std::to_string(i), "$" + name + ";\\y", "${" + name + "}" + name, ""};
+            layer.add(i % 2 ? layer.commonVariables() : layer.winVariables(), name, values[random() % 4]);
+        }
+        for (const Variables& list : {layer.commonVariableList(), layer.winVariableList()})
+            for (const auto& v : list) referenceMerge(v, expected);
+        layer.mergeUserEnvVariables(actual);
+        ASSERT_EQ(entries(expected), entries(actual)) << "round " << round;
+    }
 }
 
 TEST(SettingsProtocol, CopiesAndMovesShowTheirOwnListsAndKeepTheEditedMarks) {
