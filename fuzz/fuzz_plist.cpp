@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -63,7 +64,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!same(value, PropertyList::parse(written, "fuzz round trip"))) std::abort();
     // The table of a checked document, kept and taken back, reads the same.
     const Base::plist::Document document(text, "fuzz input");
-    const auto kept = Base::plist::Document::fromTable(document.entries(), document.pool());
+    const auto kept = Base::plist::Document::fromTable(
+        std::vector<Base::plist::Document::Entry>(document.entryData(), document.entryData() + document.entryCount()),
+        std::string(document.pool()));
     if (!kept || !same(value, kept->root().toAny())) std::abort();
     return 0;
 }

@@ -27,6 +27,29 @@ PluginSettings::PluginSettings(const PluginSettings& other)
     mApplicationSource.setList(other.mApplicationSource.isNull() ? nullptr : &mApplications);
 }
 
+// The registry keeps plugins in a vector: moved, not copied, when it grows.
+PluginSettings::PluginSettings(PluginSettings&& other) noexcept
+    : SettingsProtocol(std::move(other)),
+      mPluginType(std::move(other.mPluginType)),
+      mApplications(std::move(other.mApplications)),
+      mDataFile(std::move(other.mDataFile)),
+      mDirectory(std::move(other.mDirectory)),
+      mApplicationSource(other.mApplicationSource),
+      mNeedsSaving(other.mNeedsSaving) {
+    mApplicationSource.setList(other.mApplicationSource.isNull() ? nullptr : &mApplications);
+}
+
+PluginSettings& PluginSettings::operator=(PluginSettings&& other) noexcept {
+    SettingsProtocol::operator=(std::move(other));
+    mPluginType = std::move(other.mPluginType);
+    mApplications = std::move(other.mApplications);
+    mDataFile = std::move(other.mDataFile);
+    mDirectory = std::move(other.mDirectory);
+    mApplicationSource.setEdited(other.mApplicationSource.isEdited());
+    mNeedsSaving = other.mNeedsSaving;
+    return *this;
+}
+
 PluginSettings& PluginSettings::operator=(const PluginSettings& other) {
     SettingsProtocol::operator=(other);
     mPluginType = other.mPluginType;

@@ -29,7 +29,9 @@ public:
     // Defaults, then the directory's settings.dat loaded (a damaged one throws).
     explicit PluginSettings(const boost::filesystem::path& dir);
     PluginSettings(const PluginSettings& other);
+    PluginSettings(PluginSettings&& other) noexcept;
     PluginSettings& operator=(const PluginSettings& other);
+    PluginSettings& operator=(PluginSettings&& other) noexcept;
     ~PluginSettings() override;
 
     // The directory's leaf name and the directory.

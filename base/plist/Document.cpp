@@ -502,27 +502,48 @@ private:
 
 } // namespace
 
+namespace {
+
+// The table and pool of a document that owns them.
+struct OwnTable {
+    std::vector<Document::Entry> entries;
+    std::string pool;
+};
+
+} // namespace
+
 Document::Document(const std::string& text, const std::string& sourceName) {
     if (text.size() >= std::numeric_limits<std::uint32_t>::max())
         throw BaseException(messagePrefix(sourceName) + ": too large to read (" + std::to_string(text.size()) + " bytes)");
-    TableBuilder table(mEntries, mPool, text.size());
+    auto own = std::make_shared<OwnTable>();
+    TableBuilder table(own->entries, own->pool, text.size());
     Checker checker(text, sourceName, table);
     checker.checkBytes();
     pugi::xml_document parsed;
     checker.checkParse(parsed.load_buffer(text.data(), text.size(), parseOptionsFor(text), pugi::encoding_utf8));
     checker.root(parsed);
+    mEntries = own->entries.data();
+    mEntryCount = own->entries.size();
+    mPool = own->pool;
+    mKeeper = std::move(own);
 }
 
 std::unique_ptr<Document> Document::fromTable(std::vector<Entry> entries, std::string pool) {
-    if (entries.empty() || entries.size() >= std::numeric_limits<std::uint32_t>::max() ||
-        entries.front().end != entries.size() || pool.find('\0') != std::string::npos)
+    auto own = std::make_shared<OwnTable>(OwnTable{std::move(entries), std::move(pool)});
+    return fromTable(own->entries.data(), own->entries.size(), own->pool, own);
+}
+
+std::unique_ptr<Document> Document::fromTable(const Entry* entries, std::size_t count, std::string_view pool,
+                                               std::shared_ptr<const void> keeper) {
+    if (count == 0 || count >= std::numeric_limits<std::uint32_t>::max() || entries[0].end != count ||
+        pool.find('\0') != std::string_view::npos)
         return nullptr;
     const auto inPool = [&pool](std::uint32_t offset, std::uint32_t length) {
         return std::uint64_t(offset) + length <= pool.size();
     };
     // The ends of the open containers, innermost last.
-    std::vector<std::uint32_t> open{static_cast<std::uint32_t>(entries.size())};
-    for (std::uint32_t index = 0; index < entries.size(); ++index) {
+    std::vector<std::uint32_t> open{static_cast<std::uint32_t>(count)};
+    for (std::uint32_t index = 0; index < count; ++index) {
         while (index == open.back()) open.pop_back();
         const Entry& entry = entries[index];
         if (entry.kind > static_cast<std::uint32_t>(Kind::Data) || entry.end <= index || entry.end > open.back() ||
@@ -548,8 +569,10 @@ std::unique_ptr<Document> Document::fromTable(std::vector<Entry> entries, std::s
         if (kind == Kind::Data && !decodeBase64(std::string(text), bytes)) return nullptr;
     }
     std::unique_ptr<Document> document(new Document);
-    document->mEntries = std::move(entries);
-    document->mPool = std::move(pool);
+    document->mKeeper = std::move(keeper);
+    document->mEntries = entries;
+    document->mEntryCount = count;
+    document->mPool = pool;
     return document;
 }
 

@@ -85,24 +85,28 @@ public:
     Document(const std::string& text, const std::string& sourceName);
     // A document from the table and pool of another one; null unless they
     // form a sound document (every offset in range, values properly nested,
-    // texts UTF-8 without NUL, numbers and data readable), so a damaged copy is refused
-    // rather than read.
+    // texts UTF-8 without NUL, numbers and data readable), so a damaged copy
+    // is refused rather than read.
     static std::unique_ptr<Document> fromTable(std::vector<Entry> entries, std::string pool);
+    // The same over memory that keeper keeps (a mapped file, for example).
+    static std::unique_ptr<Document> fromTable(const Entry* entries, std::size_t count, std::string_view pool,
+                                               std::shared_ptr<const void> keeper);
     Document(const Document&) = delete;
     Document& operator=(const Document&) = delete;
 
     Node root() const { return Node(this, 0); }
-    const std::vector<Entry>& entries() const { return mEntries; }
-    const std::string& pool() const { return mPool; }
+    const Entry* entryData() const { return mEntries; }
+    std::size_t entryCount() const { return mEntryCount; }
+    std::string_view pool() const { return mPool; }
 
 private:
     Document() = default;
-    std::string_view poolText(std::uint32_t offset, std::uint32_t length) const {
-        return std::string_view(mPool.data() + offset, length);
-    }
+    std::string_view poolText(std::uint32_t offset, std::uint32_t length) const { return mPool.substr(offset, length); }
 
-    std::vector<Entry> mEntries;
-    std::string mPool;
+    std::shared_ptr<const void> mKeeper;  // owns what the table and the pool are in
+    const Entry* mEntries = nullptr;
+    std::size_t mEntryCount = 0;
+    std::string_view mPool;
 };
 
 // "a string", "a dictionary", ...: how a kind of value is named in messages.

@@ -12,10 +12,14 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #ifndef _WIN32
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #endif
 
 namespace fs = boost::filesystem;
@@ -66,7 +70,8 @@ bool identify(const fs::path& file, Identity& identity) {
 }
 #endif
 
-// The head of a kept table; the source's path, the entries and the pool follow.
+// The head of a kept table; the source's path follows, then, from the next
+// multiple of eight, the entries and the pool.
 struct Head {
     char magic[8];
     Identity source;
@@ -77,8 +82,12 @@ struct Head {
 };
 
 // Bump the last character when the table or the head changes shape.
-const char Magic[8] = {'K', 'Y', 'M', 'P', 'L', 'S', 'T', '1'};
+const char Magic[8] = {'K', 'Y', 'M', 'P', 'L', 'S', 'T', '2'};
 using Entry = Document::Entry;
+
+std::uint64_t tableOffset(std::uint64_t pathLength) {
+    return (sizeof(Head) + pathLength + 7) / 8 * 8;
+}
 
 // Catches damage, not tampering: the folder is the user's own.
 std::uint64_t checksum(const void* data, std::size_t size, std::uint64_t seed) {
@@ -95,8 +104,8 @@ std::uint64_t checksum(const void* data, std::size_t size, std::uint64_t seed) {
     return hash;
 }
 
-std::uint64_t tableChecksum(const std::vector<Entry>& entries, const std::string& pool) {
-    return checksum(pool.data(), pool.size(), checksum(entries.data(), entries.size() * sizeof(Entry), 0));
+std::uint64_t tableChecksum(const Entry* entries, std::size_t count, std::string_view pool) {
+    return checksum(pool.data(), pool.size(), checksum(entries, count * sizeof(Entry), 0));
 }
 
 struct Settings {
@@ -110,37 +119,65 @@ Settings& settings() {
     return current;
 }
 
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
+// The bytes of a kept table, kept alive by the pointer.
+struct Bytes {
+    std::shared_ptr<const void> keeper;
+    const char* data = nullptr;
+    std::size_t size = 0;
 };
-using File = std::unique_ptr<std::FILE, FileCloser>;
 
-bool readExactly(std::FILE* file, void* data, std::size_t size) {
-    return size == 0 || std::fread(data, 1, size, file) == size;
+#ifdef _WIN32
+bool readBytes(const fs::path& file, Bytes& bytes) {
+    try {
+        auto content = std::make_shared<std::string>(FileManager::readFile(file));
+        bytes.data = content->data();
+        bytes.size = content->size();
+        bytes.keeper = std::move(content);
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
 }
+#else
+// Mapped rather than read: pages of a file the system holds already cost
+// far fewer faults than fresh heap. Entries are only ever replaced by a
+// rename, so a mapped one never shrinks underneath.
+bool readBytes(const fs::path& file, Bytes& bytes) {
+    const int descriptor = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) return false;
+    struct stat status {};
+    void* mapping = MAP_FAILED;
+    if (::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_size >= off_t(sizeof(Head)))
+        mapping = ::mmap(nullptr, static_cast<std::size_t>(status.st_size), PROT_READ, MAP_PRIVATE, descriptor, 0);
+    ::close(descriptor);
+    if (mapping == MAP_FAILED) return false;
+    const std::size_t size = static_cast<std::size_t>(status.st_size);
+    bytes.keeper = std::shared_ptr<const void>(mapping, [size](const void* at) { ::munmap(const_cast<void*>(at), size); });
+    bytes.data = static_cast<const char*>(mapping);
+    bytes.size = size;
+    return true;
+}
+#endif
 
 // The kept table of the file when it is current and sound; null otherwise.
 std::unique_ptr<Document> load(const fs::path& entry, const Identity& source, const std::string& path) {
-    File file(std::fopen(entry.string().c_str(), "rb"));
-    if (!file) return nullptr;
+    Bytes bytes;
+    if (!readBytes(entry, bytes) || bytes.size < sizeof(Head)) return nullptr;
     Head head{};
-    if (!readExactly(file.get(), &head, sizeof head) || std::memcmp(head.magic, Magic, sizeof Magic) != 0 ||
-        !(head.source == source) || head.pathLength != path.size())
+    std::memcpy(&head, bytes.data, sizeof head);
+    if (std::memcmp(head.magic, Magic, sizeof Magic) != 0 || !(head.source == source) || head.pathLength != path.size())
         return nullptr;
-    // The counts must fit the file before anything is allocated for them.
-    boost::system::error_code error;
-    const std::uintmax_t size = fs::file_size(entry, error);
-    if (error || head.entryCount > size / sizeof(Entry) || head.poolSize > size ||
-        size != sizeof head + head.pathLength + head.entryCount * sizeof(Entry) + head.poolSize)
+    // The counts must fit the bytes before anything is taken from them.
+    const std::uint64_t offset = tableOffset(head.pathLength);
+    if (head.entryCount > bytes.size / sizeof(Entry) || head.poolSize > bytes.size ||
+        bytes.size != offset + head.entryCount * sizeof(Entry) + head.poolSize ||
+        path.compare(0, path.size(), bytes.data + sizeof head, path.size()) != 0)
         return nullptr;
-    std::string keptPath(path.size(), '\0');
-    if (!readExactly(file.get(), keptPath.data(), keptPath.size()) || keptPath != path) return nullptr;
-    std::vector<Entry> entries(static_cast<std::size_t>(head.entryCount));
-    std::string pool(static_cast<std::size_t>(head.poolSize), '\0');
-    if (!readExactly(file.get(), entries.data(), entries.size() * sizeof(Entry)) ||
-        !readExactly(file.get(), pool.data(), pool.size()) || tableChecksum(entries, pool) != head.checksum)
-        return nullptr;
-    return Document::fromTable(std::move(entries), std::move(pool));
+    const auto* entries = reinterpret_cast<const Entry*>(bytes.data + offset);
+    const std::size_t count = static_cast<std::size_t>(head.entryCount);
+    const std::string_view pool(bytes.data + offset + count * sizeof(Entry), static_cast<std::size_t>(head.poolSize));
+    if (tableChecksum(entries, count, pool) != head.checksum) return nullptr;
+    return Document::fromTable(entries, count, pool, std::move(bytes.keeper));
 }
 
 void store(const fs::path& entry, const Identity& source, const std::string& path, const Document& document) {
@@ -148,14 +185,16 @@ void store(const fs::path& entry, const Identity& source, const std::string& pat
     std::memcpy(head.magic, Magic, sizeof Magic);
     head.source = source;
     head.pathLength = path.size();
-    head.entryCount = document.entries().size();
+    head.entryCount = document.entryCount();
     head.poolSize = document.pool().size();
-    head.checksum = tableChecksum(document.entries(), document.pool());
+    head.checksum = tableChecksum(document.entryData(), document.entryCount(), document.pool());
+    const std::size_t tableBytes = document.entryCount() * sizeof(Entry);
     std::string content;
-    content.reserve(sizeof head + path.size() + document.entries().size() * sizeof(Entry) + document.pool().size());
+    content.reserve(tableOffset(path.size()) + tableBytes + document.pool().size());
     content.append(reinterpret_cast<const char*>(&head), sizeof head);
     content.append(path);
-    content.append(reinterpret_cast<const char*>(document.entries().data()), document.entries().size() * sizeof(Entry));
+    content.resize(tableOffset(path.size()), '\0');
+    content.append(reinterpret_cast<const char*>(document.entryData()), tableBytes);
     content.append(document.pool());
     fs::create_directories(entry.parent_path());
     FileManager::writeFileAtomically(entry, content);

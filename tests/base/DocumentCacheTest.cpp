@@ -29,13 +29,17 @@ const std::string everyKind = plist(
     "<key>when</key><date>2026-11-24T10:00:00Z</date><key>bytes</key><data>AQI=</data>"
     "<key>list</key><array><string>x</string><dict><key>name</key><string>y</string></dict><array/></array></dict>");
 
+std::vector<Entry> tableOf(const Document& document) {
+    return std::vector<Entry>(document.entryData(), document.entryData() + document.entryCount());
+}
+
 std::string serialized(const Document& document) {
     return Base::PropertyList::serialize(document.root().toAny());
 }
 
 TEST(DocumentTable, ATableTakenBackReadsAsTheParsedDocument) {
     const Document parsed(everyKind, "every.plist");
-    const auto copy = Document::fromTable(parsed.entries(), parsed.pool());
+    const auto copy = Document::fromTable(tableOf(parsed), std::string(parsed.pool()));
     ASSERT_TRUE(copy);
     EXPECT_EQ(serialized(*copy), serialized(parsed));
     const Document::Members members(copy->root());
@@ -49,8 +53,8 @@ TEST(DocumentTable, ATableTakenBackReadsAsTheParsedDocument) {
 
 TEST(DocumentTable, ADamagedTableIsRefused) {
     const Document parsed(everyKind, "every.plist");
-    const std::vector<Entry> sound = parsed.entries();
-    const std::string& pool = parsed.pool();
+    const std::vector<Entry> sound = tableOf(parsed);
+    const std::string pool(parsed.pool());
     const auto leaf = static_cast<std::size_t>(
         std::find_if(sound.begin(), sound.end(), [](const Entry& e) { return e.kind == std::uint32_t(Kind::Integer); }) -
         sound.begin());
