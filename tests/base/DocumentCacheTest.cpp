@@ -98,6 +98,8 @@ class DocumentCacheTest : public ::testing::Test {
 protected:
     void SetUp() override {
         writeFile(mFile, plist("<dict><key>value</key><string>first</string></dict>"));
+        // Older than any rewrite below, whatever the file system's time stamp granularity.
+        KymTest::setAge(mFile, 10);
         DocumentCache::enable(mCache, std::chrono::nanoseconds(0));
     }
     void TearDown() override { DocumentCache::disable(); }
