@@ -22,10 +22,6 @@ bool isNameStart(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_';
 }
 
-bool isNameCharacter(char c) {
-    return isNameStart(c) || (c >= '0' && c <= '9');
-}
-
 bool isName(const std::string& text) {
     if (text.empty() || !isNameStart(text[0])) return false;
     for (char c : text)

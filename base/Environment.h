@@ -2,6 +2,7 @@
 // references, against the process environment or against a map.
 #pragma once
 
+#include <array>
 #include <map>
 #include <string>
 #include <vector>
@@ -10,6 +11,22 @@ namespace Base {
 namespace Environment {
 
 using Map = std::map<std::string, std::string>;
+
+namespace detail {
+inline constexpr std::array<bool, 256> nameCharacters = [] {
+    std::array<bool, 256> table{};
+    for (int c = 0; c < 256; ++c)
+        table[static_cast<std::size_t>(c)] =
+            (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
+    return table;
+}();
+} // namespace detail
+
+// A letter, a digit or "_": the characters of a variable name. Looked up in
+// a table, as every name of a launch is checked with it.
+inline bool isNameCharacter(char c) {
+    return detail::nameCharacters[static_cast<unsigned char>(c)];
+}
 
 // The value of a variable of the process environment, or the empty text.
 std::string getEnvVariable(const std::string& name);

@@ -231,31 +231,40 @@ void FileManager::changeWorkDirectory(const path& p) {
     if (error) throw BaseException("Cannot change the working directory to " + native(p) + ": " + error.message());
 }
 
+namespace {
+
+#ifdef _WIN32
+// The shell's folder of that kind, created when missing.
+FileManager::path shellFolder(int kind) {
+    char folder[MAX_PATH] = {};
+    if (SHGetFolderPathA(nullptr, kind | CSIDL_FLAG_CREATE, nullptr, 0, folder) != S_OK) return FileManager::path();
+    return FileManager::path(folder);
+}
+#else
+// The folder the XDG variable names, else that folder of $HOME.
+FileManager::path xdgFolder(const char* variable, const char* inHome) {
+    const std::string named = Environment::getEnvVariable(variable);
+    if (!named.empty()) return FileManager::path(named);
+    const std::string home = Environment::getEnvVariable("HOME");
+    return home.empty() ? FileManager::path() : FileManager::path(home) / inHome;
+}
+#endif
+
+} // namespace
+
 FileManager::path FileManager::applicationDataFolder() {
 #ifdef _WIN32
-    char folder[MAX_PATH] = {};
-    if (SHGetFolderPathA(nullptr, CSIDL_APPDATA | CSIDL_FLAG_CREATE, nullptr, 0, folder) != S_OK) return path();
-    return path(folder);
+    return shellFolder(CSIDL_APPDATA);
 #else
-    std::string configHome = Environment::getEnvVariable("XDG_CONFIG_HOME");
-    if (!configHome.empty()) return path(configHome);
-    std::string home = Environment::getEnvVariable("HOME");
-    if (!home.empty()) return path(home) / ".config";
-    return path();
+    return xdgFolder("XDG_CONFIG_HOME", ".config");
 #endif
 }
 
 FileManager::path FileManager::userCacheFolder() {
 #ifdef _WIN32
-    char folder[MAX_PATH] = {};
-    if (SHGetFolderPathA(nullptr, CSIDL_LOCAL_APPDATA | CSIDL_FLAG_CREATE, nullptr, 0, folder) != S_OK) return path();
-    return path(folder);
+    return shellFolder(CSIDL_LOCAL_APPDATA);
 #else
-    std::string cacheHome = Environment::getEnvVariable("XDG_CACHE_HOME");
-    if (!cacheHome.empty()) return path(cacheHome);
-    std::string home = Environment::getEnvVariable("HOME");
-    if (!home.empty()) return path(home) / ".cache";
-    return path();
+    return xdgFolder("XDG_CACHE_HOME", ".cache");
 #endif
 }
 

@@ -23,7 +23,6 @@
 #include <boost/regex.hpp>
 
 #include <algorithm>
-#include <array>
 #include <locale>
 #include <stdexcept>
 #include <string_view>
@@ -83,20 +82,8 @@ std::string collapseDoubledSeparators(const std::string& text) {
     return boost::regex_replace(text, doubledSeparator(), "$1");
 }
 
-constexpr bool isLetter(char c) {
+bool isLetter(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
-
-// Looked up in a table: every name of the environment is checked.
-bool isWordCharacter(char c) {
-    static constexpr auto wordCharacters = [] {
-        std::array<bool, 256> table{};
-        for (int code = 0; code < 256; ++code)
-            table[static_cast<std::size_t>(code)] = isLetter(static_cast<char>(code)) ||
-                                                    (code >= '0' && code <= '9') || code == '_';
-        return table;
-    }();
-    return wordCharacters[static_cast<unsigned char>(c)];
 }
 
 // Splits at the separator, drops empty pieces and exact repeats (the first
@@ -134,7 +121,7 @@ bool ownedByCurrentUser(const fs::path& file) {
 
 bool Launcher::isValidVariableName(const std::string& name) {
     if (!name.empty() && !isLetter(name[0])) return false;
-    if (std::all_of(name.begin(), name.end(), [](char c) { return isWordCharacter(c); })) return true;
+    if (std::all_of(name.begin(), name.end(), Base::Environment::isNameCharacter)) return true;
     // Lets COMMONPROGRAMFILES(X86) and its kind through, parentheses and all.
     return name.find("X86") != std::string::npos;
 }

@@ -1,6 +1,7 @@
 #include "kym/SettingsProtocol.h"
 
 #include "base/Archiver.h"
+#include "base/Environment.h"
 #include "base/Platform.h"
 #include "base/Unarchiver.h"
 #include "base/log/Logger.h"
@@ -9,7 +10,6 @@
 #include <boost/regex.hpp>
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <limits>
@@ -35,17 +35,9 @@ boost::regex selfReferencePattern(const std::string& name) {
 
 // Letters, digits and "_" only: such a name is the same as a pattern and as plain text.
 bool isPlainName(const std::string& name) {
-    // Looked up in a table: every merged name is checked.
-    static constexpr auto wordCharacters = [] {
-        std::array<bool, 256> table{};
-        for (int c = 0; c < 256; ++c)
-            table[static_cast<std::size_t>(c)] =
-                (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
-        return table;
-    }();
     if (name.empty()) return false;
     for (char c : name)
-        if (!wordCharacters[static_cast<unsigned char>(c)]) return false;
+        if (!Base::Environment::isNameCharacter(c)) return false;
     return true;
 }
 

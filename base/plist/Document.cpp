@@ -576,34 +576,49 @@ std::unique_ptr<Document> Document::fromTable(const Entry* entries, std::size_t 
     return document;
 }
 
+namespace {
+
+// Calls visit(index) for each value directly inside the container at
+// container, in order, until visit returns true.
+template <class Visit>
+void eachMember(const Document::Entry* entries, std::uint32_t container, Visit visit) {
+    for (std::uint32_t index = container + 1; index < entries[container].end; index = entries[index].end)
+        if (visit(index)) return;
+}
+
+} // namespace
+
 Node Document::Members::find(std::string_view key) const {
-    if (!mDictionary) return Node();
-    const Document& document = *mDictionary.mDocument;
-    const std::uint32_t end = mDictionary.entry().end;
-    for (std::uint32_t index = mDictionary.mIndex + 1; index < end; index = document.mEntries[index].end) {
-        const Entry& member = document.mEntries[index];
-        if (document.poolText(member.key, member.keyLength) == key) return Node(&document, index);
-    }
-    return Node();
+    Node found;
+    if (!mDictionary) return found;
+    const Document* document = mDictionary.mDocument;
+    eachMember(document->mEntries, mDictionary.mIndex, [&](std::uint32_t index) {
+        const Entry& member = document->mEntries[index];
+        if (document->poolText(member.key, member.keyLength) != key) return false;
+        found = Node(document, index);
+        return true;
+    });
+    return found;
 }
 
 std::vector<std::pair<std::string_view, Node>> Document::Members::entries() const {
     std::vector<std::pair<std::string_view, Node>> result;
     if (!mDictionary) return result;
-    const Document& document = *mDictionary.mDocument;
-    const std::uint32_t end = mDictionary.entry().end;
-    for (std::uint32_t index = mDictionary.mIndex + 1; index < end; index = document.mEntries[index].end) {
-        const Entry& member = document.mEntries[index];
-        result.emplace_back(document.poolText(member.key, member.keyLength), Node(&document, index));
-    }
+    const Document* document = mDictionary.mDocument;
+    eachMember(document->mEntries, mDictionary.mIndex, [&](std::uint32_t index) {
+        const Entry& member = document->mEntries[index];
+        result.emplace_back(document->poolText(member.key, member.keyLength), Node(document, index));
+        return false;
+    });
     return result;
 }
 
 std::vector<Node> Node::items() const {
     std::vector<Node> result;
-    const std::uint32_t end = entry().end;
-    for (std::uint32_t index = mIndex + 1; index < end; index = mDocument->mEntries[index].end)
+    eachMember(mDocument->mEntries, mIndex, [&](std::uint32_t index) {
         result.push_back(Node(mDocument, index));
+        return false;
+    });
     return result;
 }
 

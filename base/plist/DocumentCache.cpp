@@ -225,13 +225,26 @@ bool DocumentCache::isEnabled() {
     return settings().enabled;
 }
 
-fs::path DocumentCache::entryFor(const fs::path& file) {
+namespace {
+
+// The file's path as its entry records it: absolute where it can be made so.
+std::string recordedPath(const fs::path& file) {
     boost::system::error_code error;
     const fs::path absolute = fs::absolute(file, error);
+    return (error ? file : absolute).string();
+}
+
+fs::path entryNamed(const std::string& path) {
     char name[32];
     std::snprintf(name, sizeof name, "%016llx.plist-table",
-                  static_cast<unsigned long long>(std::hash<std::string>()((error ? file : absolute).string())));
+                  static_cast<unsigned long long>(std::hash<std::string>()(path)));
     return settings().folder / name;
+}
+
+} // namespace
+
+fs::path DocumentCache::entryFor(const fs::path& file) {
+    return entryNamed(recordedPath(file));
 }
 
 std::unique_ptr<Document> DocumentCache::read(const fs::path& file, const std::string& sourceName) {
@@ -239,9 +252,8 @@ std::unique_ptr<Document> DocumentCache::read(const fs::path& file, const std::s
     if (!settings().enabled || !identify(file, source))
         return std::make_unique<Document>(FileManager::readFile(file), sourceName);
 
-    const fs::path entry = entryFor(file);
-    boost::system::error_code error;
-    const std::string path = fs::absolute(file, error).string();
+    const std::string path = recordedPath(file);
+    const fs::path entry = entryNamed(path);
     if (std::unique_ptr<Document> kept = load(entry, source, path)) {
         BASE_LOG(log::verbose()) << "Read " << sourceName << " as kept in " << Platform::current().nativePath(entry);
         return kept;
