@@ -141,11 +141,13 @@ TEST(LauncherEnvironment, WholeEnvironmentUnderPosixConventions) {
 }
 
 TEST(LauncherEnvironment, LauncherVariablesOverrideEveryLayerAndAnEmptyOneUnsetsTheVariable) {
-    Scene scene(Platform::Posix, {{"UG_VER", "process"}, {"OS", "process"}});
+    Scene scene(Platform::Posix, {{"UG_VER", "process"}, {"OS", "process"}, {"BACK", "process"}});
     scene.site.writeSystemInfo({{"CadVersionDirectory", ""}});
-    const Kym::Configuration config = scene.department("Design");
-    const Environment env = build(config, nullptr, application("/bin/true", "", {{"SCRIPTx", "application"}}));
+    const Kym::Configuration config = scene.department("Design", {}, settingsWith({{"BACK", ""}}));
+    const Environment env =
+        build(config, nullptr, application("/bin/true", "", {{"SCRIPTx", "application"}, {"BACK", "again"}}));
     EXPECT_EQ(0u, env.count("UG_VER"));
+    EXPECT_EQ("again", env.at("BACK"));
     // References to the removed variable expand to nothing.
     EXPECT_EQ((Lines{"lnx64", "sh", config.path().string() + "/"}),
               (Lines{env.at("OS"), env.at("SCRIPTx"), env.at("UGII_GROUP_DIR")}));
@@ -223,28 +225,4 @@ TEST(LauncherEnvironment, EachLayerMergesIntoTheWorkingListAsItWouldMergeIntoACo
     EXPECT_EQ((Lines{"site", "base", "plugin alpha", "plugin beta", "common department", "department", "application",
                      "launcher"}),
               layers);
-}
-
-TEST(LauncherEnvironment, TheLastEntryOfANameDecidesItAndTheCallersOtherEntriesStay) {
-    Scene scene(Platform::Posix, {{"GONE", "process"}, {"BACK", "process"}, {"KEPT", "process"}, {"A-B", "process"}});
-    const Kym::Configuration config =
-        scene.department("Design", {}, settingsWith({{"GONE", ""}, {"BACK", ""}, {"A-B", "department"}}));
-    const Kym::ConfigApplication app = application("x", "", {{"BACK", "application"}, {"LATE", "late"}});
-    Environment env{{"CALLER", "caller"}, {"GONE", "caller"}, {"KEPT", "caller"}, {"LATE", "caller"}};
-    ListObserver observer;
-    KymTest::LogRecorder log({"kym.verbose"});
-    Kym::Launcher().buildEnvVarMap(config, nullptr, app, env, &observer);
-
-    EXPECT_EQ((Lines{"caller", "application", "process", "late", "(none)", "(none)"}),
-              (Lines{env.at("CALLER"), env.at("BACK"), env.at("KEPT"), env.at("LATE"),
-                     env.count("GONE") ? env.at("GONE") : "(none)", env.count("A-B") ? env.at("A-B") : "(none)"}));
-    // Each entry of the finished list is checked and logged in list order.
-    Lines checked, expected;
-    for (const std::string& line : log.lines("kym.verbose"))
-        if (line.rfind("variable name = ", 0) == 0 || line == "VALID" || line == "INVALID") checked.push_back(line);
-    for (const auto& variable : observer.lists.back().second) {
-        expected.push_back("variable name = " + variable.name);
-        expected.push_back(Kym::Launcher::isValidVariableName(variable.name) ? "VALID" : "INVALID");
-    }
-    EXPECT_EQ(expected, checked);
 }

@@ -56,23 +56,6 @@ TEST(PluginsScan, InternalPluginsComeSortedByNameThenExternalOnesAsAdded) {
     EXPECT_EQ(plugins.internalCount(), 3);
 }
 
-TEST(PluginsScan, PluginsMovedAsTheRegistryGrowsKeepTheirListsAndEditedMarks) {
-    Site site;
-    site.addInternalPlugin("alpha");
-    PluginsManager& plugins = PluginsManagement();
-    plugins.plugin(0, false)->applications()->insertRow(-1);
-    plugins.plugin(0, false)->commonVariables()->insertRow(-1);
-    for (int index = 0; index < 9; ++index)
-        plugins.addPlugin(site.writePlugin(site.root() / "external" / ("p" + std::to_string(index)), "Production"));
-
-    PluginSettings& moved = *plugins.plugin(0, false);
-    EXPECT_TRUE(moved.applications()->isEdited() && moved.commonVariables()->isEdited());
-    moved.applications()->insertRow(-1);
-    EXPECT_EQ(moved.applicationList().size(), 2u);
-    EXPECT_EQ(moved.commonVariables()->numberOfRowsInList(), 1);
-    EXPECT_TRUE(moved.needsSaving());
-}
-
 TEST(PluginsScan, DamagedPluginLeavesNoRegistryAndTheNextCallRetries) {
     Site site;
     site.addInternalPlugin("cam");

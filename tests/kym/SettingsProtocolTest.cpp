@@ -115,19 +115,6 @@ TEST(LayeredMerge, GivesWhatThePatternSubstitutionGivesForEveryKindOfNameAndValu
     }
 }
 
-// From eight variables on a layer looks names up in an index instead of searching.
-TEST(LayeredMerge, ALargeLayerMergesLikeOneVariableAfterTheOther) {
-    Base::Platform::setCurrent(Base::Platform::Posix);
-    Layer layer;
-    for (const std::string name : {"A", "N", "A", "N", "B", "C", "D"}) layer.add(layer.commonVariables(), name, "$" + name + ";x");
-    layer.add(layer.unixVariables(), "N", "${N}\\u");
-    Variables expected{variable("A", "1"), variable("B", "b\\"), variable("A", "2")}, actual = expected;
-    for (const Variables& list : {layer.commonVariableList(), layer.unixVariableList()})
-        for (const auto& v : list) referenceMerge(v, expected);
-    layer.mergeUserEnvVariables(actual);
-    EXPECT_EQ(entries(expected), entries(actual));
-}
-
 // Hundreds of names grow the index several times; names repeat in the list, within a layer and across layers.
 TEST(LayeredMerge, LayersOfHundredsOfNamesMergeLikeOneVariableAfterTheOther) {
     Base::Platform::setCurrent(Base::Platform::Windows);
