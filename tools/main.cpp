@@ -6,6 +6,7 @@
 
 #include "base/Environment.h"
 #include "base/FileManager.h"
+#include "base/Heap.h"
 #include "base/Platform.h"
 #include "base/log/Logger.h"
 #include "base/plist/DocumentCache.h"
@@ -14,9 +15,6 @@
 #include <algorithm>
 #include <iostream>
 #include <unistd.h>
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
 
 namespace KymTool {
 
@@ -226,14 +224,9 @@ int runHelp(CLI::App& root, const std::vector<std::string>& words) {
 
 int main(int argc, char** argv) {
     using namespace KymTool;
-#ifdef __GLIBC__
-    // Settings files run to hundreds of kilobytes. By default glibc maps each
-    // such buffer afresh and hands freed heap back between files, so every
-    // file read pays its page faults again; this short-lived process keeps
-    // what it has freed instead.
-    mallopt(M_MMAP_THRESHOLD, 16 << 20);
-    mallopt(M_TRIM_THRESHOLD, 64 << 20);
-#endif
+    // A launch from a large site touches hundreds of fresh heap pages, each
+    // a fault of its own unless the heap lies in huge pages.
+    Base::Heap::useHugePages();
     Context context;
     std::vector<std::string> arguments(argv + 1, argv + argc);
     context.programCommand = splitProgramCommand(arguments);

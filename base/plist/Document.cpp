@@ -541,13 +541,18 @@ std::unique_ptr<Document> Document::fromTable(const Entry* entries, std::size_t 
     const auto inPool = [&pool](std::uint32_t offset, std::uint32_t length) {
         return std::uint64_t(offset) + length <= pool.size();
     };
+    // Settings are nearly always ASCII; then no text needs a look of its own.
+    const bool asciiPool = isAscii(pool);
+    const auto isText = [&pool, asciiPool](std::uint32_t offset, std::uint32_t length) {
+        return asciiPool || isValidUtf8(std::string_view(pool.data() + offset, length));
+    };
     // The ends of the open containers, innermost last.
     std::vector<std::uint32_t> open{static_cast<std::uint32_t>(count)};
     for (std::uint32_t index = 0; index < count; ++index) {
         while (index == open.back()) open.pop_back();
         const Entry& entry = entries[index];
         if (entry.kind > static_cast<std::uint32_t>(Kind::Data) || entry.end <= index || entry.end > open.back() ||
-            !inPool(entry.key, entry.keyLength) || !isValidUtf8(std::string_view(pool.data() + entry.key, entry.keyLength)))
+            !inPool(entry.key, entry.keyLength) || !isText(entry.key, entry.keyLength))
             return nullptr;
         const Kind kind = static_cast<Kind>(entry.kind);
         if (kind == Kind::Dictionary || kind == Kind::Array) {
@@ -558,9 +563,8 @@ std::unique_ptr<Document> Document::fromTable(const Entry* entries, std::size_t 
         }
         if (entry.end != index + 1) return nullptr;
         if (kind == Kind::Boolean) continue;
-        if (!inPool(entry.text, entry.textLength)) return nullptr;
+        if (!inPool(entry.text, entry.textLength) || !isText(entry.text, entry.textLength)) return nullptr;
         const std::string_view text(pool.data() + entry.text, entry.textLength);
-        if (!isValidUtf8(text)) return nullptr;
         std::variant<std::int64_t, std::uint64_t> integer;
         double real = 0;
         if (kind == Kind::Integer && parseInteger(text, integer) != NumberStatus::Ok) return nullptr;

@@ -88,7 +88,7 @@ public:
     // texts UTF-8 without NUL, numbers and data readable), so a damaged copy
     // is refused rather than read.
     static std::unique_ptr<Document> fromTable(std::vector<Entry> entries, std::string pool);
-    // The same over memory that keeper keeps (a mapped file, for example).
+    // The same over memory that keeper keeps (a file read whole, for example).
     static std::unique_ptr<Document> fromTable(const Entry* entries, std::size_t count, std::string_view pool,
                                                std::shared_ptr<const void> keeper);
     Document(const Document&) = delete;

@@ -16,10 +16,7 @@
 #include <vector>
 
 #ifndef _WIN32
-#include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #endif
 
 namespace fs = boost::filesystem;
@@ -119,65 +116,38 @@ Settings& settings() {
     return current;
 }
 
-// The bytes of a kept table, kept alive by the pointer.
-struct Bytes {
-    std::shared_ptr<const void> keeper;
-    const char* data = nullptr;
-    std::size_t size = 0;
-};
-
-#ifdef _WIN32
-bool readBytes(const fs::path& file, Bytes& bytes) {
+// The bytes of a kept table; null when it cannot be read. Read rather than
+// mapped: a mapping costs more to set up and tear down than copying a table
+// into heap the program has touched already, and a copy cannot fault when
+// someone else truncates the file.
+std::shared_ptr<const std::string> readTable(const fs::path& file) {
     try {
-        auto content = std::make_shared<std::string>(FileManager::readFile(file));
-        bytes.data = content->data();
-        bytes.size = content->size();
-        bytes.keeper = std::move(content);
-        return true;
+        return std::make_shared<const std::string>(FileManager::readFile(file));
     } catch (const std::exception&) {
-        return false;
+        return nullptr;
     }
 }
-#else
-// Mapped rather than read: pages of a file the system holds already cost
-// far fewer faults than fresh heap. Entries are only ever replaced by a
-// rename, so a mapped one never shrinks underneath.
-bool readBytes(const fs::path& file, Bytes& bytes) {
-    const int descriptor = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) return false;
-    struct stat status {};
-    void* mapping = MAP_FAILED;
-    if (::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_size >= off_t(sizeof(Head)))
-        mapping = ::mmap(nullptr, static_cast<std::size_t>(status.st_size), PROT_READ, MAP_PRIVATE, descriptor, 0);
-    ::close(descriptor);
-    if (mapping == MAP_FAILED) return false;
-    const std::size_t size = static_cast<std::size_t>(status.st_size);
-    bytes.keeper = std::shared_ptr<const void>(mapping, [size](const void* at) { ::munmap(const_cast<void*>(at), size); });
-    bytes.data = static_cast<const char*>(mapping);
-    bytes.size = size;
-    return true;
-}
-#endif
 
 // The kept table of the file when it is current and sound; null otherwise.
 std::unique_ptr<Document> load(const fs::path& entry, const Identity& source, const std::string& path) {
-    Bytes bytes;
-    if (!readBytes(entry, bytes) || bytes.size < sizeof(Head)) return nullptr;
+    const std::shared_ptr<const std::string> table = readTable(entry);
+    if (!table || table->size() < sizeof(Head)) return nullptr;
+    const std::string_view bytes(*table);
     Head head{};
-    std::memcpy(&head, bytes.data, sizeof head);
+    std::memcpy(&head, bytes.data(), sizeof head);
     if (std::memcmp(head.magic, Magic, sizeof Magic) != 0 || !(head.source == source) || head.pathLength != path.size())
         return nullptr;
     // The counts must fit the bytes before anything is taken from them.
     const std::uint64_t offset = tableOffset(head.pathLength);
-    if (head.entryCount > bytes.size / sizeof(Entry) || head.poolSize > bytes.size ||
-        bytes.size != offset + head.entryCount * sizeof(Entry) + head.poolSize ||
-        path.compare(0, path.size(), bytes.data + sizeof head, path.size()) != 0)
+    if (head.entryCount > bytes.size() / sizeof(Entry) || head.poolSize > bytes.size() ||
+        bytes.size() != offset + head.entryCount * sizeof(Entry) + head.poolSize ||
+        path.compare(0, path.size(), bytes.data() + sizeof head, path.size()) != 0)
         return nullptr;
-    const auto* entries = reinterpret_cast<const Entry*>(bytes.data + offset);
+    const auto* entries = reinterpret_cast<const Entry*>(bytes.data() + offset);
     const std::size_t count = static_cast<std::size_t>(head.entryCount);
-    const std::string_view pool(bytes.data + offset + count * sizeof(Entry), static_cast<std::size_t>(head.poolSize));
+    const std::string_view pool(bytes.data() + offset + count * sizeof(Entry), static_cast<std::size_t>(head.poolSize));
     if (tableChecksum(entries, count, pool) != head.checksum) return nullptr;
-    return Document::fromTable(entries, count, pool, std::move(bytes.keeper));
+    return Document::fromTable(entries, count, pool, table);
 }
 
 void store(const fs::path& entry, const Identity& source, const std::string& path, const Document& document) {

@@ -72,6 +72,18 @@ bool isValidUtf8(std::string_view text) {
     return invalidUtf8Offset(text) == std::string::npos;
 }
 
+bool isAscii(std::string_view text) {
+    std::uint64_t seen = 0;
+    std::size_t i = 0;
+    for (; i + sizeof seen <= text.size(); i += sizeof seen) {
+        std::uint64_t word;
+        std::memcpy(&word, text.data() + i, sizeof word);
+        seen |= word;
+    }
+    for (; i < text.size(); ++i) seen |= static_cast<unsigned char>(text[i]);
+    return (seen & asciiMask) == 0;
+}
+
 void appendUtf8(std::string& out, char32_t codePoint) {
     auto c = static_cast<std::uint32_t>(codePoint);
     if (c < 0x80) {

@@ -15,6 +15,8 @@ namespace plist {
 // std::string::npos when the whole text is well-formed.
 std::size_t invalidUtf8Offset(std::string_view text);
 bool isValidUtf8(std::string_view text);
+// No byte above 0x7F: text that is UTF-8 however it is cut into pieces.
+bool isAscii(std::string_view text);
 
 // Appends the UTF-8 form of a code point that is a Unicode scalar value.
 void appendUtf8(std::string& out, char32_t codePoint);
