@@ -50,7 +50,8 @@ bool useHugePages() {
     const std::uintptr_t touched = top + ProbeSize + 2 * ChunkHeader;
     const std::uintptr_t start = (touched + HugePageSize - 1) & ~(HugePageSize - 1);
     const std::uintptr_t end = heapEnd & ~(HugePageSize - 1);
-    // Not at the heap's top (a recycled block, or no brk heap): leave it be.
+    // Not carved at the heap's end (no brk heap to grow): leave it be. Any
+    // other surprise only misplaces the huge pages; the blocks stay sound.
     if (top >= heapEnd || heapEnd - top < ProbeSize || end <= start) return false;
     if (::madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE) != 0) return false;
 

@@ -11,10 +11,10 @@ namespace Heap {
 // allocation carries on from its start, so that one fault maps what would
 // take hundreds. Large blocks are taken from the heap as well, and freed heap
 // is kept rather than handed back, since both would be faulted in again.
-// Call it first thing in main. Returns false where it changes nothing: no
-// glibc allocator (or a sanitizer's), or the heap could not be placed; the
-// program works the same either way, and a system with huge pages switched
-// off simply maps small ones.
+// Call it first thing in main. Returns false when no huge pages were asked
+// for: no glibc allocator (or a sanitizer's), or a heap that could not be
+// grown in place. The program works the same either way, and a system with
+// huge pages switched off simply maps small ones.
 bool useHugePages();
 
 } // namespace Heap

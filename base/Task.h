@@ -24,7 +24,9 @@ public:
     // For a caller that ends right after the start, such as a command-line
     // launcher: the program is started as the caller's own child, which the
     // system adopts when the caller ends, instead of through a middle
-    // process that keeps a long-running caller free of zombies. POSIX only.
+    // process that keeps a long-running caller free of zombies; once the
+    // program runs, the caller drops to the lowest priority, so that what it
+    // does before it ends does not delay the program's start. POSIX only.
     void setCallerEndsAfterStart(bool ends) { mCallerEndsAfterStart = ends; }
 
     const boost::filesystem::path& launchPath() const { return mLaunchPath; }

@@ -50,7 +50,8 @@ public:
 
     // For a caller that ends right after a launch (a command-line front end):
     // the program is started as its own child, without the middle process
-    // that spares a long-running caller zombies. Off by default.
+    // that spares a long-running caller zombies, and the caller then steps
+    // back to the lowest priority for the program's start. Off by default.
     void setCallerEndsAfterLaunch(bool ends) { mCallerEndsAfterLaunch = ends; }
 
     // Starts the application, in the work directory when one is given. Does not wait for it.

@@ -11,7 +11,10 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <iterator>
 #include <map>
+#include <sstream>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
 #include <tuple>
@@ -35,6 +38,7 @@ fs::path writeProbe(const TempDir& dir) {
     KymTest::writeFile(probe, "#!/bin/sh\nout='" + dir.path().string() + "'\n"
                               "/bin/cat /proc/$$/cmdline > \"$out/cmdline\"\n"
                               "/bin/cat /proc/$$/environ > \"$out/environ\"\n"
+                              "/bin/cat /proc/$$/stat > \"$out/stat\"\n"
                               "printf '%s\\0%s\\0' \"$(pwd -P)\" $$ > \"$out/where.part\"\n"
                               "/bin/mv \"$out/where.part\" \"$out/where\"\n");
     fs::permissions(probe, fs::perms(0755));
@@ -84,11 +88,21 @@ TEST(Task, ACallerThatEndsAfterTheStartGetsTheProgramAsItsOwnChild) {
     task.setLaunchPath(writeProbe(dir));
     task.setEnvironment({{"KYM_A", "1"}});
     task.setCallerEndsAfterStart(true);
+    errno = 0;
+    const int ownPriority = ::getpriority(PRIO_PROCESS, 0);
+    ASSERT_EQ(errno, 0);
     const long pid = task.launch();
     int status = -1;
     ASSERT_EQ(::waitpid(static_cast<pid_t>(pid), &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_EQ(recorded(dir, "environ"), Strings{"KYM_A=1"});
+    // The caller stepped back after the start; the program kept the caller's priority.
+    EXPECT_EQ(::getpriority(PRIO_PROCESS, 0), 19);
+    const std::string stat = KymTest::readFile(dir / "stat");
+    std::istringstream afterName(stat.substr(stat.rfind(')') + 1));
+    const Strings fields{std::istream_iterator<std::string>(afterName), std::istream_iterator<std::string>()};
+    ASSERT_GT(fields.size(), 16u) << stat;
+    EXPECT_EQ(fields[16], std::to_string(ownPriority)) << "the nice value, field 19 of " << stat;
 }
 
 TEST(Task, ConstructorStartsAtOnceWithTheInheritedEnvironment) {
@@ -111,9 +125,11 @@ TEST(Task, ProgramRunsOnDetachedInItsOwnSessionWithNoZombieLeft) {
     Base::Task task;
     task.setLaunchPath("/bin/sleep");
     task.setArguments({"30"});
+    const int ownPriority = ::getpriority(PRIO_PROCESS, 0);
     long pid = task.launch();
     ::dup2(ownInput, 0), ::close(ownInput), ::close(input);
     ASSERT_GT(pid, 0);
+    EXPECT_EQ(::getpriority(PRIO_PROCESS, 0), ownPriority) << "a caller that goes on keeps its priority";
     // The sleeper holds our standard output open; a test runner would wait for it.
     std::shared_ptr<void> killAtEnd(nullptr, [pid](void*) { ::kill(static_cast<pid_t>(pid), SIGKILL); });
 
