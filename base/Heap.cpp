@@ -37,6 +37,7 @@ bool useHugePages() {
 
     // A block larger than the top's free room comes from a fresh top that
     // starts where the block starts; freed, it leaves that top in one piece.
+    const std::uintptr_t endBefore = reinterpret_cast<std::uintptr_t>(::sbrk(0));
     mallopt(M_TOP_PAD, Growth);
     void* volatile probe = std::malloc(ProbeSize);
     mallopt(M_TOP_PAD, DefaultTopPad);
@@ -50,9 +51,9 @@ bool useHugePages() {
     const std::uintptr_t touched = top + ProbeSize + 2 * ChunkHeader;
     const std::uintptr_t start = (touched + HugePageSize - 1) & ~(HugePageSize - 1);
     const std::uintptr_t end = heapEnd & ~(HugePageSize - 1);
-    // Not carved at the heap's end (no brk heap to grow): leave it be. Any
-    // other surprise only misplaces the huge pages; the blocks stay sound.
-    if (top >= heapEnd || heapEnd - top < ProbeSize || end <= start) return false;
+    // Only a probe carved from the old top of a heap that grew for it tells
+    // where allocation goes on; another allocator's (a checker's) is left be.
+    if (heapEnd <= endBefore || top >= endBefore || endBefore - top > ProbeSize || end <= start) return false;
     if (::madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE) != 0) return false;
 
     // The part below the aligned start is taken by a block that is never

@@ -64,12 +64,12 @@ LogState& state() {
     static LogState* current = nullptr;
     if (!current) {
         current = new LogState;
-        current->output = standardErrorSink();
         try {
             applyEnvironment(*current);
         } catch (const BaseException&) {
             // An unusable KYM_LOG_FILE at first use leaves standard error;
             // BaseKit::initialize reports it.
+            current->output = standardErrorSink();
             enableLoggers(Environment::getEnvVariable("KYM_LOG"));
         }
     }
