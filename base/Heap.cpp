@@ -25,10 +25,9 @@ constexpr int Growth = 8 << 20;
 constexpr std::size_t ProbeSize = 1 << 20;
 constexpr int DefaultTopPad = 128 << 10;
 // glibc keeps two size words before each block; a block's chunk is its size
-// plus one size word, rounded up to two, and at least four.
+// plus one size word, rounded up to two.
 constexpr std::uintptr_t SizeWord = sizeof(std::size_t);
 constexpr std::uintptr_t ChunkHeader = 2 * SizeWord;
-constexpr std::uintptr_t MinimumChunk = 4 * SizeWord;
 
 } // namespace
 
@@ -56,13 +55,11 @@ bool useHugePages() {
     if (heapEnd <= endBefore || top >= endBefore || endBefore - top > ProbeSize || end <= start) return false;
     if (::madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE) != 0) return false;
 
-    // The part below the aligned start is taken by a block that is never
-    // touched, so it costs address space only, and the next blocks come from
-    // the huge pages.
-    if (start - top >= MinimumChunk) {
-        void* volatile filler = std::malloc(start - top - SizeWord);
-        static_cast<void>(filler);
-    }
+    // The part below the aligned start (more than the probe) is taken by a
+    // block that is never touched, so it costs address space only, and the
+    // next blocks come from the huge pages.
+    void* volatile filler = std::malloc(start - top - SizeWord);
+    static_cast<void>(filler);
     return true;
 }
 

@@ -13,8 +13,9 @@ namespace Heap {
 // is kept rather than handed back, since both would be faulted in again.
 // Call it first thing in main. Returns false when no huge pages were asked
 // for: no glibc allocator (or a sanitizer's), or a heap that could not be
-// grown in place. The program works the same either way, and a system with
-// huge pages switched off simply maps small ones.
+// grown in place; with glibc the two thresholds are set all the same. The
+// program works the same either way, and a system with huge pages switched
+// off simply maps small ones.
 bool useHugePages();
 
 } // namespace Heap

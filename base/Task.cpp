@@ -149,7 +149,7 @@ int directoryFault(const std::string& directory) {
     return 0;
 }
 
-// What the middle process is given and hands back, in memory it shares with us.
+// What posix_spawn is given and hands back; a middle process shares it with us.
 struct Spawn {
     const char* program;
     const posix_spawn_file_actions_t* actions;
@@ -161,7 +161,7 @@ struct Spawn {
 };
 
 // Runs in the middle process, or in the caller itself when it ends right after.
-int spawnFromMiddle(void* data) {
+int spawnProgram(void* data) {
     Spawn& spawn = *static_cast<Spawn*>(data);
     spawn.error = ::posix_spawn(&spawn.pid, spawn.program, spawn.actions, spawn.attributes, spawn.argv, spawn.envp);
     return 0;
@@ -216,36 +216,35 @@ long Task::launch() {
     if (!directory.empty()) posix_spawn_file_actions_addchdir_np(&setup.actions, directory.c_str());
     posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
 
-    // A middle process starts the program and exits at once, so that the
-    // program is adopted by init and never becomes our zombie. The middle
-    // shares our memory (nothing is copied) and we are suspended until it
-    // ends; posix_spawn in it returns once the program is exec'd, with the
-    // reason when it could not be. Our signal handlers must not run in the
-    // middle, hence every signal is blocked around it.
     Spawn spawn{program.c_str(), &setup.actions, &setup.attributes, argv.data(),
                 mHasEnvironment ? envp.data() : environ};
     if (mCallerEndsAfterStart) {
-        spawnFromMiddle(&spawn);
-        if (spawn.error != 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, spawn.error);
-        // The caller's last steps (its report, the release of its memory)
-        // must not hold up the program's start where both share a processor.
-        ::setpriority(PRIO_PROCESS, 0, 19);
-        return spawn.pid;
-    }
-    constexpr std::size_t MiddleStackSize = 64 * 1024;
-    std::unique_ptr<char[]> middleStack(new char[MiddleStackSize]);
-    sigset_t all, previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
-    const pid_t middle = ::clone(spawnFromMiddle, middleStack.get() + MiddleStackSize,
-                                 CLONE_VM | CLONE_VFORK | SIGCHLD, &spawn);
-    const int cloneError = errno;
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    if (middle < 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, cloneError);
-    int status = 0;
-    while (::waitpid(middle, &status, 0) < 0 && errno == EINTR) {
+        spawnProgram(&spawn);
+    } else {
+        // A middle process starts the program and exits at once, so that the
+        // program is adopted by init and never becomes our zombie. The middle
+        // shares our memory (nothing is copied) and we are suspended until it
+        // ends; posix_spawn in it returns once the program is exec'd, with the
+        // reason when it could not be. Our signal handlers must not run in the
+        // middle, hence every signal is blocked around it.
+        constexpr std::size_t MiddleStackSize = 64 * 1024;
+        std::unique_ptr<char[]> middleStack(new char[MiddleStackSize]);
+        sigset_t all, previous;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &previous);
+        const pid_t middle = ::clone(spawnProgram, middleStack.get() + MiddleStackSize,
+                                     CLONE_VM | CLONE_VFORK | SIGCHLD, &spawn);
+        const int cloneError = errno;
+        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+        if (middle < 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, cloneError);
+        int status = 0;
+        while (::waitpid(middle, &status, 0) < 0 && errno == EINTR) {
+        }
     }
     if (spawn.error != 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, spawn.error);
+    // A caller that ends now: its last steps (its report, the release of its
+    // memory) must not hold up the program's start where both share a processor.
+    if (mCallerEndsAfterStart) ::setpriority(PRIO_PROCESS, 0, 19);
     return spawn.pid;
 }
 

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -52,21 +53,22 @@ bool same(const boost::any& a, const boost::any& b) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    boost::any value;
+    // What PropertyList::parse reads through: checked once, used for both checks below.
+    std::unique_ptr<const Base::plist::Document> document;
     try {
-        value = PropertyList::parse(text, "fuzz input");
+        document = std::make_unique<const Base::plist::Document>(text, "fuzz input");
     } catch (const Base::BaseException&) {
         return 0;
     }
+    const boost::any value = document->root().toAny();
     // Whatever was read must be writable and read back as the same tree; a
     // BaseException here escapes on purpose.
     const std::string written = PropertyList::serialize(value);
     if (!same(value, PropertyList::parse(written, "fuzz round trip"))) std::abort();
     // The table of a checked document, kept and taken back, reads the same.
-    const Base::plist::Document document(text, "fuzz input");
     const auto kept = Base::plist::Document::fromTable(
-        std::vector<Base::plist::Document::Entry>(document.entryData(), document.entryData() + document.entryCount()),
-        std::string(document.pool()));
+        std::vector<Base::plist::Document::Entry>(document->entryData(), document->entryData() + document->entryCount()),
+        std::string(document->pool()));
     if (!kept || !same(value, kept->root().toAny())) std::abort();
     return 0;
 }

@@ -232,13 +232,8 @@ void Launcher::mergeLayers(const Configuration& config, const Configuration* com
     if (customized) {
         BaseInformation().mergeEnvVariables(vars);
         merged("base");
-        // The same walk as the registry's own merge, told plugin by plugin.
-        PluginsManager& registry = PluginsManagement();
-        std::vector<const PluginSettings*> plugins;
-        for (int index = 0; index < registry.numberOfPlugins(); ++index) {
-            const PluginSettings* plugin = registry.plugin(index, false);
-            if (registry.appliesTo(config, *plugin)) plugins.push_back(plugin);
-        }
+        // Plugin by plugin, so that the observer is told of each.
+        const std::vector<const PluginSettings*> plugins = PluginsManagement().pluginsFor(config);
         // Room at once for what the remaining layers can add.
         std::size_t remaining = app.mergedVariableCount() + config.settings()->mergedVariableCount() + LauncherVariableCount;
         if (commonConfig) remaining += commonConfig->settings()->mergedVariableCount();

@@ -80,6 +80,13 @@ bool PluginsManager::appliesTo(const Configuration& config, const PluginSettings
     return !config.isPluginDisabled(plugin.name()) && sameType(config, plugin);
 }
 
+std::vector<const PluginSettings*> PluginsManager::pluginsFor(const Configuration& config) const {
+    std::vector<const PluginSettings*> plugins;
+    for (const PluginSettings& plugin : mPlugins)
+        if (appliesTo(config, plugin)) plugins.push_back(&plugin);
+    return plugins;
+}
+
 std::vector<ConfigApplication> PluginsManager::applicationList(const Configuration& config) {
     std::vector<ConfigApplication> applications;
     for (PluginSettings& plugin : mPlugins) {
@@ -91,8 +98,7 @@ std::vector<ConfigApplication> PluginsManager::applicationList(const Configurati
 }
 
 void PluginsManager::mergeEnvVariables(const Configuration& config, std::vector<EnvironmentVariable>& vars) const {
-    for (const PluginSettings& plugin : mPlugins)
-        if (appliesTo(config, plugin)) plugin.mergeEnvVariables(vars);
+    for (const PluginSettings* plugin : pluginsFor(config)) plugin->mergeEnvVariables(vars);
 }
 
 void PluginsManager::mergeEnvVariables(const Configuration* config, std::vector<EnvironmentVariable>& vars) const {

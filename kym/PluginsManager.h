@@ -49,6 +49,8 @@ public:
     // plugins first.
     bool sameType(const Configuration& config, const PluginSettings& plugin) const;
     bool appliesTo(const Configuration& config, const PluginSettings& plugin) const;
+    // The plugins that apply; valid until the list changes.
+    std::vector<const PluginSettings*> pluginsFor(const Configuration& config) const;
     // The applications of the plugins that apply, each stamped "<plugin> Plugin".
     std::vector<ConfigApplication> applicationList(const Configuration& config);
     // Merges the variables of the plugins that apply; a later plugin's

@@ -98,6 +98,11 @@ public:
 
     // Takes in the elements appended to the list since the last look.
     void catchUp() {
+        // A list that shrank meanwhile is indexed anew rather than read past its end.
+        if (mIndexed > mList.size()) {
+            std::fill(mSlots.begin(), mSlots.end(), Slot{});
+            mIndexed = 0;
+        }
         makeRoom(mList.size());
         for (; mIndexed < mList.size(); ++mIndexed) {
             const std::uint32_t code = hash(mList[mIndexed].name);

@@ -364,7 +364,7 @@ private:
             if (std::strcmp(name, "data") == 0) {
                 const std::string_view encoded = text(element, scratch);
                 std::vector<unsigned char> bytes;
-                if (!decodeBase64(std::string(encoded), bytes)) fail(element, "invalid base64 in <data>");
+                if (!decodeBase64(encoded, bytes)) fail(element, "invalid base64 in <data>");
                 return mTable.setText(mTable.add(Kind::Data, key), encoded);
             }
             break;
@@ -570,7 +570,7 @@ std::unique_ptr<Document> Document::fromTable(const Entry* entries, std::size_t 
         if (kind == Kind::Integer && parseInteger(text, integer) != NumberStatus::Ok) return nullptr;
         if (kind == Kind::Real && parseReal(text, real) != NumberStatus::Ok) return nullptr;
         std::vector<unsigned char> bytes;
-        if (kind == Kind::Data && !decodeBase64(std::string(text), bytes)) return nullptr;
+        if (kind == Kind::Data && !decodeBase64(text, bytes)) return nullptr;
     }
     std::unique_ptr<Document> document(new Document);
     document->mKeeper = std::move(keeper);
@@ -645,7 +645,7 @@ double Node::real() const {
 
 std::vector<unsigned char> Node::data() const {
     std::vector<unsigned char> bytes;
-    decodeBase64(text(), bytes);
+    decodeBase64(textView(), bytes);
     return bytes;
 }
 

@@ -6,6 +6,8 @@
 
 #include <boost/filesystem/operations.hpp>
 
+#include <algorithm>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -13,7 +15,6 @@
 #include <functional>
 #include <memory>
 #include <string_view>
-#include <vector>
 
 #ifndef _WIN32
 #include <sys/stat.h>
@@ -116,10 +117,8 @@ Settings& settings() {
     return current;
 }
 
-// The bytes of a kept table; null when it cannot be read. Read rather than
-// mapped: a mapping costs more to set up and tear down than copying a table
-// into heap the program has touched already, and a copy cannot fault when
-// someone else truncates the file.
+// The bytes of a kept table; null when it cannot be read. A copy, not a
+// mapping: cheaper here, and it cannot fault when the file is truncated.
 std::shared_ptr<const std::string> readTable(const fs::path& file) {
     try {
         return std::make_shared<const std::string>(FileManager::readFile(file));
@@ -189,10 +188,6 @@ void DocumentCache::enable(const fs::path& folder, std::chrono::nanoseconds sett
 
 void DocumentCache::disable() {
     settings().enabled = false;
-}
-
-bool DocumentCache::isEnabled() {
-    return settings().enabled;
 }
 
 namespace {

@@ -28,7 +28,6 @@ public:
     static void enable(const boost::filesystem::path& folder,
                        std::chrono::nanoseconds settlingTime = defaultSettlingTime);
     static void disable();
-    static bool isEnabled();
     // Where the table of a file is kept.
     static boost::filesystem::path entryFor(const boost::filesystem::path& file);
 

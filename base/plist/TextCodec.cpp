@@ -133,7 +133,7 @@ std::string encodeBase64(const std::vector<unsigned char>& bytes) {
     return out;
 }
 
-bool decodeBase64(const std::string& text, std::vector<unsigned char>& bytes) {
+bool decodeBase64(std::string_view text, std::vector<unsigned char>& bytes) {
     bytes.clear();
     bytes.reserve(text.size() / 4 * 3);
     std::uint32_t group = 0;

@@ -32,7 +32,7 @@ std::string encodeBase64(const std::vector<unsigned char>& bytes);
 // Decodes padded standard base64, skipping XML white space anywhere; false
 // for any other character, a missing or misplaced '=' or a length that is
 // not a whole number of groups.
-bool decodeBase64(const std::string& text, std::vector<unsigned char>& bytes);
+bool decodeBase64(std::string_view text, std::vector<unsigned char>& bytes);
 
 } // namespace plist
 } // namespace Base
