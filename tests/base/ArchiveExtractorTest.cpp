@@ -3,7 +3,6 @@
 #include "base/BaseException.h"
 #include "base/FileManager.h"
 
-#include "support/Site.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>

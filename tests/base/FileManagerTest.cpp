@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <functional>
 #include <sys/stat.h>
 #include <tuple>
 
@@ -28,10 +27,7 @@ unsigned modeOf(const fs::path& p) {
     return ::stat(p.c_str(), &status) == 0 ? status.st_mode & 07777 : 0xFFFF;
 }
 
-std::string failureOf(const std::function<void()>& action) {
-    try { action(); } catch (const Base::BaseException& error) { return error.what(); }
-    return "no failure";
-}
+std::string failureOf(const std::function<void()>& action) { return KymTest::thrownMessage<Base::BaseException>(action); }
 
 } // namespace
 
@@ -56,12 +52,9 @@ TEST(WriteFileAtomically, FailedWriteOrRenameKeepsTheOldFileAndNoTemporaryFile) 
     KymTest::TempDir dir;
     fs::path target = dir / "site.dat";
     KymTest::writeFile(target, "old");
-    Base::SystemCalls::setWriteFault([](const std::string&) { return ENOSPC; });
-    const std::string writeFailure = failureOf([&] { FileManager::writeFileAtomically(target, "new"); });
-    Base::SystemCalls::setWriteFault(nullptr);
-    Base::SystemCalls::setRenameFault([](const std::string&) { return EXDEV; });
-    const std::string renameFailure = failureOf([&] { FileManager::writeFileAtomically(target, "new"); });
-    Base::SystemCalls::setRenameFault(nullptr);
+    const auto write = [&] { FileManager::writeFileAtomically(target, "new"); };
+    const std::string writeFailure = KymTest::thrownUnderFault(&Base::SystemCalls::setWriteFault, ENOSPC, write);
+    const std::string renameFailure = KymTest::thrownUnderFault(&Base::SystemCalls::setRenameFault, EXDEV, write);
 
     EXPECT_EQ("Cannot write settings file " + target.string() + ": No space left on device", writeFailure);
     EXPECT_EQ("Cannot write settings file " + target.string() + ": Invalid cross-device link", renameFailure);
@@ -75,7 +68,7 @@ TEST(FileManager, ReadableAndExecutableFollowTheUsersRights) {
     const std::vector<std::tuple<unsigned, bool, bool>> cases = {
         {0600, false, false}, {0644, true, false}, {0755, true, true}, {0, false, false}};
     for (const auto& [mode, readable, executable] : cases)
-        if (mode) KymTest::writeFile(dir / std::to_string(mode), "#!/bin/sh\n"), fs::permissions(dir / std::to_string(mode), fs::perms(mode));
+        if (mode) KymTest::writeExecutable(dir / std::to_string(mode), "#!/bin/sh\n", mode);
     // The number of wrong answers.
     EXPECT_EQ(0, KymTest::runAsNobody([&] {
         int wrong = 0;

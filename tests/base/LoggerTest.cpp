@@ -57,6 +57,6 @@ TEST(BaseKit, InitializeAppliesKymLogAndAppendsToKymLogFileOrNamesAnUnusableOne)
     EXPECT_EQ("earlier\n[kym.info]   Initialized\n", KymTest::readFile(dir / "run.log"));
 
     KymTest::ScopedEnv directory("KYM_LOG_FILE", dir.path().string());
-    try { Base::BaseKit::initialize(nullptr); ADD_FAILURE() << "no failure"; }
-    catch (const Base::BaseException& error) { EXPECT_STREQ(("Cannot open log file " + dir.path().string() + ": Is a directory").c_str(), error.what()); }
+    EXPECT_EQ("Cannot open log file " + dir.path().string() + ": Is a directory",
+              KymTest::thrownMessage<Base::BaseException>([] { Base::BaseKit::initialize(nullptr); }));
 }

@@ -27,9 +27,8 @@ TEST(PlatformChoice, EmptyKymPlatformMeansTheBuildHostKymPlatformIsReadOnceAtFir
 
     Platform::resetCurrent();
     KymTest::ScopedEnv invalid("KYM_PLATFORM", std::string("Windows"));
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        try { Platform::current(); ADD_FAILURE() << "no failure"; }
-        catch (const Base::BaseException& error) { EXPECT_STREQ("KYM_PLATFORM must be windows or posix, not 'Windows'", error.what()); }
-    }
+    for (int attempt = 0; attempt < 2; ++attempt)
+        EXPECT_EQ("KYM_PLATFORM must be windows or posix, not 'Windows'",
+                  KymTest::thrownMessage<Base::BaseException>([] { Platform::current(); }));
     Platform::resetCurrent();
 }

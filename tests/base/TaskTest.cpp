@@ -34,26 +34,18 @@ const bool orphansReaped = KymTest::reapOrphansOfTheTests();
 // environment come from /proc, which holds exactly what execve was given
 // (variables the shell adds itself, such as PWD, never show there).
 fs::path writeProbe(const TempDir& dir) {
-    fs::path probe = dir / "probe.sh";
-    KymTest::writeFile(probe, "#!/bin/sh\nout='" + dir.path().string() + "'\n"
-                              "/bin/cat /proc/$$/cmdline > \"$out/cmdline\"\n"
-                              "/bin/cat /proc/$$/environ > \"$out/environ\"\n"
-                              "/bin/cat /proc/$$/stat > \"$out/stat\"\n"
-                              "printf '%s\\0%s\\0' \"$(pwd -P)\" $$ > \"$out/where.part\"\n"
-                              "/bin/mv \"$out/where.part\" \"$out/where\"\n");
-    fs::permissions(probe, fs::perms(0755));
-    return probe;
+    return KymTest::writeExecutable(dir / "probe.sh", "#!/bin/sh\nout='" + dir.path().string() + "'\n"
+                                                      "/bin/cat /proc/$$/cmdline > \"$out/cmdline\"\n"
+                                                      "/bin/cat /proc/$$/environ > \"$out/environ\"\n"
+                                                      "/bin/cat /proc/$$/stat > \"$out/stat\"\n"
+                                                      "printf '%s\\0%s\\0' \"$(pwd -P)\" $$ > \"$out/where.part\"\n"
+                                                      "/bin/mv \"$out/where.part\" \"$out/where\"\n");
 }
 
 // The NUL-separated items of a file the probe wrote; waits for the probe, which Task never waits for.
 Strings recorded(const TempDir& dir, const std::string& name) {
-    for (int attempt = 0; attempt < 500 && !fs::exists(dir / "where"); ++attempt)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    const std::string text = KymTest::readFile(dir / name);
-    Strings parts;
-    for (std::size_t start = 0, end; (end = text.find('\0', start)) != std::string::npos; start = end + 1)
-        parts.push_back(text.substr(start, end - start));
-    return parts;
+    KymTest::waitForFile(dir / "where");
+    return KymTest::splitAtNul(KymTest::readFile(dir / name));
 }
 
 // True when this process has no child left, reaped or not.

@@ -6,25 +6,15 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <functional>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <thread>
 
 namespace {
 
 namespace fs = boost::filesystem;
 using Kym::App;
 
-std::string failure(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const Base::BaseException& e) {
-        return e.what();
-    }
-    return "(no failure)";
-}
+std::string failure(const std::function<void()>& action) { return KymTest::thrownMessage<Base::BaseException>(action); }
 
 TEST(App, OneApplicationObjectLivesAtATime) {
     {
@@ -48,8 +38,7 @@ TEST(App, ShowDocumentationStartsTheSiteBrowserOnTheDocumentAndRefusesAnUndefine
         site.writeSiteSettings(file);
     };
     const fs::path missing = site.root() / "missing" / "browser", plain = site.root() / "browser.txt";
-    KymTest::writeFile(plain, "#!/bin/sh\n");
-    fs::permissions(plain, fs::perms(0644));  // no execute bit at all: not executable, even for root
+    KymTest::writeExecutable(plain, "#!/bin/sh\n", 0644);  // no execute bit at all: not executable, even for root
     const std::pair<std::string, std::string> refused[] = {
         {"${KYM_TEST_UNDEFINED_BROWSER}", "Web browser is undefined. Please define it in the configure program."},
         {missing.string(), "The executable " + missing.string() + " was not found."},
@@ -60,13 +49,11 @@ TEST(App, ShowDocumentationStartsTheSiteBrowserOnTheDocumentAndRefusesAnUndefine
     }
 
     const fs::path browser = site.root() / "browser.sh", record = site.root() / "opened";
-    KymTest::writeFile(browser, "#!/bin/sh\nprintf '%s %s' \"$#\" \"$1\" > '" + record.string() + ".part'\n"
-                                "mv '" + record.string() + ".part' '" + record.string() + "'\n");
-    fs::permissions(browser, fs::perms(0755));
+    KymTest::writeExecutable(browser, "#!/bin/sh\nprintf '%s %s' \"$#\" \"$1\" > '" + record.string() + ".part'\n"
+                                      "mv '" + record.string() + ".part' '" + record.string() + "'\n");
     setBrowser(browser.string());
     app.showDocumentation("/docs/manual one.html");
-    for (int attempt = 0; attempt < 500 && !fs::exists(record); ++attempt)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    KymTest::waitForFile(record);
     while (::waitpid(-1, nullptr, 0) > 0) {
     }
     ASSERT_TRUE(fs::exists(record));

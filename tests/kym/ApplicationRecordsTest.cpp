@@ -1,6 +1,7 @@
 #include "kym/ConfigApplication.h"
 
 #include "base/Platform.h"
+#include "support/Site.h"
 
 #include <gtest/gtest.h>
 
@@ -13,15 +14,7 @@ namespace {
 
 std::vector<std::string> merged(const ConfigApplication& app, std::vector<EnvironmentVariable> list) {
     app.mergeEnvVariables(list);
-    std::vector<std::string> result;
-    for (const auto& v : list) result.push_back(v.name + "=" + v.value);
-    return result;
-}
-
-void addPath(EnvVariableListSource* source, const std::string& value) {
-    source->insertRow(-1);
-    source->setValueForListColumnRow("Name", 0, std::string("PATH"));
-    source->setValueForListColumnRow("Value", 0, value);
+    return KymTest::variableTexts(list);
 }
 
 } // namespace
@@ -29,7 +22,7 @@ void addPath(EnvVariableListSource* source, const std::string& value) {
 TEST(ConfigApplication, MergePutsTheCadLibrariesInFrontOfTheFirstPathOrAppendsIt) {
     Base::Platform::setCurrent(Base::Platform::Windows);
     ConfigApplication app;
-    addPath(app.commonVariables(), "$PATH;D:\\tools");
+    KymTest::appendVariable(app.commonVariables(), "PATH", "$PATH;D:\\tools");
     EXPECT_EQ((std::vector<std::string>{"Path=p", "PATH=${UGII_BASE_DIR}/ugii:C:\\bin;D:\\tools", "PATH=x"}),
               merged(app, {EnvironmentVariable("Path", "p"), EnvironmentVariable("PATH", "C:\\bin"),
                            EnvironmentVariable("PATH", "x")}));
@@ -39,7 +32,7 @@ TEST(ConfigApplication, MergePutsTheCadLibrariesInFrontOfTheFirstPathOrAppendsIt
 TEST(ConfigApplication, MergeWithoutTheFlagLeavesPathToTheMergeRuleOfTheLaunchConvention) {
     ConfigApplication app;
     app.addUGLibsToPath = false;
-    addPath(app.winVariables(), "$PATH;x");
+    KymTest::appendVariable(app.winVariables(), "PATH", "$PATH;x");
     Base::Platform::setCurrent(Base::Platform::Windows);
     EXPECT_EQ(std::vector<std::string>{"PATH=a;x"}, merged(app, {EnvironmentVariable("PATH", "a")}));
     Base::Platform::setCurrent(Base::Platform::Posix);

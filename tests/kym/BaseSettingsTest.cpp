@@ -1,7 +1,6 @@
 #include "kym/BaseSettings.h"
 
 #include "support/Site.h"
-#include "support/TestSupport.h"
 
 #include "base/BaseException.h"
 #include "base/Platform.h"
@@ -54,10 +53,8 @@ TEST(BaseSettings, AFailedSaveKeepsTheOldFileAndEveryMarkAndTheNextRewritesAllFo
     store.winVariables()->insertRow(-1);
     store.applications()->commonVariables(0)->insertRow(-1);
 
-    Base::SystemCalls::setRenameFault([](const std::string&) { return ENOSPC; });
-    EXPECT_EQ(thrownMessage([&] { store.save(); }),
+    EXPECT_EQ(thrownUnderFault(&Base::SystemCalls::setRenameFault, ENOSPC, [&] { store.save(); }),
               "Cannot write settings file " + site.baseSettingsFile().string() + ": No space left on device");
-    Base::SystemCalls::setRenameFault(nullptr);
     EXPECT_EQ(readFile(site.baseSettingsFile()), before);
     EXPECT_TRUE(store.winVariables()->isEdited());
     EXPECT_TRUE(store.applications()->application(0).needsSaving());

@@ -15,12 +15,7 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-Names rows(const ConfigurationManager& manager) {
-    Names names;
-    for (int row = 0; row < manager.numberOfRowsInList(); ++row)
-        names.push_back(boost::any_cast<std::string>(manager.valueForListColumnRow("Name", row)));
-    return names;
-}
+Names rows(const ConfigurationManager& manager) { return columnTexts(manager, "Name"); }
 
 template <class Range>
 Names names(const Range& configurations) {

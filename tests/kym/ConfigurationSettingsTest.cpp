@@ -2,7 +2,6 @@
 
 #include "support/Site.h"
 
-#include "base/BaseException.h"
 #include "base/SystemCalls.h"
 
 #include <gtest/gtest.h>
@@ -83,9 +82,8 @@ TEST(ConfigurationSettings, EveryKindOfEditNeedsSavingAndAFailedWriteKeepsFileAn
              [](ConfigurationSettings& s) { s.removeOverlay("Common", "viewer"); }}) {
         ConfigurationSettings settings = loaded(file);
         edit(settings);
-        Base::SystemCalls::setWriteFault([](const std::string&) { return EDQUOT; });
-        EXPECT_THROW(settings.save(), Base::BaseException);
-        Base::SystemCalls::setWriteFault(nullptr);
+        EXPECT_EQ(thrownUnderFault(&Base::SystemCalls::setWriteFault, EDQUOT, [&] { settings.save(); }),
+                  "Cannot write settings file " + file.string() + ": Disk quota exceeded");
         EXPECT_EQ(readFile(file), before);
         EXPECT_TRUE(settings.needsSaving());
     }

@@ -9,20 +9,10 @@ using namespace LauncherTest;
 using Base::Platform;
 using KymTest::thrownMessage;
 
-namespace {
-
-fs::path executableScript(const fs::path& file) {
-    KymTest::writeFile(file, "#!/bin/sh\n");
-    fs::permissions(file, fs::perms(0755));
-    return file;
-}
-
-} // namespace
-
 TEST(LauncherExecutable, ExpandsTheProgramCollapsesTheSeparatorAfterTheDirectoryAndNamesTheFault) {
     KymTest::TempDir dir;
     Platform::setCurrent(Platform::Posix);
-    const fs::path program = executableScript(dir / "bin" / "cad.sh");
+    const fs::path program = KymTest::writeExecutable(dir / "bin" / "cad.sh", "#!/bin/sh\n");
     const Environment tools{{"TOOLS", (dir / "bin").string() + "/"}};
     EXPECT_EQ(program, Kym::Launcher().getAndCheckExecutable(application("${TOOLS}//cad.sh"), tools));
 

@@ -5,8 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
+#include <stdexcept>
 
 using namespace LauncherTest;
 using Base::Platform;
@@ -15,30 +14,20 @@ namespace {
 
 const bool orphansReaped = KymTest::reapOrphansOfTheTests();
 
-Lines splitAtNul(const std::string& text) {
-    Lines parts;
-    for (std::size_t start = 0, end; (end = text.find('\0', start)) != std::string::npos; start = end + 1)
-        parts.push_back(text.substr(start, end - start));
-    return parts;
-}
-
 // A program that records how it was started: its argument vector and environment as execve gave them (from
 // /proc) and its working directory. It runs on after the launch returned; record() waits for it, not timed.
 struct Probe {
     Probe() {
-        KymTest::writeFile(program, "#!/bin/sh\nout='" + dir.path().string() + "'\n/bin/cat /proc/$$/cmdline > "
-                                    "\"$out/cmdline\"\n/bin/cat /proc/$$/environ > \"$out/environ\"\n"
-                                    "pwd -P > \"$out/cwd.part\"\n/bin/mv \"$out/cwd.part\" \"$out/cwd\"\n");
-        fs::permissions(program, fs::perms(0755));
+        KymTest::writeExecutable(program, "#!/bin/sh\nout='" + dir.path().string() + "'\n/bin/cat /proc/$$/cmdline > "
+                                          "\"$out/cmdline\"\n/bin/cat /proc/$$/environ > \"$out/environ\"\n"
+                                          "pwd -P > \"$out/cwd.part\"\n/bin/mv \"$out/cwd.part\" \"$out/cwd\"\n");
     }
     struct Record { Lines arguments, environment; std::string directory; };
     Record record() const {
-        for (int attempt = 0; attempt < 500 && !fs::exists(dir / "cwd"); ++attempt)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        if (!fs::exists(dir / "cwd")) throw std::runtime_error("the probe did not run");
+        if (!KymTest::waitForFile(dir / "cwd")) throw std::runtime_error("the probe did not run");
         const std::string directory = KymTest::readFile(dir / "cwd");
-        return {splitAtNul(KymTest::readFile(dir / "cmdline")), splitAtNul(KymTest::readFile(dir / "environ")),
-                directory.substr(0, directory.size() - 1)};
+        return {KymTest::splitAtNul(KymTest::readFile(dir / "cmdline")),
+                KymTest::splitAtNul(KymTest::readFile(dir / "environ")), directory.substr(0, directory.size() - 1)};
     }
 
     KymTest::TempDir dir;

@@ -78,9 +78,8 @@ inline KymTest::DepartmentSettings settingsWith(const std::vector<Kym::Environme
 
 inline KymTest::DepartmentProperties propertiesWith(const std::string& commonDepartment, bool doFileCleanup = false,
                                                    std::uint32_t cleanupDays = 2) {
-    KymTest::DepartmentProperties properties;
-    properties.commonDepartment = commonDepartment;
-    properties.doFileCleanup = doFileCleanup;
+    KymTest::DepartmentProperties properties;  // the other fields keep the library's defaults
+    properties.commonDepartment = commonDepartment, properties.doFileCleanup = doFileCleanup;
     properties.cleanupDays = cleanupDays;
     return properties;
 }
@@ -90,12 +89,7 @@ inline Kym::ConfigApplication application(const std::string& program, const std:
     Kym::ConfigApplication app = KymTest::makeApplication("app", program);
     app.arguments = arguments;
     app.addUGLibsToPath = false;
-    Kym::EnvVariableListSource* list = app.commonVariables();
-    for (const auto& variable : commonVariables) {
-        list->insertRow(-1);
-        list->setValueForListColumnRow("Name", list->numberOfRowsInList() - 1, variable.name);
-        list->setValueForListColumnRow("Value", list->numberOfRowsInList() - 1, variable.value);
-    }
+    for (const auto& variable : commonVariables) KymTest::appendVariable(app.commonVariables(), variable.name, variable.value);
     return app;
 }
 

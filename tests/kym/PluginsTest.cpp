@@ -3,7 +3,6 @@
 
 #include "support/Site.h"
 
-#include "base/BaseException.h"
 #include "base/SystemCalls.h"
 
 #include <gtest/gtest.h>
@@ -17,19 +16,7 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-Names pluginNames(PluginsManager& plugins) {
-    Names names;
-    for (int index = 0; index < plugins.numberOfPlugins(); ++index)
-        names.push_back(plugins.plugin(index, false)->name() + " " + plugins.plugin(index, false)->pluginType());
-    return names;
-}
-
-Names tableRows(const PluginsManager& plugins) {
-    Names rows;
-    for (int row = 0; row < plugins.numberOfRowsInList(); ++row)
-        rows.push_back(boost::any_cast<std::string>(plugins.valueForListColumnRow("Name", row)));
-    return rows;
-}
+Names tableRows(const PluginsManager& plugins) { return columnTexts(plugins, "Name"); }
 
 } // namespace
 
@@ -43,7 +30,7 @@ TEST(PluginsScan, InternalPluginsComeSortedByNameThenExternalOnesAsAdded) {
     PluginsManager& plugins = PluginsManagement();
     const fs::path external = site.writePlugin(site.root() / "external" / "beta", "Production");
     plugins.addPlugin(external);
-    EXPECT_EQ(pluginNames(plugins),
+    EXPECT_EQ(pluginNames(),
               (Names{"alpha Development", "bare Site-wide", "zeta Site-wide", "beta Production"}));
     EXPECT_EQ(log.lines("kym.info"), (Names{"Adding plugin: " + (site.pluginsPath() / "alpha").string(),
                                             "Adding plugin: " + (site.pluginsPath() / "bare").string(),
@@ -52,7 +39,7 @@ TEST(PluginsScan, InternalPluginsComeSortedByNameThenExternalOnesAsAdded) {
     EXPECT_TRUE(plugins.isInternalPlugin(*plugins.plugin(2, false)) && !plugins.isInternalPlugin(*plugins.plugin(3, false)));
 
     plugins.removePlugin(site.pluginsPath() / "bare");
-    EXPECT_EQ(pluginNames(plugins), (Names{"alpha Development", "zeta Site-wide", "beta Production"}));
+    EXPECT_EQ(pluginNames(), (Names{"alpha Development", "zeta Site-wide", "beta Production"}));
     EXPECT_EQ(plugins.internalCount(), 3);
 }
 
@@ -63,7 +50,7 @@ TEST(PluginsScan, DamagedPluginLeavesNoRegistryAndTheNextCallRetries) {
     const std::string message = thrownMessage([] { PluginsManagement(); });
     EXPECT_NE(message.find((site.pluginsPath() / "pdm" / "settings.dat").string()), std::string::npos) << message;
     site.addInternalPlugin("pdm");
-    EXPECT_EQ(pluginNames(PluginsManagement()), (Names{"cam Site-wide", "pdm Site-wide"}));
+    EXPECT_EQ(pluginNames(), (Names{"cam Site-wide", "pdm Site-wide"}));
 }
 
 TEST(PluginsTable, ExternalOnlyHidesTheInternalPluginsAndTheIndexIsCheckedBeforeTheOffset) {
@@ -94,9 +81,8 @@ TEST(PluginSettings, AFailedSaveKeepsFileAndMarksAndASaveReadsBackButKeepsTheNee
     plugin.applications()->commonVariables(0)->insertRow(-1);
     plugin.commonVariables()->insertRow(-1);
     plugin.commonVariables()->setValueForListColumnRow("Name", 0, std::string("CAM_COMMON"));
-    Base::SystemCalls::setWriteFault([](const std::string&) { return EDQUOT; });
-    EXPECT_THROW(plugin.save(), Base::BaseException);
-    Base::SystemCalls::setWriteFault(nullptr);
+    EXPECT_EQ(thrownUnderFault(&Base::SystemCalls::setWriteFault, EDQUOT, [&] { plugin.save(); }),
+              "Cannot write settings file " + plugin.dataFile().string() + ": Disk quota exceeded");
     EXPECT_EQ(readFile(plugin.dataFile()), before);
     EXPECT_TRUE(plugin.commonVariables()->isEdited() && plugin.applications()->application(0).needsSaving());
 

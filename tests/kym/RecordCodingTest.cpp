@@ -4,7 +4,7 @@
 
 #include "base/Archiver.h"
 #include "base/Unarchiver.h"
-#include "support/TestSupport.h"
+#include "support/Site.h"
 
 #include <boost/regex.hpp>
 #include <gtest/gtest.h>
@@ -50,12 +50,6 @@ std::string describe(const ConfigApplication& app) {
            std::to_string(app.disableApplication) + "|" + std::to_string(app.platform) + "|" + app.configurationName();
 }
 
-void addVariable(EnvVariableListSource* source, const std::string& name, const std::string& value) {
-    source->insertRow(-1);
-    source->setValueForListColumnRow("Name", source->numberOfRowsInList() - 1, name);
-    source->setValueForListColumnRow("Value", source->numberOfRowsInList() - 1, value);
-}
-
 } // namespace
 
 TEST(RecordCoding, RecordsAndListsWriteTheirTypeNamesAndKeysInOrder) {
@@ -87,8 +81,8 @@ TEST(RecordCoding, AnApplicationKeepsItsFieldsButNotItsConfigurationAndWritingMa
     original.disableCustomization = original.disableApplication = true;
     original.platform = UnixPlatform;
     original.setConfigurationName("Design");
-    addVariable(original.commonVariables(), "C", "C:\\x;%TEMP%");
-    addVariable(original.winVariables(), "W", "w");
+    KymTest::appendVariable(original.commonVariables(), "C", "C:\\x;%TEMP%");
+    KymTest::appendVariable(original.winVariables(), "W", "w");
     Base::Archiver archiver("unused.dat");
     original.encode(archiver);
     EXPECT_FALSE(original.commonVariables()->isEdited() || original.winVariables()->isEdited());

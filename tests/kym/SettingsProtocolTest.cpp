@@ -1,6 +1,7 @@
 #include "kym/SettingsProtocol.h"
 
 #include "base/Platform.h"
+#include "support/Site.h"
 
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/regex.hpp>
@@ -41,13 +42,7 @@ Lines merged(const EnvironmentVariable& later, Variables list) {
 }
 
 // A layer whose lists are filled through the editor's table models.
-struct Layer : SettingsProtocol {
-    void add(Kym::EnvVariableListSource* source, const std::string& name, const std::string& value) {
-        source->insertRow(-1);
-        source->setValueForListColumnRow("Name", source->numberOfRowsInList() - 1, name);
-        source->setValueForListColumnRow("Value", source->numberOfRowsInList() - 1, value);
-    }
-};
+struct Layer : SettingsProtocol {};
 
 // The merge rule exactly as stated: the first element of that name, its value
 // with backslashes doubled as the replacement of \$NAME|\$\{NAME\}.
@@ -128,7 +123,7 @@ TEST(LayeredMerge, LayersOfHundredsOfNamesMergeLikeOneVariableAfterTheOther) {
         for (int i = 0; i < 250; ++i) {
             const std::string name = "N" + std::to_string(random() % 600);
             const std::string values[] = {"x" + std::to_string(i), "$" + name + ";\\y", "${" + name + "}" + name, ""};
-            layer.add(i % 2 ? layer.commonVariables() : layer.winVariables(), name, values[random() % 4]);
+            KymTest::appendVariable(i % 2 ? layer.commonVariables() : layer.winVariables(), name, values[random() % 4]);
         }
         for (const Variables& list : {layer.commonVariableList(), layer.winVariableList()})
             for (const auto& v : list) referenceMerge(v, expected);
@@ -139,7 +134,7 @@ TEST(LayeredMerge, LayersOfHundredsOfNamesMergeLikeOneVariableAfterTheOther) {
 
 TEST(SettingsProtocol, CopiesAndMovesShowTheirOwnListsAndKeepTheEditedMarks) {
     auto original = std::make_unique<Layer>();
-    original->add(original->unixVariables(), "U", "1");
+    KymTest::appendVariable(original->unixVariables(), "U", "1");
     Layer copy(*original);
     Layer moved(std::move(*original));
     original.reset();

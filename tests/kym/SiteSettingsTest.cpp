@@ -1,9 +1,6 @@
 #include "kym/SiteSettings.h"
 
-#include "kym/PluginsManager.h"
-
 #include "support/Site.h"
-#include "support/TestSupport.h"
 
 #include "base/BaseException.h"
 #include "base/Platform.h"
@@ -13,7 +10,6 @@
 #include <gtest/gtest.h>
 
 using namespace KymTest;
-using Kym::PluginsManagement;
 using Kym::SiteInformation;
 using Kym::SiteSettings;
 
@@ -81,9 +77,8 @@ TEST(SiteSettings, AFailedSaveKeepsTheOldFileAndTheMarksAndTheNextWritesTheFifte
     SiteSettings& store = SiteInformation();
     store.setWinExternalPluginsLocation("E:\\plugins");
     store.settingsChanged();
-    Base::SystemCalls::setRenameFault([](const std::string&) { return EROFS; });
-    EXPECT_THROW(store.save(), Base::BaseException);
-    Base::SystemCalls::setRenameFault(nullptr);
+    EXPECT_EQ(thrownUnderFault(&Base::SystemCalls::setRenameFault, EROFS, [&] { store.save(); }),
+              "Cannot write settings file " + site.siteSettingsFile().string() + ": Read-only file system");
     EXPECT_TRUE(store.needsSaving());
     EXPECT_EQ(readFile(site.siteSettingsFile()), before);
 
@@ -113,15 +108,10 @@ TEST(SiteExternalPlugins, FollowTheInternalOnesInNameOrderAndADamagedOneTakesOut
     site.writePlugin(site.root() / "win-plugins" / "w", "Site-wide");
     site.writeSiteSettings(file);
     writeFile(location / "b" / "settings.dat", "damaged");
-    auto names = [] {
-        std::vector<std::string> result;
-        for (int index = 0; index < PluginsManagement().numberOfPlugins(); ++index)
-            result.push_back(PluginsManagement().plugin(index, false)->name());
-        return result;
-    };
     EXPECT_THROW(SiteInformation(), Base::BaseException);
-    EXPECT_EQ(names(), (std::vector<std::string>{"internal"}));
+    EXPECT_EQ(pluginNames(), (std::vector<std::string>{"internal Site-wide"}));
     site.writePlugin(location / "b", "Site-wide");
     SiteInformation();
-    EXPECT_EQ(names(), (std::vector<std::string>{"internal", "a", "b", "c"}));
+    EXPECT_EQ(pluginNames(),
+              (std::vector<std::string>{"internal Site-wide", "a Site-wide", "b Site-wide", "c Site-wide"}));
 }

@@ -44,10 +44,8 @@ TEST(SystemInformation, FailedSaveKeepsTheFileAndTheChangedMark) {
     SystemInfo& info = SystemInformation();
     info.SiteSettingsSuffix = "Nx5";
     info.settingsChanged();
-    Base::SystemCalls::setRenameFault([](const std::string&) { return EIO; });
-    EXPECT_EQ(thrownMessage([&] { info.save(); }),
+    EXPECT_EQ(thrownUnderFault(&Base::SystemCalls::setRenameFault, EIO, [&] { info.save(); }),
               "Cannot write settings file " + site.systemInfoFile().string() + ": Input/output error");
-    Base::SystemCalls::setRenameFault(nullptr);
     EXPECT_TRUE(info.needsSaving());
     EXPECT_EQ(readFile(site.systemInfoFile()), before);
 }

@@ -15,15 +15,7 @@ std::string fields(const Time& time) {
     return time.toString("%Y-%m-%d %H:%M:%S") + (time.zone() == Time::Gmt ? " GMT" : " local");
 }
 
-template <class Action>
-std::string errorOf(Action action) {
-    try {
-        action();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return "no error";
-}
+std::string errorOf(const std::function<void()>& action) { return KymTest::thrownMessage<std::runtime_error>(action); }
 
 } // namespace
 

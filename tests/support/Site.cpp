@@ -4,6 +4,7 @@
 #include "kym/Configuration.h"
 #include "kym/ConfigurationSettings.h"
 #include "kym/PluginSettings.h"
+#include "kym/PluginsManager.h"
 #include "kym/SiteSettings.h"
 
 #include "base/Archiver.h"
@@ -17,6 +18,27 @@ std::vector<std::string> variableTexts(const std::vector<Kym::EnvironmentVariabl
     std::vector<std::string> texts;
     for (const auto& variable : variables) texts.push_back(variable.name + "=" + variable.value);
     return texts;
+}
+
+void appendVariable(Kym::EnvVariableListSource* table, const std::string& name, const std::string& value) {
+    table->insertRow(-1);
+    table->setValueForListColumnRow("Name", table->numberOfRowsInList() - 1, name);
+    table->setValueForListColumnRow("Value", table->numberOfRowsInList() - 1, value);
+}
+
+std::vector<std::string> columnTexts(const Base::DataSourceInterface& table, const std::string& column) {
+    std::vector<std::string> texts;
+    for (int row = 0; row < table.numberOfRowsInList(); ++row)
+        texts.push_back(boost::any_cast<std::string>(table.valueForListColumnRow(column, row)));
+    return texts;
+}
+
+std::vector<std::string> pluginNames() {
+    Kym::PluginsManager& plugins = Kym::PluginsManagement();
+    std::vector<std::string> names;
+    for (int index = 0; index < plugins.numberOfPlugins(); ++index)
+        names.push_back(plugins.plugin(index, false)->name() + " " + plugins.plugin(index, false)->pluginType());
+    return names;
 }
 
 std::vector<std::string> archiveTopLevelKeys(const fs::path& file) {

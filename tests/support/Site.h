@@ -73,6 +73,12 @@ struct DepartmentSettings {
 
 // "NAME=value" for each variable, in order, so whole lists compare in one assertion.
 std::vector<std::string> variableTexts(const std::vector<Kym::EnvironmentVariable>& variables);
+// Appends a row to a variable table as the editor does, and fills in its name and value.
+void appendVariable(Kym::EnvVariableListSource* table, const std::string& name, const std::string& value);
+// The texts of a table's column, row by row.
+std::vector<std::string> columnTexts(const Base::DataSourceInterface& table, const std::string& column);
+// "name type" of each plugin of the registry, in its order.
+std::vector<std::string> pluginNames();
 // The keys of an archive file's top level, in the order they stand in the file.
 std::vector<std::string> archiveTopLevelKeys(const fs::path& file);
 

@@ -1,10 +1,12 @@
 #include "support/TestSupport.h"
 
+#include "base/BaseException.h"
 #include "base/log/Logger.h"
 
 #include <spdlog/sinks/base_sink.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
@@ -16,6 +18,7 @@
 #include <csignal>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <utime.h>
 
@@ -47,15 +50,36 @@ void writeFile(const fs::path& file, const std::string& content) {
     out << content;
 }
 
+fs::path writeExecutable(const fs::path& file, const std::string& content, unsigned mode) {
+    writeFile(file, content);
+    fs::permissions(file, fs::perms(mode));
+    return file;
+}
+
 std::string readFile(const fs::path& file) {
     std::ifstream in(file.string(), std::ios::binary);
     if (!in) throw std::runtime_error("cannot read test file " + file.string());
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-std::string thrownMessage(const std::function<void()>& action) {
-    try { action(); } catch (const std::exception& failure) { return failure.what(); }
-    return "(nothing thrown)";
+std::vector<std::string> splitAtNul(const std::string& text) {
+    std::vector<std::string> parts;
+    for (std::size_t start = 0, end; (end = text.find('\0', start)) != std::string::npos; start = end + 1)
+        parts.push_back(text.substr(start, end - start));
+    return parts;
+}
+
+bool waitForFile(const fs::path& file) {
+    for (int attempt = 0; attempt < 500 && !fs::exists(file); ++attempt)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return fs::exists(file);
+}
+
+std::string thrownUnderFault(void (*setFault)(Base::SystemCalls::FaultHook), int error,
+                             const std::function<void()>& action) {
+    setFault([error](const std::string&) { return error; });
+    const std::shared_ptr<void> clear(nullptr, [setFault](void*) { setFault(nullptr); });
+    return thrownMessage<Base::BaseException>(action);
 }
 
 void setAge(const fs::path& file, double secondsAgo) {

@@ -3,7 +3,10 @@
 // unprivileged user (root ignores file permissions).
 #pragma once
 
+#include "base/SystemCalls.h"
+
 #include <boost/filesystem.hpp>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -46,9 +49,23 @@ private:
 
 // Writes a file, making its parent directories.
 void writeFile(const fs::path& file, const std::string& content);
+// Writes a file and gives it the mode, by default that of a script anyone may run; returns the file.
+fs::path writeExecutable(const fs::path& file, const std::string& content, unsigned mode = 0755);
 std::string readFile(const fs::path& file);
-// The what() of the std::exception the action throws, or "(nothing thrown)".
-std::string thrownMessage(const std::function<void()>& action);
+// The items of a text where each ends in a NUL byte, as /proc holds argument vectors and environments.
+std::vector<std::string> splitAtNul(const std::string& text);
+// Waits up to ten seconds for the file a started program writes last; whether it is there.
+bool waitForFile(const fs::path& file);
+
+// The what() of the exception of that type the action throws, or "(nothing thrown)"; others go through.
+template <class Exception = std::exception>
+std::string thrownMessage(const std::function<void()>& action) {
+    try { action(); } catch (const Exception& failure) { return failure.what(); }
+    return "(nothing thrown)";
+}
+// What the action throws as a BaseException while every call the setter hooks (write, rename) fails with the error.
+std::string thrownUnderFault(void (*setFault)(Base::SystemCalls::FaultHook), int error,
+                             const std::function<void()>& action);
 // Sets a file's modification time to the given number of seconds ago.
 void setAge(const fs::path& file, double secondsAgo);
 

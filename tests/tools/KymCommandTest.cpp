@@ -6,7 +6,6 @@
 #include "kym/ConfigurationSettings.h"
 
 #include "support/Site.h"
-#include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -57,22 +56,18 @@ void ok(const std::vector<std::vector<std::string>>& commands) {
 // A program that writes how it was started: its arguments (each in brackets),
 // its working directory and the variables the launch sets.
 fs::path writeProbe(const fs::path& directory) {
-    const fs::path probe = directory / "probe.sh";
-    writeFile(probe, "#!/bin/sh\n"
-                     "out='" + directory.string() + "'\n"
-                     "{ printf '[%s]' \"$0\" \"$@\"; echo; pwd -P\n"
-                     "  for v in PROBE_VAR KYM_DEPT_DIR KYM_COMMONDEPT_DIR UGII_LOCAL_USER_DEFAULTS; do\n"
-                     "    echo \"$v=$(printenv $v)\"; done; } > \"$out/record.part\"\n"
-                     "/bin/mv \"$out/record.part\" \"$out/record\"\n");
-    fs::permissions(probe, fs::perms(0755));
-    return probe;
+    return writeExecutable(directory / "probe.sh",
+                           "#!/bin/sh\n"
+                           "out='" + directory.string() + "'\n"
+                           "{ printf '[%s]' \"$0\" \"$@\"; echo; pwd -P\n"
+                           "  for v in PROBE_VAR KYM_DEPT_DIR KYM_COMMONDEPT_DIR UGII_LOCAL_USER_DEFAULTS; do\n"
+                           "    echo \"$v=$(printenv $v)\"; done; } > \"$out/record.part\"\n"
+                           "/bin/mv \"$out/record.part\" \"$out/record\"\n");
 }
 
 // The probe runs on after kym has returned; it is waited for here, not timed.
 std::string readProbe(const fs::path& directory) {
-    for (int attempt = 0; attempt < 500 && !fs::exists(directory / "record"); ++attempt)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return fs::exists(directory / "record") ? readFile(directory / "record") : "the probe did not run";
+    return waitForFile(directory / "record") ? readFile(directory / "record") : "the probe did not run";
 }
 
 class KymCommand : public ::testing::Test {
