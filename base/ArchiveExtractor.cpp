@@ -4,13 +4,14 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <dlfcn.h>
-
 #include <memory>
 #include <string>
 
+#ifndef _WIN32
+#include <dlfcn.h>
 #ifndef KYM_LIBARCHIVE_SONAME
 #error "KYM_LIBARCHIVE_SONAME (the file name of the libarchive to load) comes from the build"
+#endif
 #endif
 
 namespace Base {
@@ -22,23 +23,42 @@ const std::size_t blockSize = 10240;
 // Restore permissions and times; nothing else.
 const int extractFlags = ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_TIME;
 
-// libarchive and the libraries it drags in (libxml2, ICU, the compressors) are
-// loaded only when an archive is unpacked, so that every other start of a
-// program stays cheap. The headers still check every call.
+// The functions used, each with the member that holds it.
+#define BASE_ARCHIVE_FUNCTIONS(F)                                   \
+    F(readNew, archive_read_new)                                    \
+    F(readFree, archive_read_free)                                  \
+    F(supportFilterAll, archive_read_support_filter_all)            \
+    F(supportFormatAll, archive_read_support_format_all)            \
+    F(openFilename, archive_read_open_filename)                     \
+    F(nextHeader, archive_read_next_header)                         \
+    F(extract, archive_read_extract)                                \
+    F(close, archive_read_close)                                    \
+    F(errorString, archive_error_string)
+
 struct ArchiveLibrary {
-    decltype(&archive_read_new) readNew = nullptr;
-    decltype(&archive_read_free) readFree = nullptr;
-    decltype(&archive_read_support_filter_all) supportFilterAll = nullptr;
-    decltype(&archive_read_support_format_all) supportFormatAll = nullptr;
-    decltype(&archive_read_open_filename) openFilename = nullptr;
-    decltype(&archive_read_next_header) nextHeader = nullptr;
-    decltype(&archive_read_extract) extract = nullptr;
-    decltype(&archive_read_close) close = nullptr;
-    decltype(&archive_error_string) errorString = nullptr;
+#define BASE_ARCHIVE_MEMBER(member, function) decltype(&function) member = nullptr;
+    BASE_ARCHIVE_FUNCTIONS(BASE_ARCHIVE_MEMBER)
+#undef BASE_ARCHIVE_MEMBER
     // Why the library is unusable; empty once every function is found.
     std::string failure;
 };
 
+#ifdef _WIN32
+
+// Linked in: Windows has no loader cost to spare us.
+ArchiveLibrary loadArchiveLibrary() {
+    ArchiveLibrary api;
+#define BASE_ARCHIVE_BIND(member, function) api.member = &function;
+    BASE_ARCHIVE_FUNCTIONS(BASE_ARCHIVE_BIND)
+#undef BASE_ARCHIVE_BIND
+    return api;
+}
+
+#else
+
+// libarchive and the libraries it drags in (libxml2, ICU, the compressors) are
+// loaded only when an archive is unpacked, so that every other start of a
+// program stays cheap. The headers still check every call.
 std::string loaderError() {
     const char* text = ::dlerror();
     return text ? text : "no reason given";
@@ -64,18 +84,13 @@ ArchiveLibrary loadArchiveLibrary() {
         api.failure = "cannot load the archive library " KYM_LIBARCHIVE_SONAME ": " + loaderError();
         return api;
     }
-    std::string& failure = api.failure;
-    resolve(library, "archive_read_new", api.readNew, failure);
-    resolve(library, "archive_read_free", api.readFree, failure);
-    resolve(library, "archive_read_support_filter_all", api.supportFilterAll, failure);
-    resolve(library, "archive_read_support_format_all", api.supportFormatAll, failure);
-    resolve(library, "archive_read_open_filename", api.openFilename, failure);
-    resolve(library, "archive_read_next_header", api.nextHeader, failure);
-    resolve(library, "archive_read_extract", api.extract, failure);
-    resolve(library, "archive_read_close", api.close, failure);
-    resolve(library, "archive_error_string", api.errorString, failure);
+#define BASE_ARCHIVE_RESOLVE(member, function) resolve(library, #function, api.member, api.failure);
+    BASE_ARCHIVE_FUNCTIONS(BASE_ARCHIVE_RESOLVE)
+#undef BASE_ARCHIVE_RESOLVE
     return api;
 }
+
+#endif
 
 const ArchiveLibrary& archiveLibrary() {
     static const ArchiveLibrary api = loadArchiveLibrary();

@@ -3,11 +3,13 @@
 // not when the program starts.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <boost/filesystem/path.hpp>
 
 namespace Base {
 
-class ArchiveExtractor {
+class BASE_EXPORT ArchiveExtractor {
 public:
     // Extracts every entry, relative to the working directory, restoring
     // permissions and modification times but not the owner, with no check

@@ -4,6 +4,8 @@
 // atomically.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include "base/TypeInfo.h"
 
 #include <boost/any.hpp>
@@ -17,10 +19,10 @@ namespace Base {
 class CoderBase;
 
 // Reserved keys of a nested object's dictionary in the file.
-extern const char* const archiveTypeKey;   // "$type": the registered type name
-extern const char* const archiveItemsKey;  // "$items": the items of a collection
+BASE_EXPORT extern const char* const archiveTypeKey;   // "$type": the registered type name
+BASE_EXPORT extern const char* const archiveItemsKey;  // "$items": the items of a collection
 
-class Archiver {
+class BASE_EXPORT Archiver {
 public:
     explicit Archiver(const boost::filesystem::path& file);
     ~Archiver();

@@ -2,12 +2,14 @@
 // exception classes derive from it.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <stdexcept>
 #include <string>
 
 namespace Base {
 
-class BaseException : public std::runtime_error {
+class BASE_EXPORT BaseException : public std::runtime_error {
 public:
     explicit BaseException(const std::string& message) : std::runtime_error(message) {}
 };

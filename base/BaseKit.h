@@ -1,15 +1,17 @@
 // Start-up of the base layer.
 #pragma once
 
+#include "base/BaseExport.h"
+
 namespace Base {
 
 // A program's hooks into start-up; none are needed yet.
-class InitializeDelegate {
+class BASE_EXPORT InitializeDelegate {
 public:
     virtual ~InitializeDelegate() = default;
 };
 
-class BaseKit {
+class BASE_EXPORT BaseKit {
 public:
     // Sets up the loggers: KYM_LOG names the ones to switch on, KYM_LOG_FILE
     // the file they write to (standard error otherwise). The delegate may be null.

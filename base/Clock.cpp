@@ -54,9 +54,8 @@ Seconds fromLocalTime(std::tm& fields) {
 long secondsWestOfGmt() {
     readTimeZone();
 #ifdef _WIN32
-    long seconds = 0;
-    _get_timezone(&seconds);
-    return seconds;
+    // The C runtime every Windows has (msvcrt) offers the variable, not _get_timezone.
+    return _timezone;
 #else
     return ::timezone;
 #endif
@@ -65,9 +64,7 @@ long secondsWestOfGmt() {
 bool hasDaylightSavingRule() {
     readTimeZone();
 #ifdef _WIN32
-    int daylight = 0;
-    _get_daylight(&daylight);
-    return daylight != 0;
+    return _daylight != 0;
 #else
     return ::daylight != 0;
 #endif

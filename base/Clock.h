@@ -3,6 +3,8 @@
 // zone (TZ is read again at every call, so a changed zone is seen).
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <cstdint>
 #include <ctime>
 
@@ -11,15 +13,15 @@ namespace Clock {
 
 using Seconds = std::int64_t;
 
-Seconds now();
+BASE_EXPORT Seconds now();
 // False when the runtime cannot break the value down.
-bool localTime(Seconds seconds, std::tm& result);
-bool gmtTime(Seconds seconds, std::tm& result);
+BASE_EXPORT bool localTime(Seconds seconds, std::tm& result);
+BASE_EXPORT bool gmtTime(Seconds seconds, std::tm& result);
 // The time value of local fields (mktime, which may normalise them); -1 when there is none.
-Seconds fromLocalTime(std::tm& fields);
+BASE_EXPORT Seconds fromLocalTime(std::tm& fields);
 // Standard time's offset from GMT in seconds, positive west of Greenwich.
-long secondsWestOfGmt();
-bool hasDaylightSavingRule();
+BASE_EXPORT long secondsWestOfGmt();
+BASE_EXPORT bool hasDaylightSavingRule();
 
 } // namespace Clock
 } // namespace Base

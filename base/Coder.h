@@ -4,6 +4,8 @@
 // initialisation of the library.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include "base/Archiver.h"
 #include "base/TypeInfo.h"
 #include "base/Unarchiver.h"
@@ -14,7 +16,7 @@
 
 namespace Base {
 
-class CoderBase {
+class BASE_EXPORT CoderBase {
 public:
     CoderBase(const std::string& name, TypeInfo type);
     CoderBase(const CoderBase&) = delete;

@@ -3,13 +3,15 @@
 // deleted. Cells travel as boost::any holding a std::string.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <boost/any.hpp>
 #include <string>
 #include <vector>
 
 namespace Base {
 
-class DataSourceInterface {
+class BASE_EXPORT DataSourceInterface {
 public:
     virtual int numberOfRowsInList() const = 0;
     virtual boost::any valueForListColumnRow(const std::string& column, int row) const = 0;

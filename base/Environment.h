@@ -2,6 +2,8 @@
 // references, against the process environment or against a map.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <array>
 #include <map>
 #include <string>
@@ -29,9 +31,9 @@ inline bool isNameCharacter(char c) {
 }
 
 // The value of a variable of the process environment, or the empty text.
-std::string getEnvVariable(const std::string& name);
+BASE_EXPORT std::string getEnvVariable(const std::string& name);
 // The process environment as NAME=VALUE strings, in the runtime's order.
-std::vector<std::string> environmentStrings();
+BASE_EXPORT std::vector<std::string> environmentStrings();
 
 // Replace, in place, every $NAME and ${NAME} (NAME: a letter or "_", then
 // letters, digits or "_") by the variable's value, recursively: a substituted
@@ -39,8 +41,8 @@ std::vector<std::string> environmentStrings();
 // followed by a name or "{" stays. An unterminated "${", a "${...}" that does
 // not hold a name, or a reference cycle throws a BaseException saying which.
 // Returns the text.
-std::string& expandEnvVariables(std::string& text);
-std::string& expandEnvVariables(std::string& text, const Map& variables);
+BASE_EXPORT std::string& expandEnvVariables(std::string& text);
+BASE_EXPORT std::string& expandEnvVariables(std::string& text, const Map& variables);
 
 } // namespace Environment
 } // namespace Base

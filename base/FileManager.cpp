@@ -210,6 +210,24 @@ bool FileManager::isExecutable(const path& p) {
 #endif
 }
 
+bool FileManager::isOwnedByCurrentUser(const path& p) {
+#ifdef _WIN32
+    (void)p;
+    return true;
+#else
+    struct stat status {};
+    return ::lstat(p.c_str(), &status) == 0 && status.st_uid == ::geteuid();
+#endif
+}
+
+bool FileManager::isTerminal(int stream) {
+#ifdef _WIN32
+    return _isatty(stream) != 0;
+#else
+    return ::isatty(stream) == 1;
+#endif
+}
+
 void FileManager::setPermissions(const path& p, unsigned permissions) {
     boost::system::error_code error;
     fs::permissions(p, static_cast<fs::perms>(permissions), error);

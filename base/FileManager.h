@@ -3,12 +3,14 @@
 // goes through.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <boost/filesystem/path.hpp>
 #include <string>
 
 namespace Base {
 
-class FileManager {
+class BASE_EXPORT FileManager {
 public:
     using path = boost::filesystem::path;
 
@@ -18,6 +20,11 @@ public:
     // May the current user execute it (a directory: enter it)? On Windows a
     // file needs an extension from PATHEXT.
     static bool isExecutable(const path& p);
+    // Does the current user own it (a link: the link itself)? Always true on
+    // Windows, where files of other users are not told apart here.
+    static bool isOwnedByCurrentUser(const path& p);
+    // Is the standard stream (0 input, 1 output, 2 error) a terminal or console?
+    static bool isTerminal(int stream);
     // Octal permissions such as 0775; throws BaseException naming the path and the OS reason.
     static void setPermissions(const path& p, unsigned permissions);
     static path workDirectory();

@@ -3,6 +3,8 @@
 // with it, and a launch of a large site touches a few hundred of them.
 #pragma once
 
+#include "base/BaseExport.h"
+
 namespace Base {
 namespace Heap {
 
@@ -16,7 +18,7 @@ namespace Heap {
 // grown in place; with glibc the two thresholds are set all the same. The
 // program works the same either way, and a system with huge pages switched
 // off simply maps small ones.
-bool useHugePages();
+BASE_EXPORT bool useHugePages();
 
 } // namespace Heap
 } // namespace Base

@@ -4,12 +4,14 @@
 // once) or setCurrent() override it. Host services never change with it.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <boost/filesystem/path.hpp>
 #include <string>
 
 namespace Base {
 
-class Platform {
+class BASE_EXPORT Platform {
 public:
     enum Kind { Windows, Posix };
 

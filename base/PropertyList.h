@@ -6,6 +6,8 @@
 // in hexadecimal after "0x"; a real may be "nan", "inf" or "infinity" with a sign.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <boost/any.hpp>
 #include <boost/filesystem/path.hpp>
 #include <cstdint>
@@ -16,7 +18,7 @@
 
 namespace Base {
 
-class PropertyList {
+class BASE_EXPORT PropertyList {
 public:
     using path = boost::filesystem::path;
     using Dictionary = std::map<std::string, boost::any>;

@@ -3,6 +3,8 @@
 // checked access, which throws.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -14,12 +16,12 @@ namespace Base {
 // Names and values of the variables that the failed expression involved.
 using AssertValues = std::vector<std::pair<std::string, std::string>>;
 
-void smart_assert(int level, const std::string& expression, const std::string& file,
+BASE_EXPORT void smart_assert(int level, const std::string& expression, const std::string& file,
                   const std::string& function, const AssertValues& values,
                   const std::string& message);
 
 // Where reports go (standard error unless a test redirects them); returns the previous one.
-std::ostream* setAssertStream(std::ostream* stream);
+BASE_EXPORT std::ostream* setAssertStream(std::ostream* stream);
 
 template <class T>
 std::string assertValue(const T& value) {

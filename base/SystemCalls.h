@@ -3,6 +3,8 @@
 // for real instead of faking the file system.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <functional>
 #include <string>
 
@@ -14,14 +16,14 @@ namespace SystemCalls {
 // program concerned.
 using FaultHook = std::function<int(const std::string& what)>;
 
-void setWriteFault(FaultHook hook);
-void setRenameFault(FaultHook hook);
-void setExecFault(FaultHook hook);
+BASE_EXPORT void setWriteFault(FaultHook hook);
+BASE_EXPORT void setRenameFault(FaultHook hook);
+BASE_EXPORT void setExecFault(FaultHook hook);
 
 // Used by the base layer: 0 or the injected errno.
-int writeFault(const std::string& file);
-int renameFault(const std::string& file);
-int execFault(const std::string& program);
+BASE_EXPORT int writeFault(const std::string& file);
+BASE_EXPORT int renameFault(const std::string& file);
+BASE_EXPORT int execFault(const std::string& program);
 
 } // namespace SystemCalls
 } // namespace Base

@@ -9,6 +9,8 @@
 
 #ifdef _WIN32
 #include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+#include <boost/filesystem/operations.hpp>
 #include <algorithm>
 #include <windows.h>
 #else
@@ -32,11 +34,16 @@ namespace Base {
 namespace {
 
 BaseException startFailure(const boost::filesystem::path& program, const boost::filesystem::path& directory,
-                           bool directoryAtFault, int error) {
+                           bool directoryAtFault, const std::string& reason) {
     const Platform& platform = Platform::current();
     std::string message = "Cannot start program " + platform.nativePath(program);
     if (directoryAtFault) message += " in directory " + platform.nativePath(directory);
-    return BaseException(message + ": " + std::system_category().message(error));
+    return BaseException(message + ": " + reason);
+}
+
+// The text of an errno value (what the fault hook injects on every host).
+std::string errnoReason(int error) {
+    return std::generic_category().message(error);
 }
 
 } // namespace
@@ -55,7 +62,20 @@ void Task::setEnvironment(std::map<std::string, std::string> environment) {
 
 namespace {
 
-// Quoted so that the MS C runtime's command line parser gives the argument back unchanged.
+// The system's text for a Windows error code, without its line end.
+std::string systemReason(DWORD error) {
+    char* text = nullptr;
+    const DWORD length = FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
+                                            FORMAT_MESSAGE_IGNORE_INSERTS,
+                                        nullptr, error, 0, reinterpret_cast<char*>(&text), 0, nullptr);
+    std::string reason = length ? std::string(text, length) : "error " + std::to_string(error);
+    if (text) LocalFree(text);
+    while (!reason.empty() && (reason.back() == '\n' || reason.back() == '\r' || reason.back() == ' '))
+        reason.pop_back();
+    return reason;
+}
+
+// Quoted so that the C runtime's command line parser gives the argument back unchanged.
 std::string quoteArgument(const std::string& argument) {
     if (!argument.empty() && argument.find_first_of(" \t\n\v\"") == std::string::npos) return argument;
     std::string quoted = "\"";
@@ -76,14 +96,18 @@ std::string quoteArgument(const std::string& argument) {
 
 // Windows wants the block sorted by name without regard to case.
 std::vector<char> environmentBlock(const std::map<std::string, std::string>& environment) {
-    std::vector<std::pair<std::string, std::string>> entries(environment.begin(), environment.end());
-    std::stable_sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
-        return boost::algorithm::to_upper_copy(a.first) < boost::algorithm::to_upper_copy(b.first);
-    });
+    std::vector<std::pair<std::string, const std::pair<const std::string, std::string>*>> entries;
+    entries.reserve(environment.size());
+    for (const auto& entry : environment) entries.emplace_back(boost::algorithm::to_upper_copy(entry.first), &entry);
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
     std::vector<char> block;
     for (const auto& entry : entries) {
-        std::string line = entry.first + "=" + entry.second;
-        block.insert(block.end(), line.begin(), line.end());
+        const std::string& name = entry.second->first;
+        const std::string& value = entry.second->second;
+        block.insert(block.end(), name.begin(), name.end());
+        block.push_back('=');
+        block.insert(block.end(), value.begin(), value.end());
         block.push_back('\0');
     }
     if (block.empty()) block.push_back('\0');
@@ -91,31 +115,57 @@ std::vector<char> environmentBlock(const std::map<std::string, std::string>& env
     return block;
 }
 
+bool isBatchFile(const boost::filesystem::path& program) {
+    const std::string extension = program.extension().string();
+    return boost::algorithm::iequals(extension, ".bat") || boost::algorithm::iequals(extension, ".cmd");
+}
+
+// The command interpreter that runs batch files, as Windows itself finds it.
+std::string commandInterpreter() {
+    char path[MAX_PATH];
+    const DWORD length = GetEnvironmentVariableA("ComSpec", path, sizeof(path));
+    if (length > 0 && length < sizeof(path)) return std::string(path, length);
+    const UINT systemLength = GetSystemDirectoryA(path, sizeof(path));
+    return std::string(path, systemLength < sizeof(path) ? systemLength : 0) + "\\cmd.exe";
+}
+
 } // namespace
 
 long Task::launch() {
     if (mLaunchPath.empty()) throw BaseException("Cannot start a program: no launch path is set");
-    if (int fault = SystemCalls::execFault(mLaunchPath.string())) throw startFailure(mLaunchPath, mCurrentDirectory, false, fault);
-    if (!mCurrentDirectory.empty() && !boost::filesystem::is_directory(mCurrentDirectory))
-        throw startFailure(mLaunchPath, mCurrentDirectory, true, ERROR_DIRECTORY);
+    if (int fault = SystemCalls::execFault(mLaunchPath.string()))
+        throw startFailure(mLaunchPath, mCurrentDirectory, false, errnoReason(fault));
+    boost::system::error_code noDirectory;
+    if (!mCurrentDirectory.empty() && !boost::filesystem::is_directory(mCurrentDirectory, noDirectory))
+        throw startFailure(mLaunchPath, mCurrentDirectory, true, systemReason(ERROR_DIRECTORY));
 
+    // A batch file is run by the command interpreter: /s keeps the quotes
+    // inside the line after /c, so the file and its arguments arrive as quoted.
     std::string commandLine = quoteArgument(mLaunchPath.string());
     for (const auto& argument : mArguments) commandLine += " " + quoteArgument(argument);
+    std::string application = mLaunchPath.string();
+    if (isBatchFile(mLaunchPath)) {
+        application = commandInterpreter();
+        commandLine = quoteArgument(application) + " /d /s /c \"" + commandLine + "\"";
+    }
     std::vector<char> commandBuffer(commandLine.begin(), commandLine.end());
     commandBuffer.push_back('\0');
     std::vector<char> block;
     if (mHasEnvironment) block = environmentBlock(mEnvironment);
-    std::string directory = mCurrentDirectory.string();
+    const std::string directory = mCurrentDirectory.string();
 
+    // No handle of ours is inherited, and the program has no console of ours.
     STARTUPINFOA startup{};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION process{};
-    if (!CreateProcessA(mLaunchPath.string().c_str(), commandBuffer.data(), nullptr, nullptr, FALSE,
+    if (!CreateProcessA(application.c_str(), commandBuffer.data(), nullptr, nullptr, FALSE,
                         DETACHED_PROCESS | CREATE_NEW_PROCESS_GROUP, mHasEnvironment ? block.data() : nullptr,
                         directory.empty() ? nullptr : directory.c_str(), &startup, &process))
-        throw startFailure(mLaunchPath, mCurrentDirectory, false, static_cast<int>(GetLastError()));
+        throw startFailure(mLaunchPath, mCurrentDirectory, false, systemReason(GetLastError()));
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
+    // A caller that ends now steps back, as on other hosts; the program keeps its own class.
+    if (mCallerEndsAfterStart) SetPriorityClass(GetCurrentProcess(), IDLE_PRIORITY_CLASS);
     return static_cast<long>(process.dwProcessId);
 }
 
@@ -172,10 +222,12 @@ int spawnProgram(void* data) {
 long Task::launch() {
     if (mLaunchPath.empty()) throw BaseException("Cannot start a program: no launch path is set");
     const std::string program = mLaunchPath.string();
-    if (int fault = SystemCalls::execFault(program)) throw startFailure(mLaunchPath, mCurrentDirectory, false, fault);
+    if (int fault = SystemCalls::execFault(program))
+        throw startFailure(mLaunchPath, mCurrentDirectory, false, errnoReason(fault));
     const std::string directory = mCurrentDirectory.string();
     if (!directory.empty())
-        if (int fault = directoryFault(directory)) throw startFailure(mLaunchPath, mCurrentDirectory, true, fault);
+        if (int fault = directoryFault(directory))
+            throw startFailure(mLaunchPath, mCurrentDirectory, true, errnoReason(fault));
 
     std::vector<std::string> argumentStrings;
     argumentStrings.reserve(mArguments.size() + 1);
@@ -236,12 +288,12 @@ long Task::launch() {
                                      CLONE_VM | CLONE_VFORK | SIGCHLD, &spawn);
         const int cloneError = errno;
         pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-        if (middle < 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, cloneError);
+        if (middle < 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, errnoReason(cloneError));
         int status = 0;
         while (::waitpid(middle, &status, 0) < 0 && errno == EINTR) {
         }
     }
-    if (spawn.error != 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, spawn.error);
+    if (spawn.error != 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, errnoReason(spawn.error));
     // A caller that ends now: its last steps (its report, the release of its
     // memory) must not hold up the program's start where both share a processor.
     if (mCallerEndsAfterStart) ::setpriority(PRIO_PROCESS, 0, 19);

@@ -3,6 +3,8 @@
 // program is not waited for; on POSIX no zombie is left behind.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <boost/filesystem/path.hpp>
 #include <map>
 #include <string>
@@ -10,7 +12,7 @@
 
 namespace Base {
 
-class Task {
+class BASE_EXPORT Task {
 public:
     Task() = default;
     // Starts the program at once with these arguments and the inherited environment.

@@ -3,6 +3,8 @@
 // file throws BaseException naming the file and the key.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include "base/TypeInfo.h"
 
 #include <boost/any.hpp>
@@ -18,7 +20,7 @@ namespace plist {
 class Document;
 }
 
-class Unarchiver {
+class BASE_EXPORT Unarchiver {
 public:
     // A cursor over the items of a collection.
     class ObjectContainer {

@@ -30,11 +30,6 @@
 #include <unordered_set>
 #include <utility>
 
-#ifndef _WIN32
-#include <sys/stat.h>
-#include <unistd.h>
-#endif
-
 namespace fs = boost::filesystem;
 
 namespace Kym {
@@ -105,17 +100,6 @@ std::string joinDistinctPieces(const std::string& text, char separator, bool nat
     }
     return result;
 }
-
-#ifdef _WIN32
-bool ownedByCurrentUser(const fs::path&) {
-    return true;
-}
-#else
-bool ownedByCurrentUser(const fs::path& file) {
-    struct stat status {};
-    return ::lstat(file.c_str(), &status) == 0 && status.st_uid == ::geteuid();
-}
-#endif
 
 } // namespace
 
@@ -406,7 +390,7 @@ void Launcher::removeLogFiles(const Configuration& config) const {
             const fs::path& file = entry->path();
             if (fs::is_directory(file, error)) continue;
             if (!boost::regex_match(file.extension().string(), staleExtension)) continue;
-            if (ownFilesOnly && !ownedByCurrentUser(file)) continue;
+            if (ownFilesOnly && !Base::FileManager::isOwnedByCurrentUser(file)) continue;
             Time modified;
             modified.setTime(static_cast<Time::Int64>(fs::last_write_time(file)));
             const long age = static_cast<long>(now.diffDay(modified));

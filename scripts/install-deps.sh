@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing libkym need, when missing.
+# With --windows also those of the Windows build: mingw-w64, Wine and what
+# scripts/windows-deps.sh builds the Windows libraries with.
 set -euo pipefail
 packages=(build-essential cmake pkg-config
   libboost1.81-dev libboost-filesystem1.81-dev
@@ -7,6 +9,10 @@ packages=(build-essential cmake pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   clang libclang-rt-dev
   tar gzip util-linux hyperfine)
+if [ "${1:-}" = "--windows" ]; then
+  packages+=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64
+    googletest dpkg-dev bison xz-utils)
+fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

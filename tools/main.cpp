@@ -14,16 +14,15 @@
 #include <boost/algorithm/string/case_conv.hpp>
 #include <algorithm>
 #include <iostream>
-#include <unistd.h>
 
 namespace KymTool {
 
 bool Context::inputIsTerminal() const {
-    return ::isatty(0) == 1;
+    return Base::FileManager::isTerminal(0);
 }
 
 bool Context::errorIsTerminal() const {
-    return ::isatty(2) == 1;
+    return Base::FileManager::isTerminal(2);
 }
 
 void Context::print(const Json& value, const std::function<void(std::ostream&)>& text) const {

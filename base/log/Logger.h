@@ -3,6 +3,8 @@
 // switched-off logger formats nothing.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <memory>
 #include <sstream>
 #include <string>
@@ -13,7 +15,7 @@ namespace spdlog { class logger; namespace sinks { class sink; } }
 namespace Base {
 namespace log {
 
-class Logger {
+class BASE_EXPORT Logger {
 public:
     // Creates (on first use) or finds the process-wide spdlog logger of that name.
     explicit Logger(const std::string& name);
@@ -30,25 +32,25 @@ private:
 };
 
 // The two loggers of the library.
-Logger& info();
-Logger& verbose();
+BASE_EXPORT Logger& info();
+BASE_EXPORT Logger& verbose();
 
 // Switches on the loggers named in a comma-separated list ("kym.info,kym.verbose").
-void enableLoggers(const std::string& commaSeparatedNames);
+BASE_EXPORT void enableLoggers(const std::string& commaSeparatedNames);
 // Applies KYM_LOG_FILE (the output file; standard error when unset) and
 // KYM_LOG (the loggers to switch on); throws BaseException naming a file
 // that cannot be opened.
-void configureFromEnvironment();
+BASE_EXPORT void configureFromEnvironment();
 // Where switched-on loggers write: standard error, or the file given
 // (appended). Applies to every logger, also those created later.
-void setOutputFile(const std::string& path);
-void setOutputStandardError();
+BASE_EXPORT void setOutputFile(const std::string& path);
+BASE_EXPORT void setOutputStandardError();
 // Adds a sink to every logger, also those created later (tests record lines with it).
-void addSink(const std::shared_ptr<spdlog::sinks::sink>& sink);
+BASE_EXPORT void addSink(const std::shared_ptr<spdlog::sinks::sink>& sink);
 
 // One line on a logger: collects what is streamed into it and writes it when
 // destroyed. Null (and formatting nothing) when the logger is off.
-class LoggerStream {
+class BASE_EXPORT LoggerStream {
 public:
     explicit LoggerStream(Logger& logger);
     ~LoggerStream();

@@ -5,6 +5,8 @@
 // and taken back without parsing or checking the XML again (DocumentCache).
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include <boost/any.hpp>
 
 #include <cstdint>
@@ -18,7 +20,7 @@
 namespace Base {
 namespace plist {
 
-class Document {
+class BASE_EXPORT Document {
 public:
     // One value of the table. A container's values follow it directly; end
     // is the index after its last descendant, so the next member of the same
@@ -35,7 +37,7 @@ public:
     };
 
     // One value of the document. A default node is null (an absent member).
-    class Node {
+    class BASE_EXPORT Node {
     public:
         enum class Kind : std::uint32_t { Dictionary, Array, String, Integer, Real, Boolean, Date, Data };
 
@@ -67,7 +69,7 @@ public:
     };
 
     // The members of a dictionary, looked up by key.
-    class Members {
+    class BASE_EXPORT Members {
     public:
         Members() = default;
         explicit Members(Node dictionary) : mDictionary(dictionary) {}
@@ -110,9 +112,9 @@ private:
 };
 
 // "a string", "a dictionary", ...: how a kind of value is named in messages.
-const char* kindName(Document::Node::Kind kind);
+BASE_EXPORT const char* kindName(Document::Node::Kind kind);
 // "Property list NAME": how messages about a document begin.
-std::string messagePrefix(const std::string& sourceName);
+BASE_EXPORT std::string messagePrefix(const std::string& sourceName);
 
 } // namespace plist
 } // namespace Base

@@ -7,6 +7,8 @@
 // should.
 #pragma once
 
+#include "base/BaseExport.h"
+
 #include "base/plist/Document.h"
 
 #include <boost/filesystem/path.hpp>
@@ -18,7 +20,7 @@
 namespace Base {
 namespace plist {
 
-class DocumentCache {
+class BASE_EXPORT DocumentCache {
 public:
     // A file changed within this time of being read is not kept: file
     // systems with coarse time stamps could not tell a later change apart.

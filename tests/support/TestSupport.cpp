@@ -10,17 +10,23 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <grp.h>
-#include <pwd.h>
 #include <iterator>
 #include <stdexcept>
+#include <thread>
+
+#ifdef _WIN32
+#include <archive.h>
+#include <archive_entry.h>
+#include <stdlib.h>
+#else
 #include <cerrno>
 #include <csignal>
+#include <grp.h>
+#include <pwd.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
-#include <utime.h>
+#endif
 
 namespace KymTest {
 
@@ -36,12 +42,26 @@ TempDir::~TempDir() {
     fs::remove_all(mPath, ignored);
 }
 
-ScopedEnv::ScopedEnv(const std::string& name, const std::optional<std::string>& value) : mName(name) {
-    if (const char* previous = std::getenv(name.c_str())) mPrevious = previous;
+namespace {
+
+// The C runtime's own copy of the environment, which getenv reads, is the one set.
+void setVariable(const std::string& name, const std::optional<std::string>& value) {
+#ifdef _WIN32
+    // An empty value removes the variable: Windows' C runtime keeps no empty ones.
+    _putenv_s(name.c_str(), value ? value->c_str() : "");
+#else
     value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
+#endif
 }
 
-ScopedEnv::~ScopedEnv() { mPrevious ? ::setenv(mName.c_str(), mPrevious->c_str(), 1) : ::unsetenv(mName.c_str()); }
+} // namespace
+
+ScopedEnv::ScopedEnv(const std::string& name, const std::optional<std::string>& value) : mName(name) {
+    if (const char* previous = std::getenv(name.c_str())) mPrevious = previous;
+    setVariable(name, value);
+}
+
+ScopedEnv::~ScopedEnv() { setVariable(mName, mPrevious); }
 
 void writeFile(const fs::path& file, const std::string& content) {
     if (file.has_parent_path()) fs::create_directories(file.parent_path());
@@ -83,9 +103,9 @@ std::string thrownUnderFault(void (*setFault)(Base::SystemCalls::FaultHook), int
 }
 
 void setAge(const fs::path& file, double secondsAgo) {
-    std::time_t when = std::time(nullptr) - static_cast<std::time_t>(secondsAgo);
-    struct utimbuf times { when, when };
-    if (::utime(file.c_str(), &times) != 0) throw std::runtime_error("cannot set time of " + file.string());
+    boost::system::error_code error;
+    fs::last_write_time(file, std::time(nullptr) - static_cast<std::time_t>(secondsAgo), error);
+    if (error) throw std::runtime_error("cannot set time of " + file.string() + ": " + error.message());
 }
 
 struct LogRecorder::Sink : spdlog::sinks::base_sink<std::mutex> {
@@ -123,6 +143,43 @@ bool LogRecorder::contains(const std::string& text) const {
     auto records = mSink->snapshot();
     return std::any_of(records.begin(), records.end(), [&](const auto& record) { return record.second == text; });
 }
+
+#ifdef _WIN32
+
+// Windows has no tar program of its own before Windows 10 (and Wine none):
+// the archive is written with libarchive, the engine of Windows' tar.exe.
+void makeTarGz(const fs::path& archive, const fs::path& contentDirectory) {
+    const auto fail = [&archive](struct archive* writer) {
+        const std::string reason = writer && archive_error_string(writer) ? archive_error_string(writer) : "no reason";
+        throw std::runtime_error("cannot write the archive " + archive.string() + ": " + reason);
+    };
+    std::unique_ptr<struct archive, int (*)(struct archive*)> writer(archive_write_new(), archive_write_free);
+    if (!writer || archive_write_set_format_pax_restricted(writer.get()) != ARCHIVE_OK ||
+        archive_write_add_filter_gzip(writer.get()) != ARCHIVE_OK ||
+        archive_write_open_filename(writer.get(), archive.string().c_str()) != ARCHIVE_OK)
+        fail(writer.get());
+    for (fs::recursive_directory_iterator item(contentDirectory), end; item != end; ++item) {
+        const fs::path relative = fs::relative(item->path(), contentDirectory);
+        const bool directory = fs::is_directory(item->path());
+        const std::string content = directory ? std::string() : readFile(item->path());
+        std::unique_ptr<archive_entry, void (*)(archive_entry*)> entry(archive_entry_new(), archive_entry_free);
+        archive_entry_set_pathname(entry.get(), ("./" + relative.generic_string()).c_str());
+        archive_entry_set_filetype(entry.get(), directory ? AE_IFDIR : AE_IFREG);
+        archive_entry_set_perm(entry.get(), directory ? 0755 : 0644);
+        archive_entry_set_size(entry.get(), static_cast<la_int64_t>(content.size()));
+        archive_entry_set_mtime(entry.get(), fs::last_write_time(item->path()), 0);
+        if (archive_write_header(writer.get(), entry.get()) != ARCHIVE_OK) fail(writer.get());
+        if (!content.empty() &&
+            archive_write_data(writer.get(), content.data(), content.size()) != static_cast<la_ssize_t>(content.size()))
+            fail(writer.get());
+    }
+    if (archive_write_close(writer.get()) != ARCHIVE_OK) fail(writer.get());
+}
+
+// Windows leaves no zombies: nothing to reap.
+bool reapOrphansOfTheTests() { return true; }
+
+#else
 
 int runAsNobody(const std::function<int()>& function) {
     pid_t child = ::fork();
@@ -164,5 +221,7 @@ bool reapOrphansOfTheTests() {
     }
     ::_exit(WIFEXITED(testsStatus) ? WEXITSTATUS(testsStatus) : 128 + WTERMSIG(testsStatus));
 }
+
+#endif
 
 } // namespace KymTest

@@ -82,15 +82,17 @@ private:
     std::shared_ptr<Sink> mSink;
 };
 
+#ifndef _WIN32
 // Runs the function in a child process as user nobody and group nogroup and returns what it returned
 // (as the exit status): EXPECT macros do not cross processes, so the function returns a code instead.
 int runAsNobody(const std::function<int()>& function);
+#endif
 
 // Started programs are orphans by design, and some containers never reap orphans. Call once, at static
 // initialisation: the tests go on in a child (where it returns true); this process reaps and exits with their status.
 bool reapOrphansOfTheTests();
 
-// Makes a gzip-compressed tar archive of a directory's content with the tar program.
+// Makes a gzip-compressed tar archive of a directory's content: with the tar program, on Windows with libarchive.
 void makeTarGz(const fs::path& archive, const fs::path& contentDirectory);
 
 } // namespace KymTest
