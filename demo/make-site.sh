@@ -51,12 +51,13 @@ run sysinfo set KymVersionString "demo site"
 # Files every department gets for the release, unpacked at 'kym dept create'.
 tar -czf "$site/kym/data/install/versionFiles.tar.gz" -C "$root/demo/release-files" config lib startup symbol
 
-# Site settings: where the CAD system is, for either kind of client.
+# Site settings: where the CAD system is, for either kind of client (the
+# plugins folder serves both, so kym.exe can make this site under Wine too).
 run site set unix-install-path "$root/demo/cad"
 run site set windows-install-path 'C:\Program Files\UGS\NX 4.0'
 run site set use-registry off
 run site set unix-external-plugins "$site/external-plugins"
-run site set windows-external-plugins '\\fileserver\kym\plugins'
+run site set windows-external-plugins "$site/external-plugins"
 run var set site UGII_LICENSE_FILE 28000@licserver --comment "license server"
 run var set site SITE_DATA "$site/data"
 run var set site PATH '$PATH:${SITE_DATA}/bin' --list unix --comment "site tools"

@@ -14,11 +14,20 @@ cd "$root"
 build_dir="${KYM_WINDOWS_BUILD_DIR:-$root/build-windows}"
 jobs="$(nproc)"
 
+linux_build_dir="${KYM_BUILD_DIR:-$root/build}"
+
 bash scripts/install-deps.sh --windows
 deps="$(bash scripts/windows-deps.sh | tail -n 1)"
 
+# The Linux kym whose preview of the windows conventions kym.exe must match.
+if [ ! -x "$linux_build_dir/tools/kym" ]; then
+  cmake -S "$root" -B "$linux_build_dir" >/dev/null
+  cmake --build "$linux_build_dir" -j "$jobs" --target kym-command
+fi
+
 cmake -S "$root" -B "$build_dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" \
-  -DKYM_WINDOWS_DEPS="$deps" -DKYM_WERROR=ON -DKYM_BUILD_BENCH=OFF
+  -DKYM_WINDOWS_DEPS="$deps" -DKYM_WERROR=ON -DKYM_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Release \
+  -DKYM_PREVIEW_COMMAND="$linux_build_dir/tools/kym"
 cmake --build "$build_dir" -j "$jobs"
 
 # A Wine prefix of the build's own, without a display, debugger or the

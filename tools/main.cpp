@@ -233,6 +233,8 @@ int main(int argc, char** argv) {
     CLI::App root(Overview, "kym");
     root.footer(Examples);
     root.fallthrough();
+    // Values such as /opt/cad or /dir=X stay values on Windows too; options are -x and --name alone.
+    root.allow_windows_style_options(false);
     // One command per call, so a department or application named like a command stays a value.
     root.require_subcommand(0, 1);
     root.set_help_flag("-h,--help", "Show this help, or the help of the command given");
