@@ -3,12 +3,13 @@
 #include "base/BaseException.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <string_view>
 #include <unordered_set>
 
 #ifdef _WIN32
-#include <stdlib.h>
+#include <windows.h>
 #else
 extern char** environ;
 #endif
@@ -111,6 +112,32 @@ std::string& expand(std::string& text, Lookup lookup) {
 
 } // namespace
 
+#ifdef _WIN32
+
+// The process's environment block, which children inherit and which the
+// system's own calls change; the C runtime keeps only a copy of it.
+std::string getEnvVariable(const std::string& name) {
+    std::string value(256, '\0');
+    for (;;) {
+        const DWORD length = GetEnvironmentVariableA(name.c_str(), &value[0], static_cast<DWORD>(value.size()));
+        if (length == 0) return std::string();
+        if (length < value.size()) return value.substr(0, length);
+        value.resize(length);
+    }
+}
+
+std::vector<std::string> environmentStrings() {
+    std::vector<std::string> strings;
+    char* block = GetEnvironmentStringsA();
+    // Entries such as "=C:=C:\\work" hold the current directory of each drive, no variable.
+    for (const char* entry = block; entry && *entry; entry += std::strlen(entry) + 1)
+        if (*entry != '=') strings.emplace_back(entry);
+    if (block) FreeEnvironmentStringsA(block);
+    return strings;
+}
+
+#else
+
 std::string getEnvVariable(const std::string& name) {
     const char* value = std::getenv(name.c_str());
     return value ? std::string(value) : std::string();
@@ -118,21 +145,16 @@ std::string getEnvVariable(const std::string& name) {
 
 std::vector<std::string> environmentStrings() {
     std::vector<std::string> strings;
-#ifdef _WIN32
-    char** entries = _environ;
-#else
-    char** entries = environ;
-#endif
-    for (char** entry = entries; entry && *entry; ++entry) strings.emplace_back(*entry);
+    for (char** entry = environ; entry && *entry; ++entry) strings.emplace_back(*entry);
     return strings;
 }
+
+#endif
 
 std::string& expandEnvVariables(std::string& text) {
     std::deque<std::string> values;  // copies, in case the environment changes while we read it
     return expand(text, [&values](const std::string& name) -> const std::string* {
-        const char* value = std::getenv(name.c_str());
-        if (!value) return nullptr;
-        values.emplace_back(value);
+        values.push_back(getEnvVariable(name));
         return &values.back();
     });
 }

@@ -32,7 +32,7 @@ inline bool isNameCharacter(char c) {
 
 // The value of a variable of the process environment, or the empty text.
 BASE_EXPORT std::string getEnvVariable(const std::string& name);
-// The process environment as NAME=VALUE strings, in the runtime's order.
+// The process environment as NAME=VALUE strings, in the order the process holds them.
 BASE_EXPORT std::vector<std::string> environmentStrings();
 
 // Replace, in place, every $NAME and ${NAME} (NAME: a letter or "_", then

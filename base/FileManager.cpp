@@ -4,6 +4,7 @@
 #include "base/Environment.h"
 #include "base/Platform.h"
 #include "base/SystemCalls.h"
+#include "base/SystemError.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/classification.hpp>
@@ -13,16 +14,16 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <vector>
 
 #ifdef _WIN32
+#include <atomic>
 #include <io.h>
 #include <shlobj.h>
 #include <windows.h>
 #else
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #endif
 
@@ -36,8 +37,16 @@ std::string native(const fs::path& p) {
     return Platform::current().nativePath(p);
 }
 
-std::string reason(int error) {
-    return std::strerror(error);
+// The reason of a failed file system operation; on Windows the system's own text of its error code.
+std::string reasonOf(const boost::system::error_code& error) {
+#ifdef _WIN32
+    if (error.category() == boost::system::system_category()) return windowsErrorText(error.value());
+#endif
+    return error.message();
+}
+
+BaseException readFailure(const fs::path& file, const std::string& reason) {
+    return BaseException("Cannot read file " + native(file) + ": " + reason);
 }
 
 std::string octal(unsigned value) {
@@ -60,113 +69,204 @@ bool extensionInPathExt(const fs::path& p) {
 }
 #endif
 
+// Each step of an atomic write answers the empty text, or the reason it failed.
+using Failure = std::string;
+
+#ifdef _WIN32
+
+// How long a save waits for readers that hold the target without sharing its deletion.
+constexpr DWORD RenameRetryMilliseconds = 1000;
+constexpr DWORD RenameRetryPause = 20;
+
+// Errors of a target that other processes hold open; ReplaceFile may also
+// have moved the target aside without moving the new file in (the name is free again).
+bool isHeld(DWORD error) {
+    return error == ERROR_ACCESS_DENIED || error == ERROR_SHARING_VIOLATION || error == ERROR_UNABLE_TO_REMOVE_REPLACED ||
+           error == ERROR_UNABLE_TO_MOVE_REPLACEMENT || error == ERROR_UNABLE_TO_MOVE_REPLACEMENT_2;
+}
+
+// ERROR_SUCCESS when everyone who holds the file open lets it be deleted, else why not.
+DWORD deletionSharedByEveryHolder(const std::string& file) {
+    const HANDLE probe = CreateFileA(file.c_str(), DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                     nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (probe == INVALID_HANDLE_VALUE) return GetLastError();
+    CloseHandle(probe);
+    return ERROR_SUCCESS;
+}
+
+// A name no other save of ours uses at the same time; CREATE_NEW settles the rest.
+std::string uniqueSuffix() {
+    static std::atomic<unsigned> counter{0};
+    char text[32];
+    std::snprintf(text, sizeof(text), "%lx%lx%x", static_cast<unsigned long>(GetCurrentProcessId()),
+                  static_cast<unsigned long>(GetTickCount() & 0xFFFF), counter++);
+    return text;
+}
+
 // The temporary file of an atomic write, removed unless it was renamed over the target.
 class TemporaryFile {
 public:
     explicit TemporaryFile(const fs::path& target) : mTarget(target) {}
     ~TemporaryFile() {
-        if (mDescriptor >= 0) closeDescriptor();
+        if (mHandle != INVALID_HANDLE_VALUE) CloseHandle(mHandle);
+        if (!mPath.empty()) DeleteFileA(mPath.c_str());
+    }
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+    Failure create() {
+        const fs::path directory = mTarget.parent_path();
+        DWORD error = ERROR_FILE_EXISTS;
+        for (int attempt = 0; attempt < 100 && error == ERROR_FILE_EXISTS; ++attempt) {
+            const std::string name = "." + mTarget.filename().string() + "." + uniqueSuffix();
+            const std::string candidate = (directory.empty() ? fs::path(name) : directory / name).string();
+            mHandle = CreateFileA(candidate.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
+                                  nullptr);
+            if (mHandle != INVALID_HANDLE_VALUE) {
+                mPath = candidate;
+                return Failure();
+            }
+            error = GetLastError();
+        }
+        return windowsErrorText(error);
+    }
+
+    Failure write(const std::string& content) {
+        if (int fault = SystemCalls::writeFault(mTarget.string())) return errnoText(fault);
+        const char* data = content.data();
+        std::size_t left = content.size();
+        while (left > 0) {
+            DWORD written = 0;
+            const DWORD chunk = static_cast<DWORD>(left > 0x40000000 ? 0x40000000 : left);
+            if (!WriteFile(mHandle, data, chunk, &written, nullptr)) return windowsErrorText(GetLastError());
+            data += written;
+            left -= written;
+        }
+        return Failure();
+    }
+
+    // A new file gets what any new file in its folder would get.
+    Failure setMode() { return Failure(); }
+
+    Failure sync() { return FlushFileBuffers(mHandle) ? Failure() : windowsErrorText(GetLastError()); }
+
+    Failure close() {
+        const BOOL closed = CloseHandle(mHandle);
+        mHandle = INVALID_HANDLE_VALUE;
+        return closed ? Failure() : windowsErrorText(GetLastError());
+    }
+
+    // A rename may not replace a file that is open. Readers that share its
+    // deletion (as readFile does) do not stop ReplaceFile; readers that do not
+    // (the C runtime's fopen) stop both while they hold the file, and as most
+    // let go at once, the rename is tried again for a short while.
+    Failure renameOverTarget() {
+        if (int fault = SystemCalls::renameFault(mTarget.string())) return errnoText(fault);
+        const std::string target = mTarget.string();
+        const DWORD start = GetTickCount();
+        for (;;) {
+            if (MoveFileExA(mPath.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) break;
+            DWORD error = GetLastError();
+            if (isHeld(error)) {
+                // Asked first, as Wine's ReplaceFile leaves a file behind each time such a reader stops it.
+                error = deletionSharedByEveryHolder(target);
+                if (error == ERROR_SUCCESS) {
+                    if (ReplaceFileA(target.c_str(), mPath.c_str(), nullptr, REPLACEFILE_IGNORE_MERGE_ERRORS, nullptr,
+                                     nullptr))
+                        break;
+                    error = GetLastError();
+                }
+            }
+            if (!isHeld(error) || GetTickCount() - start >= RenameRetryMilliseconds) return windowsErrorText(error);
+            Sleep(RenameRetryPause);
+        }
+        mPath.clear();
+        return Failure();
+    }
+
+private:
+    fs::path mTarget;
+    std::string mPath;
+    HANDLE mHandle = INVALID_HANDLE_VALUE;
+};
+
+#else
+
+// The temporary file of an atomic write, removed unless it was renamed over the target.
+class TemporaryFile {
+public:
+    explicit TemporaryFile(const fs::path& target) : mTarget(target) {}
+    ~TemporaryFile() {
+        if (mDescriptor >= 0) ::close(mDescriptor);
         if (!mPath.empty()) std::remove(mPath.c_str());
     }
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
 
-    // Each step answers 0 or the errno of its failure.
-    int create() {
+    Failure create() {
         fs::path directory = mTarget.parent_path();
         std::string name = "." + mTarget.filename().string() + ".XXXXXX";
         std::string pattern = (directory.empty() ? fs::path(name) : directory / name).string();
         std::vector<char> buffer(pattern.begin(), pattern.end());
         buffer.push_back('\0');
-#ifdef _WIN32
-        if (_mktemp_s(buffer.data(), buffer.size()) != 0) return errno;
-        mDescriptor = _open(buffer.data(), _O_CREAT | _O_EXCL | _O_WRONLY | _O_BINARY, _S_IREAD | _S_IWRITE);
-#else
         mDescriptor = ::mkstemp(buffer.data());
-#endif
-        if (mDescriptor < 0) return errno;
+        if (mDescriptor < 0) return errnoText(errno);
         mPath = buffer.data();
-        return 0;
+        return Failure();
     }
 
-    int write(const std::string& content) {
-        if (int fault = SystemCalls::writeFault(mTarget.string())) return fault;
+    Failure write(const std::string& content) {
+        if (int fault = SystemCalls::writeFault(mTarget.string())) return errnoText(fault);
         const char* data = content.data();
         std::size_t left = content.size();
         while (left > 0) {
-#ifdef _WIN32
-            int written = _write(mDescriptor, data, static_cast<unsigned>(left > 0x40000000 ? 0x40000000 : left));
-#else
             ssize_t written = ::write(mDescriptor, data, left);
-#endif
             if (written < 0) {
                 if (errno == EINTR) continue;
-                return errno;
+                return errnoText(errno);
             }
             data += written;
             left -= static_cast<std::size_t>(written);
         }
-        return 0;
+        return Failure();
     }
 
     // A new file gets what any new file would get; a replaced one keeps its mode and, as far as allowed, its owner.
-    int setMode() {
-#ifdef _WIN32
-        return 0;
-#else
+    Failure setMode() {
         struct stat existing;
         if (::stat(mTarget.c_str(), &existing) == 0) {
-            if (::fchmod(mDescriptor, existing.st_mode & 07777) != 0) return errno;
+            if (::fchmod(mDescriptor, existing.st_mode & 07777) != 0) return errnoText(errno);
             if (::fchown(mDescriptor, existing.st_uid, existing.st_gid) != 0) {
                 // Only root may give a file away; an ordinary user keeps the file as their own.
             }
-            return 0;
+            return Failure();
         }
         mode_t mask = ::umask(0);
         ::umask(mask);
-        return ::fchmod(mDescriptor, 0666 & ~mask) == 0 ? 0 : errno;
-#endif
+        return ::fchmod(mDescriptor, 0666 & ~mask) == 0 ? Failure() : errnoText(errno);
     }
 
-    int sync() {
-#ifdef _WIN32
-        return _commit(mDescriptor) == 0 ? 0 : errno;
-#else
+    Failure sync() {
         while (::fsync(mDescriptor) != 0)
-            if (errno != EINTR) return errno;
-        return 0;
-#endif
+            if (errno != EINTR) return errnoText(errno);
+        return Failure();
     }
 
-    int close() { return closeDescriptor(); }
+    Failure close() {
+        const int result = ::close(mDescriptor);
+        mDescriptor = -1;
+        return result == 0 ? Failure() : errnoText(errno);
+    }
 
-    int renameOverTarget() {
-        if (int fault = SystemCalls::renameFault(mTarget.string())) return fault;
-#ifdef _WIN32
-        if (!MoveFileExA(mPath.c_str(), mTarget.string().c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
-            DWORD error = GetLastError();
-            return error == ERROR_ACCESS_DENIED ? EACCES : EIO;
-        }
-#else
-        if (::rename(mPath.c_str(), mTarget.c_str()) != 0) return errno;
+    Failure renameOverTarget() {
+        if (int fault = SystemCalls::renameFault(mTarget.string())) return errnoText(fault);
+        if (::rename(mPath.c_str(), mTarget.c_str()) != 0) return errnoText(errno);
         syncDirectory();
-#endif
         mPath.clear();
-        return 0;
+        return Failure();
     }
 
 private:
-    int closeDescriptor() {
-#ifdef _WIN32
-        int result = _close(mDescriptor);
-#else
-        int result = ::close(mDescriptor);
-#endif
-        mDescriptor = -1;
-        return result == 0 ? 0 : errno;
-    }
-
-#ifndef _WIN32
     // Makes the rename itself durable; a failure here cannot undo the write.
     void syncDirectory() {
         fs::path directory = mTarget.parent_path();
@@ -175,12 +275,13 @@ private:
         (void)::fsync(descriptor);
         ::close(descriptor);
     }
-#endif
 
     fs::path mTarget;
     std::string mPath;
     int mDescriptor = -1;
 };
+
+#endif
 
 } // namespace
 
@@ -233,20 +334,20 @@ void FileManager::setPermissions(const path& p, unsigned permissions) {
     fs::permissions(p, static_cast<fs::perms>(permissions), error);
     if (error)
         throw BaseException("Cannot set the permissions of " + native(p) + " to " + octal(permissions) + ": " +
-                            error.message());
+                            reasonOf(error));
 }
 
 FileManager::path FileManager::workDirectory() {
     boost::system::error_code error;
     path directory = fs::current_path(error);
-    if (error) throw BaseException("Cannot determine the working directory: " + error.message());
+    if (error) throw BaseException("Cannot determine the working directory: " + reasonOf(error));
     return directory;
 }
 
 void FileManager::changeWorkDirectory(const path& p) {
     boost::system::error_code error;
     fs::current_path(p, error);
-    if (error) throw BaseException("Cannot change the working directory to " + native(p) + ": " + error.message());
+    if (error) throw BaseException("Cannot change the working directory to " + native(p) + ": " + reasonOf(error));
 }
 
 namespace {
@@ -307,21 +408,51 @@ void FileManager::writeFileAtomically(const path& target, const std::string& con
     }
 
     TemporaryFile temporary(file);
-    int failure = temporary.create();
-    if (!failure) failure = temporary.write(content);
-    if (!failure) failure = temporary.setMode();
-    if (!failure) failure = temporary.sync();
-    if (!failure) failure = temporary.close();
-    if (!failure) failure = temporary.renameOverTarget();
-    if (failure) throw BaseException("Cannot write settings file " + native(target) + ": " + reason(failure));
+    Failure failure = temporary.create();
+    if (failure.empty()) failure = temporary.write(content);
+    if (failure.empty()) failure = temporary.setMode();
+    if (failure.empty()) failure = temporary.sync();
+    if (failure.empty()) failure = temporary.close();
+    if (failure.empty()) failure = temporary.renameOverTarget();
+    if (!failure.empty()) throw BaseException("Cannot write settings file " + native(target) + ": " + failure);
 }
 
+#ifdef _WIN32
+
 std::string FileManager::readFile(const path& file) {
-    std::FILE* stream = std::fopen(file.string().c_str(), "rb");
-    if (!stream) {
-        int error = errno;
-        throw BaseException("Cannot read file " + native(file) + ": " + reason(error));
+    // Shared for deletion too: a save may rename a new file over this one while it is read.
+    const HANDLE handle = CreateFileA(file.string().c_str(), GENERIC_READ,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) throw readFailure(file, windowsErrorText(GetLastError()));
+    // Sized from the file (one byte over, to meet the end in the same read).
+    LARGE_INTEGER size{};
+    std::string content(GetFileSizeEx(handle, &size) ? static_cast<std::size_t>(size.QuadPart) + 1 : 65536, '\0');
+    std::size_t filled = 0;
+    DWORD error = 0;
+    for (;;) {
+        if (filled == content.size()) content.resize(2 * content.size());
+        const std::size_t wanted = content.size() - filled;
+        DWORD count = 0;
+        if (!ReadFile(handle, &content[filled], static_cast<DWORD>(wanted > 0x40000000 ? 0x40000000 : wanted), &count,
+                      nullptr)) {
+            error = GetLastError();
+            break;
+        }
+        if (count == 0) break;
+        filled += count;
     }
+    CloseHandle(handle);
+    if (error) throw readFailure(file, windowsErrorText(error));
+    content.resize(filled);
+    return content;
+}
+
+#else
+
+std::string FileManager::readFile(const path& file) {
+    std::FILE* stream = std::fopen(file.c_str(), "rb");
+    if (!stream) throw readFailure(file, errnoText(errno));
     // Sized from a regular file (one byte over, to meet the end in the same
     // read): large settings files are read once, without regrowing the string.
     boost::system::error_code noSize;
@@ -338,8 +469,10 @@ std::string FileManager::readFile(const path& file) {
     content.resize(filled);
     int error = std::ferror(stream) ? errno : 0;
     std::fclose(stream);
-    if (error) throw BaseException("Cannot read file " + native(file) + ": " + reason(error));
+    if (error) throw readFailure(file, errnoText(error));
     return content;
 }
+
+#endif
 
 } // namespace Base

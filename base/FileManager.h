@@ -44,10 +44,12 @@ public:
 
     // Writes the content to a temporary file beside the target and renames it
     // over the target, so the target is either the old file or the new one.
-    // Throws BaseException naming the file and the OS reason; leaves no
-    // temporary file behind.
+    // On Windows a target that another program holds open without sharing its
+    // deletion is waited for, up to a second. Throws BaseException naming the
+    // file and the OS reason; leaves no temporary file behind.
     static void writeFileAtomically(const path& target, const std::string& content);
-    // Reads a whole file; throws BaseException naming the file and the OS reason.
+    // Reads a whole file, holding it so that a save may replace it meanwhile;
+    // throws BaseException naming the file and the OS reason.
     static std::string readFile(const path& file);
 };
 

@@ -3,14 +3,13 @@
 #include "base/BaseException.h"
 #include "base/Platform.h"
 #include "base/SystemCalls.h"
+#include "base/SystemError.h"
 
-#include <system_error>
 #include <utility>
 
 #ifdef _WIN32
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/predicate.hpp>
-#include <boost/filesystem/operations.hpp>
 #include <algorithm>
 #include <windows.h>
 #else
@@ -41,11 +40,6 @@ BaseException startFailure(const boost::filesystem::path& program, const boost::
     return BaseException(message + ": " + reason);
 }
 
-// The text of an errno value (what the fault hook injects on every host).
-std::string errnoReason(int error) {
-    return std::generic_category().message(error);
-}
-
 } // namespace
 
 Task::Task(const boost::filesystem::path& program, const std::vector<std::string>& arguments)
@@ -61,19 +55,6 @@ void Task::setEnvironment(std::map<std::string, std::string> environment) {
 #ifdef _WIN32
 
 namespace {
-
-// The system's text for a Windows error code, without its line end.
-std::string systemReason(DWORD error) {
-    char* text = nullptr;
-    const DWORD length = FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
-                                            FORMAT_MESSAGE_IGNORE_INSERTS,
-                                        nullptr, error, 0, reinterpret_cast<char*>(&text), 0, nullptr);
-    std::string reason = length ? std::string(text, length) : "error " + std::to_string(error);
-    if (text) LocalFree(text);
-    while (!reason.empty() && (reason.back() == '\n' || reason.back() == '\r' || reason.back() == ' '))
-        reason.pop_back();
-    return reason;
-}
 
 // Quoted so that the C runtime's command line parser gives the argument back unchanged.
 std::string quoteArgument(const std::string& argument) {
@@ -129,22 +110,34 @@ std::string commandInterpreter() {
     return std::string(path, systemLength < sizeof(path) ? systemLength : 0) + "\\cmd.exe";
 }
 
+// Why the working directory cannot be used, or 0; checked first, so that the message can name it.
+DWORD directoryFault(const std::string& directory) {
+    const DWORD attributes = GetFileAttributesA(directory.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) return GetLastError();
+    return attributes & FILE_ATTRIBUTE_DIRECTORY ? 0 : ERROR_DIRECTORY;
+}
+
 } // namespace
 
 long Task::launch() {
     if (mLaunchPath.empty()) throw BaseException("Cannot start a program: no launch path is set");
     if (int fault = SystemCalls::execFault(mLaunchPath.string()))
-        throw startFailure(mLaunchPath, mCurrentDirectory, false, errnoReason(fault));
-    boost::system::error_code noDirectory;
-    if (!mCurrentDirectory.empty() && !boost::filesystem::is_directory(mCurrentDirectory, noDirectory))
-        throw startFailure(mLaunchPath, mCurrentDirectory, true, systemReason(ERROR_DIRECTORY));
+        throw startFailure(mLaunchPath, mCurrentDirectory, false, errnoText(fault));
+    const std::string directory = mCurrentDirectory.string();
+    if (!directory.empty())
+        if (const DWORD fault = directoryFault(directory))
+            throw startFailure(mLaunchPath, mCurrentDirectory, true, windowsErrorText(fault));
+    const std::string program = boost::filesystem::path(mLaunchPath).make_preferred().string();
 
     // A batch file is run by the command interpreter: /s keeps the quotes
     // inside the line after /c, so the file and its arguments arrive as quoted.
-    std::string commandLine = quoteArgument(mLaunchPath.string());
+    std::string commandLine = quoteArgument(program);
     for (const auto& argument : mArguments) commandLine += " " + quoteArgument(argument);
-    std::string application = mLaunchPath.string();
+    std::string application = program;
     if (isBatchFile(mLaunchPath)) {
+        // The interpreter itself would start, and only then miss the file.
+        if (GetFileAttributesA(program.c_str()) == INVALID_FILE_ATTRIBUTES)
+            throw startFailure(mLaunchPath, mCurrentDirectory, false, windowsErrorText(GetLastError()));
         application = commandInterpreter();
         commandLine = quoteArgument(application) + " /d /s /c \"" + commandLine + "\"";
     }
@@ -152,7 +145,6 @@ long Task::launch() {
     commandBuffer.push_back('\0');
     std::vector<char> block;
     if (mHasEnvironment) block = environmentBlock(mEnvironment);
-    const std::string directory = mCurrentDirectory.string();
 
     // No handle of ours is inherited, and the program has no console of ours.
     STARTUPINFOA startup{};
@@ -161,7 +153,7 @@ long Task::launch() {
     if (!CreateProcessA(application.c_str(), commandBuffer.data(), nullptr, nullptr, FALSE,
                         DETACHED_PROCESS | CREATE_NEW_PROCESS_GROUP, mHasEnvironment ? block.data() : nullptr,
                         directory.empty() ? nullptr : directory.c_str(), &startup, &process))
-        throw startFailure(mLaunchPath, mCurrentDirectory, false, systemReason(GetLastError()));
+        throw startFailure(mLaunchPath, mCurrentDirectory, false, windowsErrorText(GetLastError()));
     CloseHandle(process.hThread);
     CloseHandle(process.hProcess);
     // A caller that ends now steps back, as on other hosts; the program keeps its own class.
@@ -223,11 +215,11 @@ long Task::launch() {
     if (mLaunchPath.empty()) throw BaseException("Cannot start a program: no launch path is set");
     const std::string program = mLaunchPath.string();
     if (int fault = SystemCalls::execFault(program))
-        throw startFailure(mLaunchPath, mCurrentDirectory, false, errnoReason(fault));
+        throw startFailure(mLaunchPath, mCurrentDirectory, false, errnoText(fault));
     const std::string directory = mCurrentDirectory.string();
     if (!directory.empty())
         if (int fault = directoryFault(directory))
-            throw startFailure(mLaunchPath, mCurrentDirectory, true, errnoReason(fault));
+            throw startFailure(mLaunchPath, mCurrentDirectory, true, errnoText(fault));
 
     std::vector<std::string> argumentStrings;
     argumentStrings.reserve(mArguments.size() + 1);
@@ -288,12 +280,12 @@ long Task::launch() {
                                      CLONE_VM | CLONE_VFORK | SIGCHLD, &spawn);
         const int cloneError = errno;
         pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-        if (middle < 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, errnoReason(cloneError));
+        if (middle < 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, errnoText(cloneError));
         int status = 0;
         while (::waitpid(middle, &status, 0) < 0 && errno == EINTR) {
         }
     }
-    if (spawn.error != 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, errnoReason(spawn.error));
+    if (spawn.error != 0) throw startFailure(mLaunchPath, mCurrentDirectory, false, errnoText(spawn.error));
     // A caller that ends now: its last steps (its report, the release of its
     // memory) must not hold up the program's start where both share a processor.
     if (mCallerEndsAfterStart) ::setpriority(PRIO_PROCESS, 0, 19);

@@ -141,7 +141,8 @@ TEST_F(DocumentCacheTest, TroubleWithTheCacheOnlyCostsTheParse) {
 
 TEST_F(DocumentCacheTest, AFileChangedJustNowIsNotKept) {
     DocumentCache::enable(mCache);
-    read();
+    writeFile(mFile, plist("<dict><key>value</key><string>now</string></dict>"));
+    EXPECT_EQ(read(), std::make_pair(std::string("now"), false));
     EXPECT_FALSE(fs::exists(DocumentCache::entryFor(mFile)));
 }
 

@@ -4,7 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <tuple>
+
+#ifdef _WIN32
+#include <windows.h>
+#endif
 
 using Base::Environment::Map;
 using Base::Environment::expandEnvVariables;
@@ -55,3 +61,24 @@ TEST(ExpandEnvVariables, VeryLongChainDoesNotExhaustTheStack) {
     EXPECT_EQ("end" + std::string(length, '.'), expanded("$V0", variables));
 }
 
+
+#ifdef _WIN32
+TEST(ProcessEnvironment, IsTheEnvironmentBlockThatStartedProgramsInheritWithoutTheDrivesDirectories) {
+    // Set through the system only, as a library of the process might; the C runtime's copy does not see it.
+    ASSERT_TRUE(SetEnvironmentVariableA("KYM_BLOCK_ONLY", "from the block"));
+    ASSERT_TRUE(SetEnvironmentVariableA("=K:", "K:\\work"));
+    const bool inRuntimeCopy = std::getenv("KYM_BLOCK_ONLY") != nullptr;
+    const std::string value = Base::Environment::getEnvVariable("KYM_BLOCK_ONLY");
+    const std::vector<std::string> strings = Base::Environment::environmentStrings();
+    std::string text = "[$KYM_BLOCK_ONLY]";
+    Base::Environment::expandEnvVariables(text);
+    SetEnvironmentVariableA("KYM_BLOCK_ONLY", nullptr);
+    SetEnvironmentVariableA("=K:", nullptr);
+
+    EXPECT_FALSE(inRuntimeCopy);
+    EXPECT_EQ("from the block", value);
+    EXPECT_EQ(1, std::count(strings.begin(), strings.end(), "KYM_BLOCK_ONLY=from the block"));
+    EXPECT_EQ(strings.end(), std::find_if(strings.begin(), strings.end(), [](const std::string& entry) { return entry[0] == '='; }));
+    EXPECT_EQ("[from the block]", text);
+}
+#endif

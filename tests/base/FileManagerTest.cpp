@@ -1,14 +1,24 @@
 #include "base/BaseException.h"
+#include "base/Environment.h"
 #include "base/FileManager.h"
 #include "base/SystemCalls.h"
+#include "base/SystemError.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <sys/stat.h>
+#include <chrono>
+#include <cstdio>
+#include <thread>
 #include <tuple>
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <sys/stat.h>
+#endif
 
 using Base::FileManager;
 namespace fs = boost::filesystem;
@@ -22,15 +32,21 @@ std::vector<std::string> entries(const fs::path& directory) {
     return names;
 }
 
+std::string failureOf(const std::function<void()>& action) { return KymTest::thrownMessage<Base::BaseException>(action); }
+
+#ifdef _WIN32
+// The system's words for an error code: Wine words them differently from Windows, the code is what counts.
+std::string reason(DWORD error) { return Base::windowsErrorText(error); }
+#else
 unsigned modeOf(const fs::path& p) {
     struct stat status;
     return ::stat(p.c_str(), &status) == 0 ? status.st_mode & 07777 : 0xFFFF;
 }
-
-std::string failureOf(const std::function<void()>& action) { return KymTest::thrownMessage<Base::BaseException>(action); }
+#endif
 
 } // namespace
 
+#ifndef _WIN32
 TEST(WriteFileAtomically, NewFileGetsTheModeOfAnyNewFileAndAFileReplacedThroughALinkKeepsItsOwn) {
     KymTest::TempDir dir;
     const mode_t previousMask = ::umask(027);
@@ -47,6 +63,7 @@ TEST(WriteFileAtomically, NewFileGetsTheModeOfAnyNewFileAndAFileReplacedThroughA
     EXPECT_EQ(0604u, modeOf(dir / "old.dat"));
     EXPECT_EQ((std::vector<std::string>{"link.dat", "new.dat", "old.dat"}), entries(dir.path()));
 }
+#endif
 
 TEST(WriteFileAtomically, FailedWriteOrRenameKeepsTheOldFileAndNoTemporaryFile) {
     KymTest::TempDir dir;
@@ -62,6 +79,76 @@ TEST(WriteFileAtomically, FailedWriteOrRenameKeepsTheOldFileAndNoTemporaryFile) 
     EXPECT_EQ(std::vector<std::string>{"site.dat"}, entries(dir.path()));
 }
 
+#ifdef _WIN32
+namespace {
+
+// A reader of the file that holds it open until it goes, opened as readFile opens files.
+class SharingReader {
+public:
+    explicit SharingReader(const fs::path& file)
+        : mHandle(CreateFileA(file.string().c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)) {}
+    ~SharingReader() { CloseHandle(mHandle); }
+    SharingReader(const SharingReader&) = delete;
+    SharingReader& operator=(const SharingReader&) = delete;
+    bool isOpen() const { return mHandle != INVALID_HANDLE_VALUE; }
+    std::string content() const {
+        char buffer[64];
+        DWORD count = 0;
+        return ReadFile(mHandle, buffer, sizeof(buffer), &count, nullptr) ? std::string(buffer, count) : "(unreadable)";
+    }
+
+private:
+    HANDLE mHandle;
+};
+
+} // namespace
+
+TEST(WriteFileAtomically, ReplacesAFileThatAReaderSharingItsDeletionHoldsOpenAndTheReaderKeepsTheOldContent) {
+    KymTest::TempDir dir;
+    KymTest::writeFile(dir / "site.dat", "old");
+    {
+        SharingReader reader(dir / "site.dat");
+        ASSERT_TRUE(reader.isOpen());
+        FileManager::writeFileAtomically(dir / "site.dat", "new");
+        EXPECT_EQ("new", FileManager::readFile(dir / "site.dat"));
+        EXPECT_EQ("old", reader.content());
+    }
+    // The old file goes with its last reader.
+    EXPECT_EQ(std::vector<std::string>{"site.dat"}, entries(dir.path()));
+}
+
+TEST(WriteFileAtomically, WaitsBrieflyForAReaderThatDoesNotShareDeletionAndFailsCleanlyWhenItStays) {
+    KymTest::TempDir dir;
+    const fs::path target = dir / "site.dat";
+    KymTest::writeFile(target, "old");
+
+    std::FILE* briefReader = std::fopen(target.string().c_str(), "rb");
+    ASSERT_NE(nullptr, briefReader);
+    std::thread closer([briefReader] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        std::fclose(briefReader);
+    });
+    const std::string briefFailure = failureOf([&] { FileManager::writeFileAtomically(target, "new"); });
+    closer.join();
+    EXPECT_EQ("(nothing thrown)", briefFailure);
+    EXPECT_EQ("new", KymTest::readFile(target));
+
+    std::FILE* stayingReader = std::fopen(target.string().c_str(), "rb");
+    ASSERT_NE(nullptr, stayingReader);
+    const auto start = std::chrono::steady_clock::now();
+    const std::string failure = failureOf([&] { FileManager::writeFileAtomically(target, "newer"); });
+    const auto waited = std::chrono::steady_clock::now() - start;
+    std::fclose(stayingReader);
+    EXPECT_EQ("Cannot write settings file " + target.string() + ": " + reason(ERROR_SHARING_VIOLATION), failure);
+    EXPECT_GE(waited, std::chrono::milliseconds(900));
+    EXPECT_LT(waited, std::chrono::seconds(5));
+    EXPECT_EQ("new", KymTest::readFile(target));
+    EXPECT_EQ(std::vector<std::string>{"site.dat"}, entries(dir.path()));
+}
+#endif
+
+#ifndef _WIN32
 TEST(FileManager, ReadableAndExecutableFollowTheUsersRights) {
     KymTest::TempDir dir;
     // Mode, readable, executable; a mode of 0 makes no file.
@@ -78,6 +165,33 @@ TEST(FileManager, ReadableAndExecutableFollowTheUsersRights) {
         return wrong;
     }));
 }
+#else
+TEST(FileManager, ExecutablesAreFilesWithAnExtensionFromPathExtAndFoldersThatCanBeListed) {
+    KymTest::TempDir dir;
+    for (const char* name : {"a.exe", "b.Bat", "c.CMD", "d.com", "e.txt", "f", "g.exe.txt"})
+        KymTest::writeFile(dir / name, "");
+    fs::create_directories(dir / "folder.txt");
+    const auto executables = [&dir] {
+        std::vector<std::string> names;
+        for (const char* name : {"a.exe", "b.Bat", "c.CMD", "d.com", "e.txt", "f", "g.exe.txt", "folder.txt", "none.exe"})
+            if (FileManager::isExecutable(dir / name)) names.push_back(name);
+        return names;
+    };
+    std::vector<std::string> withoutPathExt, withPathExt;
+    {
+        KymTest::ScopedEnv unset("PATHEXT", std::nullopt);
+        withoutPathExt = executables();
+    }
+    {
+        KymTest::ScopedEnv own("PATHEXT", std::string(".txt;.EXE"));
+        withPathExt = executables();
+    }
+    EXPECT_EQ((std::vector<std::string>{"a.exe", "b.Bat", "c.CMD", "d.com", "folder.txt"}), withoutPathExt);
+    EXPECT_EQ((std::vector<std::string>{"a.exe", "e.txt", "g.exe.txt", "folder.txt"}), withPathExt);
+    EXPECT_TRUE(FileManager::isReadable(dir / "e.txt"));
+    EXPECT_FALSE(FileManager::isReadable(dir / "none.exe"));
+}
+#endif
 
 TEST(FileManager, ReadFileReturnsTheWholeContentWhateverSizeTheFileReports) {
     KymTest::TempDir dir;
@@ -87,28 +201,69 @@ TEST(FileManager, ReadFileReturnsTheWholeContentWhateverSizeTheFileReports) {
     KymTest::writeFile(dir / "empty.dat", "");
     EXPECT_EQ(large, FileManager::readFile(dir / "large.dat"));
     EXPECT_EQ("", FileManager::readFile(dir / "empty.dat"));
+#ifndef _WIN32
     // A regular file that reports no size but has content.
     const std::string commandLine = FileManager::readFile("/proc/self/cmdline");
     EXPECT_GT(commandLine.size(), 1u);
     EXPECT_EQ(KymTest::readFile("/proc/self/cmdline"), commandLine);
+#endif
 }
 
 TEST(FileManager, FailuresToReadSetPermissionsOrChangeDirectoryNamePathAndReason) {
     KymTest::TempDir dir;
+#ifdef _WIN32
+    const std::string isDirectory = reason(ERROR_ACCESS_DENIED), noFile = reason(ERROR_FILE_NOT_FOUND);
+#else
+    const std::string isDirectory = "Is a directory", noFile = "No such file or directory";
     FileManager::setPermissions(dir.path(), 0775);
     EXPECT_EQ(0775u, modeOf(dir.path()));
-    EXPECT_EQ("Cannot read file " + dir.path().string() + ": Is a directory",
+#endif
+    EXPECT_EQ("Cannot read file " + dir.path().string() + ": " + isDirectory,
               failureOf([&] { FileManager::readFile(dir.path()); }));
-    EXPECT_EQ("Cannot set the permissions of " + (dir / "none").string() + " to 775: No such file or directory",
+    EXPECT_EQ("Cannot read file " + (dir / "none").string() + ": " + noFile,
+              failureOf([&] { FileManager::readFile(dir / "none"); }));
+    EXPECT_EQ("Cannot set the permissions of " + (dir / "none").string() + " to 775: " + noFile,
               failureOf([&] { FileManager::setPermissions(dir / "none", 0775); }));
     fs::path previous = FileManager::workDirectory();
-    EXPECT_EQ("Cannot change the working directory to " + (dir / "none").string() + ": No such file or directory",
+    EXPECT_EQ("Cannot change the working directory to " + (dir / "none").string() + ": " + noFile,
               failureOf([&] { FileManager::changeWorkDirectory(dir / "none"); }));
     EXPECT_EQ(previous, FileManager::workDirectory());
 }
 
+#ifndef _WIN32
 TEST(FileManager, ApplicationDataFolderFallsBackToTheConfigFolderInHomeWhenXdgConfigHomeIsEmpty) {
     KymTest::ScopedEnv home("HOME", std::string("/home/user"));
     KymTest::ScopedEnv emptyXdg("XDG_CONFIG_HOME", std::string(""));
     EXPECT_EQ(fs::path("/home/user/.config"), FileManager::applicationDataFolder());
 }
+#else
+TEST(FileManager, ApplicationDataFolderIsTheUsersRoamingAppDataFolder) {
+    const fs::path folder = FileManager::applicationDataFolder();
+    // The shell's folder, whatever the environment says.
+    KymTest::ScopedEnv misleading("APPDATA", std::string("C:\\elsewhere"));
+    EXPECT_EQ(folder, FileManager::applicationDataFolder());
+    EXPECT_TRUE(fs::is_directory(folder));
+    const fs::path profile = fs::path(Base::Environment::getEnvVariable("USERPROFILE"));
+    EXPECT_EQ(profile / "AppData" / "Roaming", folder);
+}
+
+TEST(FileManager, ShortPathNameGivesTheEightDotThreeFormOfAnExistingPathAndNothingForAMissingOne) {
+    KymTest::TempDir dir;
+    const fs::path file = dir / "Program Files" / "a long file name.text";
+    KymTest::writeFile(file, "x");
+    const std::string shortForm = FileManager::shortPathName(file.string());
+    // Every part fits 8.3 and has no blank, and the short form names the same file.
+    std::vector<std::string> parts;
+    for (const auto& part : fs::path(shortForm).relative_path()) parts.push_back(part.string());
+    ASSERT_FALSE(parts.empty()) << shortForm;
+    for (const auto& part : parts) {
+        const std::size_t dot = part.find('.');
+        const bool fits = part.find(' ') == std::string::npos && (dot == std::string::npos ? part.size() <= 8
+                                                                  : dot <= 8 && part.size() - dot - 1 <= 3);
+        EXPECT_TRUE(fits) << part << " in " << shortForm;
+    }
+    EXPECT_TRUE(fs::equivalent(file, shortForm)) << shortForm;
+    EXPECT_EQ("x", FileManager::readFile(shortForm));
+    EXPECT_EQ("", FileManager::shortPathName((dir / "none" / "a long file name.text").string()));
+}
+#endif

@@ -13,17 +13,22 @@ TEST(Platform, NativePathTurnsEverySeparatorTheWayOfItsSet) {
 }
 
 TEST(PlatformChoice, EmptyKymPlatformMeansTheBuildHostKymPlatformIsReadOnceAtFirstUseAndAnInvalidOneThrowsAtEveryUse) {
+#ifdef _WIN32
+    const Platform::Kind host = Platform::Windows, other = Platform::Posix;
+#else
+    const Platform::Kind host = Platform::Posix, other = Platform::Windows;
+#endif
     // current() is chosen once per process; start from scratch.
     Platform::resetCurrent();
     {
         KymTest::ScopedEnv empty("KYM_PLATFORM", std::string(""));
-        EXPECT_EQ(Platform::Posix, Platform::current().kind());
+        EXPECT_EQ(host, Platform::current().kind());
     }
     Platform::resetCurrent();
-    KymTest::ScopedEnv windows("KYM_PLATFORM", std::string("windows"));
-    EXPECT_EQ(Platform::Windows, Platform::current().kind());
-    KymTest::ScopedEnv posix("KYM_PLATFORM", std::string("posix"));
-    EXPECT_EQ(Platform::Windows, Platform::current().kind());
+    KymTest::ScopedEnv chosen("KYM_PLATFORM", Platform::get(other).name());
+    EXPECT_EQ(other, Platform::current().kind());
+    KymTest::ScopedEnv changed("KYM_PLATFORM", Platform::get(host).name());
+    EXPECT_EQ(other, Platform::current().kind());
 
     Platform::resetCurrent();
     KymTest::ScopedEnv invalid("KYM_PLATFORM", std::string("Windows"));

@@ -143,10 +143,12 @@ TEST(PropertyListWrite, EveryWritableValueReadsBackAsItsPropertyListType) {
         {"unsigned long", std::numeric_limits<unsigned long>::max()},
         {"reals", Array{0.1, -0.0, 5e-324, -std::numeric_limits<double>::infinity()}},
         {"texts", Array{std::string("x\r\ny\r"), std::string("\x01\t<&>\"'"), std::string("ключ 😀"), std::string()}}, {"", true}};
+    // unsigned long is 64 bits wide on Linux and 32 on Windows, where its largest value fits a signed integer.
+    const std::string largestUnsignedLong = sizeof(unsigned long) == 8 ? "18446744073709551615u" : "4294967295";
     EXPECT_EQ(show(PropertyList::parse(PropertyList::serialize(root), "x")),
               "{: true, float: 0.1r, int: -5, long: -6, reals: [0.1r, -0r, 5e-324r, -infr], "
               "texts: [\"x\r\ny\r\", \"\x01\t<&>\"'\", \"ключ 😀\", \"\"], "
-              "unsigned: 4000000000, unsigned long: 18446744073709551615u}");
+              "unsigned: 4000000000, unsigned long: " + largestUnsignedLong + "}");
 }
 
 TEST(PropertyListWrite, UnwritableValuesAreRejectedNamingTheirPlace) {
@@ -167,7 +169,8 @@ TEST(PropertyListFile, ARootThatIsNoDictionaryIsNamedWithTheFile) {
     EXPECT_EQ(thrownMessage([&] { list.setProperty("a", true); }), "Property list " + file.string() + ": the root is not a dictionary");
 }
 
-TEST(PropertyListFile, FailedSaveNamesTheFileAndKeepsTheOldOneOrCreatesNothing) {
+#ifndef _WIN32
+TEST(PropertyListFile, FailedSaveNamesTheFileAndKeepsTheOldOne) {
     KymTest::TempDir directory;
     auto file = directory / "locked" / "list.plist";
     std::string old = document("<string>old</string>");
@@ -179,7 +182,11 @@ TEST(PropertyListFile, FailedSaveNamesTheFileAndKeepsTheOldOneOrCreatesNothing) 
     }));
     EXPECT_EQ(KymTest::readFile(file), old);
     EXPECT_EQ(boost::filesystem::directory_iterator(directory / "locked")->path(), file);
+}
+#endif
 
+TEST(PropertyListFile, AValueThatCannotBeWrittenIsNamedWithTheFileAndCreatesNothing) {
+    KymTest::TempDir directory;
     EXPECT_EQ(thrownMessage([&] { PropertyList(directory / "list.plist", Dictionary{{"Name", "c string"}}).saveList(); }),
               "Property list " + (directory / "list.plist").string() +
                   ": cannot write a value of type 'char const*' at 'Name'");

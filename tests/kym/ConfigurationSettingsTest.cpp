@@ -82,8 +82,8 @@ TEST(ConfigurationSettings, EveryKindOfEditNeedsSavingAndAFailedWriteKeepsFileAn
              [](ConfigurationSettings& s) { s.removeOverlay("Common", "viewer"); }}) {
         ConfigurationSettings settings = loaded(file);
         edit(settings);
-        EXPECT_EQ(thrownUnderFault(&Base::SystemCalls::setWriteFault, EDQUOT, [&] { settings.save(); }),
-                  "Cannot write settings file " + file.string() + ": Disk quota exceeded");
+        EXPECT_EQ(thrownUnderFault(&Base::SystemCalls::setWriteFault, ENOSPC, [&] { settings.save(); }),
+                  "Cannot write settings file " + file.string() + ": No space left on device");
         EXPECT_EQ(readFile(file), before);
         EXPECT_TRUE(settings.needsSaving());
     }

@@ -12,13 +12,18 @@ using KymTest::thrownMessage;
 TEST(LauncherExecutable, ExpandsTheProgramCollapsesTheSeparatorAfterTheDirectoryAndNamesTheFault) {
     KymTest::TempDir dir;
     Platform::setCurrent(Platform::Posix);
-    const fs::path program = KymTest::writeExecutable(dir / "bin" / "cad.sh", "#!/bin/sh\n");
+    // Executable by its mode on POSIX, by its extension on Windows.
+    const fs::path program = KymTest::writeExecutable(dir / "bin" / "cad.exe", "#!/bin/sh\n");
     const Environment tools{{"TOOLS", (dir / "bin").string() + "/"}};
-    EXPECT_EQ(program, Kym::Launcher().getAndCheckExecutable(application("${TOOLS}//cad.sh"), tools));
+    EXPECT_EQ(program, Kym::Launcher().getAndCheckExecutable(application("${TOOLS}//cad.exe"), tools));
 
     fs::create_directories(dir / "cad");
-    EXPECT_EQ("Program " + (dir / "cad").string() + " is not executable.\n",
-              thrownMessage([&] { Kym::Launcher().getAndCheckExecutable(application((dir / "cad").string()), {}); }));
+    KymTest::writeExecutable(dir / "notes.txt", "", 0644);
+    for (const fs::path& notExecutable : {dir / "cad", dir / "notes.txt"})
+        EXPECT_EQ("Program " + Platform::current().nativePath(notExecutable) + " is not executable.\n",
+                  thrownMessage([&] {
+                      Kym::Launcher().getAndCheckExecutable(application(notExecutable.string()), {});
+                  }));
     Platform::setCurrent(Platform::Windows);
     EXPECT_EQ("Program C:\\NX\\ugii\\ugraf.exe is not found.\n  Original string = ${UGII_BASE_DIR}\\ugii\\ugraf.exe\n"
               "  Maybe a environment variable is set wrong.",
@@ -29,11 +34,13 @@ TEST(LauncherExecutable, ExpandsTheProgramCollapsesTheSeparatorAfterTheDirectory
 }
 
 TEST(LauncherCadEnvironment, ShortensTheInstallPathDropsAMissingLibraryAndNamesWhatIsWrong) {
-    Scene scene(Platform::Windows);
     KymTest::TempDir nx;
+    Scene scene(Platform::Windows);
     Environment env{{"UGII_BASE_DIR", nx.path().string()}, {"UGII_LIB1", (nx / "missing").string()}, {"OTHER", "o"}};
     Kym::Launcher().checkCadEnvironment(env);
-    EXPECT_EQ((Environment{{"OTHER", "o"}, {"UGII_BASE_DIR", nx.path().string()}, {"UGII_ROOT_DIR", ""}}), env);
+    EXPECT_EQ((Environment{{"OTHER", "o"}, {"UGII_BASE_DIR", KymTest::shortFormOnThisHost(nx.path())},
+                           {"UGII_ROOT_DIR", ""}}),
+              env);
 
     auto failure = [](Environment env) { return thrownMessage([&] { Kym::Launcher().checkCadEnvironment(env); }); };
     EXPECT_EQ("UGII_BASE_DIR is set to C:\\NX missing. Invalid directory.", failure({{"UGII_BASE_DIR", "C:\\NX missing"}}));

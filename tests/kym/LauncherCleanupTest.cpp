@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+
+#ifndef _WIN32
 #include <pwd.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
 using namespace LauncherTest;
 using Base::Platform;
@@ -43,6 +46,7 @@ void fillWithCandidates(const fs::path& dir) {
 
 const Lines leftOfCandidates = {"folder.tmp", "old.LOG", "sub", "sub/inside.log", "x.csv", "x.log.bak", "young.jnl"};
 
+#ifndef _WIN32
 // Cleans up in a child process that sees the directory as /tmp; returns the
 // child's exit status, 200 and above when there is no private mount namespace.
 int cleanUpWithPrivateTmp(const fs::path& directory, const Kym::Configuration& config) {
@@ -64,12 +68,13 @@ int cleanUpWithPrivateTmp(const fs::path& directory, const Kym::Configuration& c
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 251;
 }
+#endif
 
 } // namespace
 
 TEST(LauncherCleanup, UnderWindowsConventionsTempLosesOldJournalsLogsAndSourcesAfterTheDepartmentsDays) {
-    Scene scene(Platform::Windows);
     KymTest::TempDir temp;
+    Scene scene(Platform::Windows);
     KymTest::ScopedEnv tempVariable("TEMP", temp.path().string());
     fillWithCandidates(temp.path());
     Kym::Launcher().removeLogFiles(scene.department("Off", propertiesWith("", false, 3)));
@@ -88,6 +93,7 @@ TEST(LauncherCleanup, UnderWindowsConventionsTempLosesOldJournalsLogsAndSourcesA
               lines);
 }
 
+#ifndef _WIN32
 TEST(LauncherCleanup, UnderPosixConventionsTmpAndTmpdirLoseOnlyTheUsersOwnOldFiles) {
     Scene scene(Platform::Posix);
     KymTest::TempDir root;
@@ -110,3 +116,4 @@ TEST(LauncherCleanup, UnderPosixConventionsTmpAndTmpdirLoseOnlyTheUsersOwnOldFil
     for (const std::string& name : leftOfCandidates) expected.push_back("user/" + name);
     EXPECT_EQ(expected, remaining(tmp));
 }
+#endif

@@ -4,87 +4,110 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/algorithm/string/case_conv.hpp>
+
 #include <algorithm>
-#include <stdexcept>
 
 using namespace LauncherTest;
 using Base::Platform;
+using KymTest::Probe;
 
 namespace {
 
 const bool orphansReaped = KymTest::reapOrphansOfTheTests();
 
-// A program that records how it was started: its argument vector and environment as execve gave them (from
-// /proc) and its working directory. It runs on after the launch returned; record() waits for it, not timed.
-struct Probe {
-    Probe() {
-        KymTest::writeExecutable(program, "#!/bin/sh\nout='" + dir.path().string() + "'\n/bin/cat /proc/$$/cmdline > "
-                                          "\"$out/cmdline\"\n/bin/cat /proc/$$/environ > \"$out/environ\"\n"
-                                          "pwd -P > \"$out/cwd.part\"\n/bin/mv \"$out/cwd.part\" \"$out/cwd\"\n");
-    }
-    struct Record { Lines arguments, environment; std::string directory; };
-    Record record() const {
-        if (!KymTest::waitForFile(dir / "cwd")) throw std::runtime_error("the probe did not run");
-        const std::string directory = KymTest::readFile(dir / "cwd");
-        return {KymTest::splitAtNul(KymTest::readFile(dir / "cmdline")),
-                KymTest::splitAtNul(KymTest::readFile(dir / "environ")), directory.substr(0, directory.size() - 1)};
-    }
-
-    KymTest::TempDir dir;
-    fs::path program = dir / "probe.sh";
+// A launch as this host's users get it: its conventions, the variable that names the home directory a
+// program starts in, a CAD installation, the system's program path and that path with the CAD libraries.
+struct HostLaunch {
+    Platform::Kind conventions;
+    std::string homeVariable, installPath, systemPath, pathWithLibraries;
 };
+#ifdef _WIN32
+const HostLaunch host{Platform::Windows, "USERPROFILE", "C:\\NX4", "C:\\Windows;C:\\tools",
+                      "C:\\NX4\\ugii;C:\\Windows;C:\\tools"};
+#else
+const HostLaunch host{Platform::Posix, "HOME", "/opt/nx4", "/usr/bin:/bin", "/opt/nx4/ugii:/usr/bin:/bin"};
+#endif
 
-// What the layers give plus the user defaults file of the launch, NAME=VALUE in map order.
+// The order in which a started program finds its variables: the environment map's; on Windows, whose
+// environment block is sorted by name without regard to case, that order.
+Lines inChildOrder(Lines strings) {
+#ifdef _WIN32
+    const auto upperName = [](const std::string& entry) {
+        return boost::algorithm::to_upper_copy(entry.substr(0, entry.find('=')));
+    };
+    std::stable_sort(strings.begin(), strings.end(),
+                     [&](const std::string& a, const std::string& b) { return upperName(a) < upperName(b); });
+#endif
+    return strings;
+}
+
+// What the layers give plus the user defaults file of the launch, NAME=VALUE, as the started program gets them.
 Lines expectedEnvironment(const Kym::Configuration& config, const Kym::ConfigApplication& app,
                           const std::string& userDefaults) {
     Environment env = build(config, nullptr, app);
     env["UGII_LOCAL_USER_DEFAULTS"] = userDefaults;
     Lines strings;
     for (const auto& [name, value] : env) strings.push_back(name + "=" + value);
-    return strings;
+    return inChildOrder(strings);
 }
 
 } // namespace
 
 TEST(LauncherLaunch, ProgramGetsTheLayersEnvironmentItsArgumentsAndTheHomeDirectory) {
     ASSERT_TRUE(orphansReaped);
-    Scene scene(Platform::Posix, {{"PATH", "/usr/bin:/bin"}});
-    scene.site.writeSiteSettings(siteFile("/opt/nx4"));
+    Probe probe(KYM_PROBE), anyProgram(KYM_PROBE);
+    Scene scene(host.conventions, {{"PATH", host.systemPath}});
+    scene.site.writeSiteSettings(siteFile(host.installPath));
     const fs::path home = scene.site.root() / "home";
     fs::create_directories(home);
-    KymTest::ScopedEnv homeVariable("HOME", home.string());
+    KymTest::ScopedEnv homeVariable(host.homeVariable, home.string());
     const Kym::Configuration config = scene.department(
         "Design", propertiesWith(""), settingsWith({{"UGII_LOCAL_USER_DEFAULTS", "from the department"}}));
-    Probe probe, anyProgram;
-    const Kym::ConfigApplication app = application(probe.program.string(), "-a \"x y\" -dept=$KYM_DEPT_DIR");
+    const Kym::ConfigApplication app = application(probe.program().string(), "-a \"x y\" -dept=$KYM_DEPT_DIR");
 
     Kym::Launcher().launchApplication(config, nullptr, app, nullptr);
 
     Probe::Record started = probe.record();
-    EXPECT_EQ((Lines{"/bin/sh", probe.program.string(), "-a", "\"x y\"", "-dept=" + config.path().string()}),
-              started.arguments);
+    EXPECT_EQ(probe.argumentsFor({"-a", "\"x y\"", "-dept=" + Scene::native(config.path())}), started.arguments);
     EXPECT_EQ(home.string(), started.directory);
-    EXPECT_EQ(expectedEnvironment(config, app, home.string() + "/nx90_user.dpv"), started.environment);
+    EXPECT_EQ(expectedEnvironment(config, app, Scene::native(home / "nx90_user.dpv")), started.environment);
 
     // Any program, its arguments split at blanks, with the CAD libraries added to the path.
-    Kym::Launcher().launchApplication(config, nullptr, anyProgram.program.string(), {"one", "two words"}, true);
+    Kym::Launcher().launchApplication(config, nullptr, anyProgram.program().string(), {"one", "two words"}, true);
     started = anyProgram.record();
-    EXPECT_EQ((Lines{"/bin/sh", anyProgram.program.string(), "one", "two", "words"}), started.arguments);
+    EXPECT_EQ(anyProgram.argumentsFor({"one", "two", "words"}), started.arguments);
     EXPECT_EQ(home.string(), started.directory);
-    EXPECT_EQ(1, std::count(started.environment.begin(), started.environment.end(), "PATH=/opt/nx4/ugii:/usr/bin:/bin"));
+    EXPECT_EQ(1, std::count(started.environment.begin(), started.environment.end(), "PATH=" + host.pathWithLibraries));
+}
+
+TEST(LauncherLaunch, ArgumentsArriveAsTheArgumentTextSplitsQuotesAndBlanksIncluded) {
+    Probe probe(KYM_PROBE);
+    Scene scene(host.conventions);
+    const Kym::Configuration config = scene.department("Design", {}, settingsWith({{"NAME", "two words"}}));
+    const std::pair<std::string, Lines> cases[] = {
+        {"", {}},
+        {"-a \"x y\" -b", {"-a", "\"x y\"", "-b"}},
+        // The quoted run is greedy: two quoted words and what stands between them are one argument.
+        {"\"a\" \"b\" -name=$NAME \"say \\\"hi\\\"\"", {"\"a\" \"b\" -name=two words \"say \\\"hi\\\"\""}},
+        {"-name=$NAME $UNSET back\\slash trailing\\", {"-name=two", "words", "back\\slash", "trailing\\"}}};
+    for (const auto& [text, arguments] : cases) {
+        Kym::Launcher().launchApplication(config, nullptr, application(probe.program().string(), text), nullptr);
+        EXPECT_EQ(probe.argumentsFor(arguments), probe.record().arguments) << text;
+    }
 }
 
 TEST(LauncherLaunch, UnderWindowsConventionsTheChildGetsNativeValuesAndStaleFilesGoOnlyAfterTheChecks) {
-    Scene scene(Platform::Windows);
     KymTest::TempDir temp;
+    Probe probe(KYM_PROBE);
+    Scene scene(Platform::Windows);
     KymTest::ScopedEnv tempVariable("TEMP", temp.path().string());
     KymTest::writeFile(temp / "old.jnl", "");
     KymTest::setAge(temp / "old.jnl", 3.5 * 86400);
     const Kym::Configuration config = scene.department("Design", propertiesWith("", true));
     const fs::path run = scene.site.root() / "run";
     fs::create_directories(run);
-    Probe probe;
-    const Kym::ConfigApplication app = application(probe.program.string(), "/dir=$KYM_DEPT_DIR");
+    const Kym::ConfigApplication app = application(probe.program().string(), "/dir=$KYM_DEPT_DIR");
     Kym::WorkDirectory directory;
     directory.name = "Run";
     directory.path = run.string();
@@ -96,7 +119,7 @@ TEST(LauncherLaunch, UnderWindowsConventionsTheChildGetsNativeValuesAndStaleFile
     Kym::Launcher().launchApplication(config, nullptr, app, &directory);
 
     const Probe::Record started = probe.record();
-    EXPECT_EQ((Lines{"/bin/sh", probe.program.string(), "/dir=" + Scene::native(config.path())}), started.arguments);
+    EXPECT_EQ(probe.argumentsFor({"/dir=" + Scene::native(config.path())}), started.arguments);
     EXPECT_EQ(run.string(), started.directory);
     EXPECT_EQ(expectedEnvironment(config, app, run.string() + "\\nx90_user.dpv"), started.environment);
     EXPECT_FALSE(fs::exists(temp / "old.jnl"));

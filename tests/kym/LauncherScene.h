@@ -1,6 +1,7 @@
 // A scene for the launcher's tests: a known process environment, a real site and departments on disk, conventions set.
 #pragma once
 
+#include "support/Processes.h"
 #include "support/Site.h"
 
 #include "kym/Configuration.h"
@@ -8,37 +9,15 @@
 
 #include "base/Platform.h"
 
-#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
-
-extern char** environ;
 
 namespace LauncherTest {
 
 namespace fs = boost::filesystem;
 using Environment = Kym::Launcher::EnvironmentMap;
 using Lines = std::vector<std::string>;
-
-// Replaces the whole process environment and puts the old one back when it goes.
-class ProcessEnvironment {
-public:
-    explicit ProcessEnvironment(const std::vector<std::pair<std::string, std::string>>& variables) {
-        for (char** entry = environ; entry && *entry; ++entry) mSaved.emplace_back(*entry);
-        ::clearenv();
-        for (const auto& [name, value] : variables) ::setenv(name.c_str(), value.c_str(), 1);
-    }
-    ~ProcessEnvironment() {
-        ::clearenv();
-        for (const std::string& entry : mSaved)
-            if (const auto equals = entry.find('='); equals != std::string::npos && equals > 0)
-                ::setenv(entry.substr(0, equals).c_str(), entry.substr(equals + 1).c_str(), 1);
-    }
-
-private:
-    std::vector<std::string> mSaved;
-};
 
 // The site's CAD install path; the registry is not asked.
 inline KymTest::SiteFile siteFile(const std::string& installPath,
@@ -50,11 +29,13 @@ inline KymTest::SiteFile siteFile(const std::string& installPath,
     return file;
 }
 
+// Folders a test needs are made before its scene: without TEMP and TMP a Windows host puts a new temporary
+// folder into the system's own folder.
 class Scene {
 public:
     // The process environment holds exactly these variables, and what the site adds (KYM_BASE_DIR, XDG_CONFIG_HOME).
     Scene(Base::Platform::Kind conventions, const std::vector<std::pair<std::string, std::string>>& process = {})
-        : mEnvironment(process) {
+        : mEnvironment(process, {"KYM_BASE_DIR", "XDG_CONFIG_HOME"}) {
         Base::Platform::setCurrent(conventions);
         site.writeReleaseNames();
     }
@@ -65,11 +46,10 @@ public:
     }
     static std::string native(const fs::path& p) { return Base::Platform::current().nativePath(p); }
 
-private:
-    ProcessEnvironment mEnvironment;  // first, so that the site's variables go in after it
-
-public:
     KymTest::Site site;
+
+private:
+    KymTest::ProcessEnvironment mEnvironment;  // after the site, which keeps its own variables
 };
 
 inline KymTest::DepartmentSettings settingsWith(const std::vector<Kym::EnvironmentVariable>& commonVariables) {

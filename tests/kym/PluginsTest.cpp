@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 using namespace KymTest;
 using Kym::PluginSettings;
 using Kym::PluginsManagement;
@@ -81,8 +83,8 @@ TEST(PluginSettings, AFailedSaveKeepsFileAndMarksAndASaveReadsBackButKeepsTheNee
     plugin.applications()->commonVariables(0)->insertRow(-1);
     plugin.commonVariables()->insertRow(-1);
     plugin.commonVariables()->setValueForListColumnRow("Name", 0, std::string("CAM_COMMON"));
-    EXPECT_EQ(thrownUnderFault(&Base::SystemCalls::setWriteFault, EDQUOT, [&] { plugin.save(); }),
-              "Cannot write settings file " + plugin.dataFile().string() + ": Disk quota exceeded");
+    EXPECT_EQ(thrownUnderFault(&Base::SystemCalls::setWriteFault, ENOSPC, [&] { plugin.save(); }),
+              "Cannot write settings file " + plugin.dataFile().string() + ": No space left on device");
     EXPECT_EQ(readFile(plugin.dataFile()), before);
     EXPECT_TRUE(plugin.commonVariables()->isEdited() && plugin.applications()->application(0).needsSaving());
 

@@ -1,5 +1,6 @@
 #include "kym/SiteSettings.h"
 
+#include "support/Processes.h"
 #include "support/Site.h"
 
 #include "base/BaseException.h"
@@ -32,6 +33,13 @@ SiteFile fullSite() {
     return site;
 }
 
+// The browser under Windows conventions, with PROGRAMFILES as SiteMerge sets it: a Windows host gives its
+// path in the short form when the browser is there.
+std::string windowsBrowser() {
+    const fs::path browser = "C:\\Program Files\\Internet Explorer\\iexplore.exe";
+    return fs::exists(browser) ? shortFormOnThisHost(browser) : browser.string();
+}
+
 class SiteMerge : public ::testing::Test {
 protected:
     SiteMerge() { Base::Platform::setCurrent(Base::Platform::Windows); }
@@ -54,7 +62,7 @@ TEST_F(SiteMerge, EachConventionsTakeTheirMembersReplacingInPlaceAndOnlyWindowsR
     EXPECT_EQ(merged(), (std::vector<std::string>{
                             "UGII_BASE_DIR=D:\\nx\\", "UGII_ROOT_DIR=D:\\nx\\\\ugii\\;extra", "TC_ROOT=C:\\tc",
                             "SDI_SERVER_CFG_BASE=P:\\plot",
-                            "UGII_HTML_BROWSER=C:\\Program Files\\Internet Explorer\\iexplore.exe",
+                            "UGII_HTML_BROWSER=" + windowsBrowser(),
                             "UGII_SDI_SERVER_CFG_DIR=P:\\plot/win", "UGII_UGDOC_BASE_DIR=${UGII_BASE_DIR}/ugdoc",
                             "SITE_COMMON=c", "SITE_WIN=w"}));
     EXPECT_EQ(asked, (std::vector<std::string>{"SOFTWARE\\Unigraphics Solutions\\NX\\4.0|UGII_BASE_DIR"}));
@@ -68,6 +76,15 @@ TEST_F(SiteMerge, EachConventionsTakeTheirMembersReplacingInPlaceAndOnlyWindowsR
                                         "SITE_COMMON=c", "SITE_UNIX=u"}));
     EXPECT_EQ(asked.size(), 1u);
     Base::Registry::setReader(nullptr);
+}
+
+TEST_F(SiteMerge, AnInstallPathTheRegistryDoesNotHoldIsLeftOut) {
+    site.writeSystemInfo({{"CadWindowsRegistryPath", "SOFTWARE\\Kym Tests\\No Such Key"}});
+    SiteFile file;
+    file.winNXInstallPath.value = "C:\\not read";
+    site.writeSiteSettings(file);
+    EXPECT_EQ(merged(), (std::vector<std::string>{"UGII_HTML_BROWSER=" + windowsBrowser(),
+                                                  "UGII_UGDOC_BASE_DIR=${UGII_BASE_DIR}/ugdoc"}));
 }
 
 TEST(SiteSettings, AFailedSaveKeepsTheOldFileAndTheMarksAndTheNextWritesTheFifteenKeysInOrder) {

@@ -5,7 +5,12 @@
 #include "base/SystemCalls.h"
 
 #include <gtest/gtest.h>
+
+#include <cerrno>
+
+#ifndef _WIN32
 #include <sys/stat.h>
+#endif
 
 using namespace KymTest;
 using Kym::SystemInfo;
@@ -24,6 +29,7 @@ TEST(SystemInformation, InvalidBaseDirThrowsAndTheNextCallRetries) {
     EXPECT_EQ(SystemInfo::installPath(), temp / "kym");
 }
 
+#ifndef _WIN32
 TEST(SystemInformation, UnreadableDataFileKeepsTheDefaults) {
     Site site;
     site.writeSystemInfo({{"KymVersionString", "7.1"}});
@@ -36,6 +42,7 @@ TEST(SystemInformation, UnreadableDataFileKeepsTheDefaults) {
               }),
               0);
 }
+#endif
 
 TEST(SystemInformation, FailedSaveKeepsTheFileAndTheChangedMark) {
     Site site;
@@ -82,6 +89,17 @@ TEST(LocalDepartments, NothingFoundThrowsOnEveryCallEvenAfterOneAppears) {
     EXPECT_EQ(thrownMessage([] { SystemInformation().localDepartmentsPath(); }), expected);
 }
 
+TEST(ApplicationData, IsTheNamedDirectoryInTheUsersFolderMadeAtFirstUse) {
+    Site site;
+    ASSERT_FALSE(fs::exists(site.userDataDirectory()));
+    EXPECT_EQ(SystemInformation().applicationDataPath(), site.userDataDirectory());
+    EXPECT_TRUE(fs::is_directory(site.userDataDirectory()));
+#ifndef _WIN32
+    EXPECT_EQ(fs::status(site.userDataDirectory()).permissions(), fs::perms(0775));
+#endif
+}
+
+#ifndef _WIN32
 TEST(ApplicationData, UnknownFolderThrowsOnceThenGivesTheEmptyPath) {
     Site site;
     ScopedEnv configHome("XDG_CONFIG_HOME", std::nullopt);
@@ -90,3 +108,4 @@ TEST(ApplicationData, UnknownFolderThrowsOnceThenGivesTheEmptyPath) {
               "ERROR: Problem getting user's application data folder.");
     EXPECT_EQ(SystemInformation().applicationDataPath(), fs::path());
 }
+#endif

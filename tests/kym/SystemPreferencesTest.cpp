@@ -38,7 +38,7 @@ class Preferences : public testing::Test {
 protected:
     // Brought into existence before any test records log lines.
     Preferences() { Kym::SystemInformation().applicationDataPath(); }
-    fs::path userDirectory() const { return site.applicationDataFolder() / "nxkym" / "preferences"; }
+    fs::path userDirectory() const { return site.userDataDirectory() / "preferences"; }
     fs::path departmentDirectory() const { return site.root() / "dept" / "nx4" / "preferences"; }
     Site site;
     ScopedEnv department{"KYM_DEPT_DIR", (site.root() / "dept").string()};

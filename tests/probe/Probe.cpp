@@ -1,9 +1,10 @@
 // A program that records how it was started, for tests of program starts:
 // beside its own executable it writes "arguments" (its argument vector as
 // the C runtime gave it), "environment" (its environment, in order),
-// "directory" (its working directory) and, on Windows, "commandline" (the
-// raw command line) and "handle" (whether the handle named by PROBE_HANDLE
-// is open in it), each item ending in a NUL byte; "done" comes last.
+// "directory" (its working directory), "process" (its process id) and, on
+// Windows, "commandline" (the raw command line) and "handle" (whether the
+// handle named by PROBE_HANDLE is open in it), each item ending in a NUL
+// byte; "done" comes last.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -66,6 +67,11 @@ int main(int argc, char** argv) {
     record("arguments", arguments);
     record("environment", environment);
     record("directory", {std::string(directory, directoryLength)});
+#ifdef _WIN32
+    record("process", {std::to_string(GetCurrentProcessId())});
+#else
+    record("process", {std::to_string(::getpid())});
+#endif
     record("done", {});
     return 0;
 }

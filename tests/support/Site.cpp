@@ -8,6 +8,7 @@
 #include "kym/SiteSettings.h"
 
 #include "base/Archiver.h"
+#include "base/FileManager.h"
 #include "base/PropertyList.h"
 
 #include <boost/regex.hpp>
@@ -79,6 +80,21 @@ Site::Site(Departments departments) : mInstallPath(mRoot / "kym") {
         "KYM_UGSITE_DIR",
         departments == Departments::Variable ? std::optional<std::string>(mDepartmentsPath.string()) : std::nullopt));
     mEnvironment.push_back(std::make_unique<ScopedEnv>("XDG_CONFIG_HOME", applicationDataFolder().string()));
+
+#ifdef _WIN32
+    // Each site its own, so that tests running side by side, and the user's own data, stay apart.
+    mUserDataDirectory = Base::FileManager::applicationDataFolder() / fs::unique_path("kymtest-%%%%-%%%%-%%%%");
+    writeSystemInfo({});
+#else
+    mUserDataDirectory = applicationDataFolder() / "nxkym";
+#endif
+}
+
+Site::~Site() {
+#ifdef _WIN32
+    boost::system::error_code ignored;
+    fs::remove_all(mUserDataDirectory, ignored);
+#endif
 }
 
 fs::path Site::siteSettingsFile(const std::string& suffix) const {
@@ -87,7 +103,16 @@ fs::path Site::siteSettingsFile(const std::string& suffix) const {
 
 void Site::writeSystemInfo(const std::vector<std::pair<std::string, std::string>>& values) const {
     Base::Archiver archive(systemInfoFile());
-    for (const auto& value : values) archive.encode(value.first, value.second);
+    bool userDataNamed = false;
+    for (const auto& value : values) {
+        archive.encode(value.first, value.second);
+        userDataNamed = userDataNamed || value.first == "KymApplicationDataDirectoryName";
+    }
+#ifdef _WIN32
+    if (!userDataNamed) archive.encode("KymApplicationDataDirectoryName", mUserDataDirectory.filename().string());
+#else
+    (void)userDataNamed;
+#endif
     archive.finishEncoding();
 }
 

@@ -93,6 +93,7 @@ public:
     // sets KYM_BASE_DIR and XDG_CONFIG_HOME and sets or unsets KYM_UGSITE_DIR.
     // Everything is restored and removed when the Site goes.
     explicit Site(Departments departments = Departments::Sibling);
+    ~Site();
     Site(const Site&) = delete;
     Site& operator=(const Site&) = delete;
 
@@ -103,13 +104,18 @@ public:
     fs::path configPath() const { return mInstallPath / "config"; }
     fs::path pluginsPath() const { return mInstallPath / "plugins"; }
     fs::path dataInstallPath() const { return mInstallPath / "data" / "install"; }
+    // What XDG_CONFIG_HOME names: the user's application data folder of a POSIX host.
     fs::path applicationDataFolder() const { return root() / "appdata"; }
+    // Where the library keeps the user's own data: in that folder on POSIX; on Windows, whose application data
+    // folder is the shell's and cannot be moved, in a directory of this site's own there, named in sysinfo.dat.
+    const fs::path& userDataDirectory() const { return mUserDataDirectory; }
 
     fs::path systemInfoFile() const { return configPath() / "sysinfo.dat"; }
     fs::path baseSettingsFile() const { return configPath() / "baseSettings.dat"; }
     fs::path siteSettingsFile(const std::string& suffix = "Nx4") const;
 
-    // sysinfo.dat holding these keys (member names) and values, in this order.
+    // sysinfo.dat holding these keys (member names) and values, in this order; on Windows also the name of
+    // the user data directory, unless given.
     void writeSystemInfo(const std::vector<std::pair<std::string, std::string>>& values) const;
     void writeBaseSettings(const Layer& layer) const;
     // The site settings file in the departments directory.
@@ -125,7 +131,7 @@ public:
 
     // The installation's version-files archive.
     fs::path versionFilesArchive() const { return dataInstallPath() / "versionFiles.tar.gz"; }
-    // Makes it with tar from these files (relative path, content).
+    // Makes it from these files (relative path, content).
     void writeVersionFiles(const std::vector<std::pair<std::string, std::string>>& files) const;
 
     // A department directory with its .dirinfo.plist; returns the directory.
@@ -141,6 +147,7 @@ private:
     TempDir mRoot;
     fs::path mInstallPath;
     fs::path mDepartmentsPath;
+    fs::path mUserDataDirectory;
     std::vector<std::unique_ptr<ScopedEnv>> mEnvironment;
 };
 

@@ -18,6 +18,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <stdlib.h>
+#include <windows.h>
 #else
 #include <cerrno>
 #include <csignal>
@@ -26,6 +27,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
 #endif
 
 namespace KymTest {
@@ -176,10 +178,20 @@ void makeTarGz(const fs::path& archive, const fs::path& contentDirectory) {
     if (archive_write_close(writer.get()) != ARCHIVE_OK) fail(writer.get());
 }
 
+fs::path ownProgram() {
+    char path[MAX_PATH];
+    const DWORD length = GetModuleFileNameA(nullptr, path, sizeof(path));
+    return fs::path(std::string(path, length));
+}
+
 // Windows leaves no zombies: nothing to reap.
 bool reapOrphansOfTheTests() { return true; }
 
 #else
+
+fs::path ownProgram() {
+    return fs::read_symlink("/proc/self/exe");
+}
 
 int runAsNobody(const std::function<int()>& function) {
     pid_t child = ::fork();

@@ -57,6 +57,9 @@ std::vector<std::string> splitAtNul(const std::string& text);
 // Waits up to ten seconds for the file a started program writes last; whether it is there.
 bool waitForFile(const fs::path& file);
 
+// This test program's own executable.
+fs::path ownProgram();
+
 // The what() of the exception of that type the action throws, or "(nothing thrown)"; others go through.
 template <class Exception = std::exception>
 std::string thrownMessage(const std::function<void()>& action) {

@@ -5,15 +5,19 @@
 #include "kym/Configuration.h"
 #include "kym/ConfigurationSettings.h"
 
+#include "support/Processes.h"
 #include "support/Site.h"
+
+#include "base/FileManager.h"
+#include "base/Platform.h"
 
 #include <gtest/gtest.h>
 
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/replace.hpp>
 #include <chrono>
-#include <cstdlib>
-#include <sys/wait.h>
+#include <memory>
+#include <set>
 #include <thread>
 
 namespace {
@@ -22,18 +26,14 @@ using namespace KymTest;
 
 const bool orphansReaped = KymTest::reapOrphansOfTheTests();
 
-struct Outcome { int status; std::string out, err; };
-
 // Runs kym with the test's environment; standard input is empty, not a terminal.
-Outcome kym(const std::vector<std::string>& arguments) {
-    TempDir capture;
-    std::string line = "'" + std::string(KYM_BINARY_DIR) + "/tools/kym'";
-    for (const std::string& argument : arguments) line += " '" + boost::replace_all_copy(argument, "'", "'\\''") + "'";
-    line += " </dev/null >'" + (capture / "out").string() + "' 2>'" + (capture / "err").string() + "'";
-    const int status = std::system(line.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(capture / "out"),
-            readFile(capture / "err")};
-}
+Outcome kym(const std::vector<std::string>& arguments) { return runProgram(KYM_COMMAND, arguments); }
+
+// The lines as kym prints them on this host.
+std::string text(const std::string& lines) { return printedText(lines); }
+
+// A path as kym writes it: in the native form of this host's conventions.
+std::string native(const fs::path& path) { return Base::Platform::current().nativePath(path); }
 
 // What kym printed on its one expected stream and nothing on the other; otherwise everything it did.
 std::string printed(int expected, const std::vector<std::string>& arguments) {
@@ -53,26 +53,21 @@ void ok(const std::vector<std::vector<std::string>>& commands) {
     }
 }
 
-// A program that writes how it was started: its arguments (each in brackets),
-// its working directory and the variables the launch sets.
-fs::path writeProbe(const fs::path& directory) {
-    return writeExecutable(directory / "probe.sh",
-                           "#!/bin/sh\n"
-                           "out='" + directory.string() + "'\n"
-                           "{ printf '[%s]' \"$0\" \"$@\"; echo; pwd -P\n"
-                           "  for v in PROBE_VAR KYM_DEPT_DIR KYM_COMMONDEPT_DIR UGII_LOCAL_USER_DEFAULTS; do\n"
-                           "    echo \"$v=$(printenv $v)\"; done; } > \"$out/record.part\"\n"
-                           "/bin/mv \"$out/record.part\" \"$out/record\"\n");
-}
-
-// The probe runs on after kym has returned; it is waited for here, not timed.
-std::string readProbe(const fs::path& directory) {
-    return waitForFile(directory / "record") ? readFile(directory / "record") : "the probe did not run";
-}
+// The launch conventions kym follows on this host, and the site setting that names their external plugins.
+struct HostConventions {
+    Base::Platform::Kind kind;
+    std::string externalPluginsSetting;
+};
+#ifdef _WIN32
+const HostConventions host{Base::Platform::Windows, "windows-external-plugins"};
+#else
+const HostConventions host{Base::Platform::Posix, "unix-external-plugins"};
+#endif
 
 class KymCommand : public ::testing::Test {
 protected:
     KymCommand() {
+        Base::Platform::setCurrent(host.kind);
         site.writeReleaseNames();
         site.writeVersionFiles({{"config/readme", "release files\n"}});
         fs::create_directories(home);
@@ -91,54 +86,60 @@ protected:
     ScopedEnv homeVariable{"HOME", home.string()};
     ScopedEnv unset[4]{{"KYM_DEPT_DIR", std::nullopt}, {"KYM_LOG", std::nullopt}, {"KYM_LOG_FILE", std::nullopt},
                        {"KYM_PLATFORM", std::nullopt}};
+#ifdef _WIN32
+    // There the cache folder is the user's own and cannot be moved: only the test of the cache uses it.
+    ScopedEnv noCache{"KYM_CACHE", std::string("off")};
+#endif
 };
 
 TEST_F(KymCommand, WrongCommandLinesShowTheUsageWithStatusTwo) {
     ASSERT_TRUE(orphansReaped);
-    EXPECT_EQ(printed(2, {}), "kym: no command given.\nUsage: kym [OPTIONS] [SUBCOMMAND]\nRun 'kym --help' for more.\n");
+    EXPECT_EQ(printed(2, {}),
+              text("kym: no command given.\nUsage: kym [OPTIONS] [SUBCOMMAND]\nRun 'kym --help' for more.\n"));
     EXPECT_EQ(printed(2, {"var", "list", "elsewhere"}),
-              "kym: Unknown layer 'elsewhere': LAYER is one of: site, base, plugin:NAME, dept:NAME (a department).\n"
-              "Usage: kym var list [OPTIONS] LAYER\nRun 'kym help var list' for more.\n");
+              text("kym: Unknown layer 'elsewhere': LAYER is one of: site, base, plugin:NAME, dept:NAME "
+                   "(a department).\nUsage: kym var list [OPTIONS] LAYER\nRun 'kym help var list' for more.\n"));
 }
 
 TEST_F(KymCommand, VariablesAreSetReplacedAndUnsetWhereTheLibraryReadsThem) {
     ok({{"var", "set", "base", "SCRATCH", "x"}});
     EXPECT_EQ(out({"var", "set", "base", "UGII_LANG", "english"}),
-              "Set UGII_LANG=english in the common list of the base settings.\n");
+              text("Set UGII_LANG=english in the common list of the base settings.\n"));
     EXPECT_EQ(out({"var", "set", "base", "UGII_LANG", "german", "--comment", "for design"}),
-              "Replaced UGII_LANG=german in the common list of the base settings.\n");
-    EXPECT_EQ(out({"var", "unset", "base", "SCRATCH"}), "Removed SCRATCH from the common list of the base settings.\n");
+              text("Replaced UGII_LANG=german in the common list of the base settings.\n"));
+    EXPECT_EQ(out({"var", "unset", "base", "SCRATCH"}),
+              text("Removed SCRATCH from the common list of the base settings.\n"));
     const std::string saved = readFile(site.baseSettingsFile());
     EXPECT_EQ(failure({"var", "set", "base", "UGII_LANG", "a{b"}),
-              "kym: Invalid value 'a{b' for variable 'UGII_LANG': a value holds its '%' signs in pairs "
-              "and closes every '{' with a '}'.\n");
+              text("kym: Invalid value 'a{b' for variable 'UGII_LANG': a value holds its '%' signs in pairs "
+                   "and closes every '{' with a '}'.\n"));
     EXPECT_EQ(readFile(site.baseSettingsFile()), saved);
     EXPECT_EQ(variableTexts(Kym::BaseInformation().commonVariableList()), std::vector<std::string>{"UGII_LANG=german"});
 }
 
 TEST_F(KymCommand, DepartmentsAreCreatedRenamedAndDeletedWithTheirDependents) {
     EXPECT_EQ(out({"dept", "create", "Shared", "--type", "Common", "--description", "Shared settings"}),
-              "Created department Shared in " + department("Shared").string() + ".\n");
+              text("Created department Shared in " + native(department("Shared")) + ".\n"));
     ok({{"dept", "create", "Design", "--description", "Design office", "--common", "Shared", "--cleanup", "off"}});
 
-    EXPECT_EQ(out({"dept", "rename", "Shared", "Common"}), "Renamed department Shared to Common.\n"
-                                                           "Now naming Common as their common department: Design.\n");
+    EXPECT_EQ(out({"dept", "rename", "Shared", "Common"}),
+              text("Renamed department Shared to Common.\nNow naming Common as their common department: Design.\n"));
     const Kym::Configuration design(department("Design"), true);
     EXPECT_EQ(design.commonDepartment, "Common");
     EXPECT_FALSE(design.doFileCleanup);
-    EXPECT_EQ(failure({"dept", "delete", "Common"}), "kym: Deleting department 'Common' removes all its releases; "
-                                                     "without a terminal to ask on, confirm with --yes.\n");
+    EXPECT_EQ(failure({"dept", "delete", "Common"}), text("kym: Deleting department 'Common' removes all its releases; "
+                                                          "without a terminal to ask on, confirm with --yes.\n"));
     EXPECT_TRUE(fs::exists(department("Common")));
     EXPECT_EQ(out({"dept", "delete", "Common", "--yes"}),
-              "Deleted department Common.\n"
-              "Warning: these departments still name Common as their common department: Design.\n");
+              text("Deleted department Common.\n"
+                   "Warning: these departments still name Common as their common department: Design.\n"));
     EXPECT_FALSE(fs::exists(department("Common")));
 }
 
 TEST_F(KymCommand, AFailedCreationLeavesNoDepartmentBehind) {
     fs::remove(site.versionFilesArchive());
     EXPECT_EQ(failure({"dept", "create", "Design"}),
-              "kym: Data file " + site.versionFilesArchive().string() + " was not found.\n");
+              text("kym: Data file " + native(site.versionFilesArchive()) + " was not found.\n"));
     EXPECT_TRUE(fs::is_empty(site.departmentsPath()));
 }
 
@@ -149,19 +150,22 @@ TEST_F(KymCommand, AppsMergeEveryLayerWithOverlaysAndAnApplicationOfferedTwiceNe
         {"app", "add", "plugin:cam", "mill", "--description", "Milling", "--category", "CAM"},
         {"app", "add", "dept:Design", "own", "--description", "Design tool", "--category", "CAD"}});
     EXPECT_EQ(out({"overlay", "set", "Design", "cam Plugin", "mill", "--category", "CAD"}),
-              "Added the overlay of application mill of 'cam Plugin' in department Design.\n");
+              text("Added the overlay of application mill of 'cam Plugin' in department Design.\n"));
 
-    EXPECT_EQ(out({"apps", "Design"}), "Department Design (Design office)\n"
-                                       "CAD\n"
-                                       "  own   Design tool  [Design]\n"
-                                       "  mill  Milling      [cam Plugin]\n"
-                                       "  nx    NX           [Base KYM]\n");
+    EXPECT_EQ(out({"apps", "Design"}), text("Department Design (Design office)\n"
+                                            "CAD\n"
+                                            "  own   Design tool  [Design]\n"
+                                            "  mill  Milling      [cam Plugin]\n"
+                                            "  nx    NX           [Base KYM]\n"));
 
-    ok({{"plugin", "create", "milling"}, {"app", "add", "plugin:milling", "mill", "--program", "/bin/echo", "--arguments", "-n"}});
+    // Executable by its mode on POSIX, by its extension on Windows.
+    const fs::path program = writeExecutable(site.root() / "bin" / "mill.exe", "#!/bin/sh\n");
+    ok({{"plugin", "create", "milling"},
+        {"app", "add", "plugin:milling", "mill", "--program", program.string(), "--arguments", "-n"}});
     EXPECT_EQ(failure({"command", "Design", "mill"}),
-              "kym: Application 'mill' is ambiguous in department 'Design': it is offered by "
-              "'milling Plugin' and 'cam Plugin'. Choose one with --from NAME.\n");
-    EXPECT_EQ(out({"command", "Design", "mill", "--from", "milling Plugin"}), "/bin/echo -n\n");
+              text("kym: Application 'mill' is ambiguous in department 'Design': it is offered by "
+                   "'milling Plugin' and 'cam Plugin'. Choose one with --from NAME.\n"));
+    EXPECT_EQ(out({"command", "Design", "mill", "--from", "milling Plugin"}), text(native(program) + " -n\n"));
 }
 
 TEST_F(KymCommand, EnvAppliesTheListsOfTheChosenConventionsAndExplainsEveryLayerThatSetAVariable) {
@@ -175,33 +179,52 @@ TEST_F(KymCommand, EnvAppliesTheListsOfTheChosenConventionsAndExplainsEveryLayer
         {"var", "set", "dept:Shared", "UGII_LANG", "${UGII_LANG}_shared"},
         {"var", "set", "base", "UGII_LANG", "${UGII_LANG}_nx", "--app", "nx"}});
     const std::string explained = out({"env", "Design", "nx", "--explain"});
-    EXPECT_TRUE(boost::contains(explained, "\nUGII_LANG=site_cam_shared_nx\n"
-                                           "    site               site\n"
-                                           "    plugin cam         site_cam\n"
-                                           "    common department  site_cam_shared\n"
-                                           "    application        site_cam_shared_nx\n"))
+    EXPECT_TRUE(boost::contains(explained, text("\nUGII_LANG=site_cam_shared_nx\n"
+                                                "    site               site\n"
+                                                "    plugin cam         site_cam\n"
+                                                "    common department  site_cam_shared\n"
+                                                "    application        site_cam_shared_nx\n")))
         << explained;
     ScopedEnv windows("KYM_PLATFORM", std::string("windows"));
-    EXPECT_TRUE(boost::contains(out({"env", "Design", "nx"}), "\nCAD_HOME=C:\\cad\n"));
-    EXPECT_TRUE(boost::contains(out({"--platform", "posix", "env", "Design", "nx"}), "\nCAD_HOME=/opt/cad\n"));
+    EXPECT_TRUE(boost::contains(out({"env", "Design", "nx"}), text("\nCAD_HOME=C:\\cad\n")));
+    EXPECT_TRUE(boost::contains(out({"--platform", "posix", "env", "Design", "nx"}), text("\nCAD_HOME=/opt/cad\n")));
 }
 
 TEST_F(KymCommand, SettledSettingsAreReadFromTheirKeptTablesAndAnEditIsSeenAtOnce) {
-    ScopedEnv cacheHome("XDG_CACHE_HOME", std::nullopt);
+    ScopedEnv cacheHome("XDG_CACHE_HOME", std::nullopt), cacheOn("KYM_CACHE", std::nullopt);
+#ifdef _WIN32
+    const fs::path cache = Base::FileManager::userCacheFolder() / "kym";
+    // The user's own cache folder: the tables this test makes go again, the others stay.
+    const auto tables = [&cache] {
+        boost::system::error_code none;
+        std::set<fs::path> found;
+        for (fs::directory_iterator entry(cache, none), end; !none && entry != end; ++entry)
+            found.insert(entry->path());
+        return found;
+    };
+    const std::set<fs::path> before = tables();
+    const std::shared_ptr<void> removeOwnTables(nullptr, [&](void*) {
+        boost::system::error_code none;
+        for (const fs::path& table : tables())
+            if (!before.count(table)) fs::remove(table, none);
+    });
+#else
+    const fs::path cache = home / ".cache" / "kym";
+#endif
     makeDepartments();
     ok({{"app", "add", "dept:Design", "nx", "--program", "/bin/true", "--no-libraries"},
         {"var", "set", "base", "UGII_LANG", "english"}});
     // Only files that have not changed for a moment are kept.
     std::this_thread::sleep_for(std::chrono::milliseconds(2100));
     const std::string first = out({"env", "Design", "nx"});
-    EXPECT_TRUE(boost::contains(first, "\nUGII_LANG=english\n")) << first;
-    EXPECT_FALSE(fs::is_empty(home / ".cache" / "kym"));
+    EXPECT_TRUE(boost::contains(first, text("\nUGII_LANG=english\n"))) << first;
+    EXPECT_FALSE(fs::is_empty(cache));
     const Outcome again = kym({"-vv", "env", "Design", "nx"});
     EXPECT_EQ(again.out, first);
-    EXPECT_TRUE(boost::contains(again.err, "baseSettings.dat as kept in")) << again.err;
+    EXPECT_TRUE(boost::contains(again.err, "baseSettings.dat as kept in " + native(cache))) << again.err;
 
     ok({{"var", "set", "base", "UGII_LANG", "german"}});
-    EXPECT_TRUE(boost::contains(out({"env", "Design", "nx"}), "\nUGII_LANG=german\n"));
+    EXPECT_TRUE(boost::contains(out({"env", "Design", "nx"}), text("\nUGII_LANG=german\n")));
     ScopedEnv off("KYM_CACHE", std::string("off"));
     EXPECT_FALSE(boost::contains(kym({"-vv", "env", "Design", "nx"}).err, "as kept in"));
 }
@@ -209,22 +232,26 @@ TEST_F(KymCommand, SettledSettingsAreReadFromTheirKeptTablesAndAnEditIsSeenAtOnc
 TEST_F(KymCommand, LaunchStartsTheProgramWithTheAssembledEnvironmentAndRemembersTheDepartment) {
     ASSERT_TRUE(orphansReaped);
     makeDepartments();
-    EXPECT_EQ(failure({"apps"}), "kym: No department given and none used before: name one, for example "
-                                 "'kym apps DEPT' ('kym departments' lists them).\n");
-    TempDir probeDirectory;
-    const fs::path probe = writeProbe(probeDirectory.path());
-    ok({{"app", "add", "dept:Design", "probe", "--program", probe.string(), "--arguments", "one ${PROBE_VAR}",
-         "--no-libraries"},
+    EXPECT_EQ(failure({"apps"}), text("kym: No department given and none used before: name one, for example "
+                                      "'kym apps DEPT' ('kym departments' lists them).\n"));
+    const Probe probe(KYM_PROBE);
+    ok({{"app", "add", "dept:Design", "probe", "--program", probe.program().string(), "--arguments",
+         "one \"two words\" ${PROBE_VAR}", "--no-libraries"},
         {"var", "set", "dept:Shared", "PROBE_VAR", "shared"},
         {"workdir", "add", "Design", "projects", "${HOME}"}});
 
-    EXPECT_EQ(out({"launch", "Design", "probe", "--workdir", "projects"}), "Started probe from department Design.\n");
-    EXPECT_EQ(readProbe(probeDirectory.path()),
-              "[" + probe.string() + "][one][shared]\n" + fs::canonical(home).string() +
-                  "\nPROBE_VAR=shared\nKYM_DEPT_DIR=" + department("Design").string() + "\nKYM_COMMONDEPT_DIR=" +
-                  department("Shared").string() + "\nUGII_LOCAL_USER_DEFAULTS=" + (home / "nx90_user.dpv").string() + "\n");
+    EXPECT_EQ(out({"launch", "Design", "probe", "--workdir", "projects"}),
+              text("Started probe from department Design.\n"));
+    const Probe::Record started = probe.record();
+    EXPECT_EQ(started.arguments, probe.argumentsFor({"one", "\"two words\"", "shared"}));
+    EXPECT_EQ(started.directory, home.string());
+    using Texts = std::vector<std::string>;
+    EXPECT_EQ((Texts{started.value("PROBE_VAR"), started.value("KYM_DEPT_DIR"), started.value("KYM_COMMONDEPT_DIR"),
+                     started.value("UGII_LOCAL_USER_DEFAULTS")}),
+              (Texts{"shared", native(department("Design")), native(department("Shared")),
+                     native(home / "nx90_user.dpv")}));
 
-    EXPECT_TRUE(boost::starts_with(out({"apps"}), "Department Design (Design office)\n"));
+    EXPECT_TRUE(boost::starts_with(out({"apps"}), text("Department Design (Design office)\n")));
 }
 
 TEST_F(KymCommand, PluginsAreCreatedAndSwitchedPerDepartment) {
@@ -232,20 +259,20 @@ TEST_F(KymCommand, PluginsAreCreatedAndSwitchedPerDepartment) {
     const fs::path external = site.root() / "external";
     fs::create_directories(external);
     ok({{"plugin", "create", "cam", "--type", "Production"}, {"plugin", "create", "pdm"},
-        {"site", "set", "unix-external-plugins", external.string()}});
+        {"site", "set", host.externalPluginsSetting, external.string()}});
     EXPECT_EQ(out({"plugin", "create", "extra", "--external"}),
-              "Created external plugin extra (Site-wide) in " + (external / "extra").string() + ".\n");
+              text("Created external plugin extra (Site-wide) in " + native(external / "extra") + ".\n"));
 
     ok({{"plugin", "disable", "Design", "cam"}, {"plugin", "disable", "Design", "pdm"},
         {"plugin", "disable", "Design", "extra"}});
-    EXPECT_EQ(out({"plugin", "enable", "Design", "cam"}), "Enabled plugin cam in department Design.\n");
+    EXPECT_EQ(out({"plugin", "enable", "Design", "cam"}), text("Enabled plugin cam in department Design.\n"));
 
     EXPECT_EQ(Kym::Configuration(department("Design"), true).settings()->disabledPluginList(),
               (std::vector<std::string>{"pdm", "extra"}));
 }
 
 TEST_F(KymCommand, DoctorReportsEveryProblemWithTheFileAtFault) {
-    EXPECT_EQ(out({"doctor"}), "No problems found.\n");
+    EXPECT_EQ(out({"doctor"}), text("No problems found.\n"));
 
     Layer base{{{"UGII_LANG", "a{b"}}, {}, {}, {makeApplication("ghost", "/nowhere/ghost")}};
     base.applications.back().addUGLibsToPath = false;
@@ -255,30 +282,33 @@ TEST_F(KymCommand, DoctorReportsEveryProblemWithTheFileAtFault) {
 
     Outcome doctor = kym({"doctor"});
     EXPECT_EQ(doctor.status, 1);
-    const std::string baseFile = site.baseSettingsFile().string();
+    const std::string baseFile = native(site.baseSettingsFile());
     EXPECT_EQ(doctor.out,
-              baseFile + ": Invalid value 'a{b' for variable 'UGII_LANG' in the common list of the base "
-                             "settings: a value holds its '%' signs in pairs and closes every '{' with a '}'.\n" +
-                  (department("Design") / ".dirinfo.plist").string() +
-                  ": The common department 'Gone' of department Design does not exist.\n" + baseFile +
-                  ": application ghost (Base KYM) in department Design: Program /nowhere/ghost is not found.\n"
-                  "  Original string = /nowhere/ghost\n  Maybe a environment variable is set wrong.\n" +
-                  department("Old").string() + ": Department Old is not updated for release nx4 ('kym dept update "
-                                              "Old' makes " + (department("Old") / "nx4").string() + ").\n"
-                  "4 problems found.\n");
+              text(baseFile + ": Invalid value 'a{b' for variable 'UGII_LANG' in the common list of the base "
+                              "settings: a value holds its '%' signs in pairs and closes every '{' with a '}'.\n" +
+                   native(department("Design") / ".dirinfo.plist") +
+                   ": The common department 'Gone' of department Design does not exist.\n" + baseFile +
+                   ": application ghost (Base KYM) in department Design: Program " + native("/nowhere/ghost") +
+                   " is not found.\n  Original string = /nowhere/ghost\n"
+                   "  Maybe a environment variable is set wrong.\n" +
+                   native(department("Old")) + ": Department Old is not updated for release nx4 ('kym dept update "
+                                               "Old' makes " + native(department("Old") / "nx4") + ").\n"
+                   "4 problems found.\n"));
 }
 
 TEST_F(KymCommand, JsonIsStableAndVerboseLogsGoToStandardError) {
     ASSERT_EQ(kym({"var", "set", "site", "TC_DATA", "/data/tc", "--comment", "tc \"data\""}).status, 0);
     Outcome json = kym({"var", "list", "site", "--json"});
-    EXPECT_EQ(json.out, "{\n  \"layer\": \"site\",\n  \"file\": \"" + site.siteSettingsFile().string() + "\",\n"
-                        "  \"variables\": {\n    \"common\": [\n      {\n        \"name\": \"TC_DATA\",\n"
-                        "        \"value\": \"/data/tc\",\n        \"comment\": \"tc \\\"data\\\"\"\n      }\n"
-                        "    ],\n    \"unix\": [],\n    \"windows\": []\n  }\n}\n");
+    const std::string file = boost::replace_all_copy(native(site.siteSettingsFile()), "\\", "\\\\");
+    EXPECT_EQ(json.out, text("{\n  \"layer\": \"site\",\n  \"file\": \"" + file + "\",\n"
+                             "  \"variables\": {\n    \"common\": [\n      {\n        \"name\": \"TC_DATA\",\n"
+                             "        \"value\": \"/data/tc\",\n        \"comment\": \"tc \\\"data\\\"\"\n      }\n"
+                             "    ],\n    \"unix\": [],\n    \"windows\": []\n  }\n}\n"));
     EXPECT_EQ(json.err, "");
 
     EXPECT_TRUE(boost::contains(kym({"-v", "sysinfo", "show"}).err,
-                                "[kym.info] Loading system information: " + site.systemInfoFile().string() + "\n"));
+                                text("[kym.info] Loading system information: " + native(site.systemInfoFile()) +
+                                     "\n")));
 }
 
 } // namespace

@@ -3,15 +3,20 @@
 # makes the zip, which is unpacked into a folder with a blank in its name;
 # its kym.exe, run under Wine, shows its help, makes the demo site with its
 # own configure commands (demo/make-site.sh), lists the departments and
-# launches a Windows program installed under "C:\Program Files".
+# launches a Windows program installed under "C:\Program Files", all in a
+# fresh Wine prefix.
 #   PackageRunsFromZip.sh BUILD-DIR PROBE-EXE
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
 build_dir="$1"
 probe="$2"
 work="$(mktemp -d "${TMPDIR:-/tmp}/kym-package-check.XXXXXX")"
-cad="${WINEPREFIX:-$HOME/.wine}/drive_c/Program Files/UGS/NX 4.0"
-trap 'rm -rf "$work" "$cad"' EXIT
+# A Windows of its own, with nothing installed but what Wine brings; its
+# services start here, away from the pipes of whoever runs this check.
+export WINEPREFIX="$work/wine-prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+trap 'wineserver -k >/dev/null 2>&1 || true; rm -rf "$work"' EXIT
+wineboot -i </dev/null >/dev/null 2>&1
+cad="$WINEPREFIX/drive_c/Program Files/UGS/NX 4.0"
 fail() { echo "package check: $*" >&2; exit 1; }
 
 zip="$(bash "$root/scripts/package-windows.sh" "$build_dir" | tail -n 1)"

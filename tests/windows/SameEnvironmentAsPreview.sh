@@ -2,7 +2,8 @@
 # kym.exe under Wine and the Linux kym previewing the windows conventions
 # (--platform windows) read the same demo site with the same process
 # environment (the one Wine gives a Windows program) and must print the same
-# environment for an application. Only the web browser differs, by design of
+# environment for an application (kept tables stay off, so the prefix keeps
+# nothing of it). Only the web browser differs, by design of
 # the host services: its short (8.3) form and the case-blind lookup of
 # PROGRAMFILES exist on Windows alone.
 #   SameEnvironmentAsPreview.sh LINUX-KYM KYM-EXE
@@ -16,7 +17,7 @@ trap 'rm -rf "$work"' EXIT
 KYM="$linux_kym" bash "$root/demo/make-site.sh" "$work/site" >/dev/null
 site="$work/site"
 unix_environment=(HOME="$site/home" KYM_BASE_DIR="$site/kym" KYM_UGSITE_DIR="$site/ugsite"
-  XDG_CONFIG_HOME="$site/home/.config" PATH=/usr/bin:/bin
+  XDG_CONFIG_HOME="$site/home/.config" PATH=/usr/bin:/bin KYM_CACHE=off
   WINEPREFIX="${WINEPREFIX:-$HOME/.wine}" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=")
 # The environment a Windows program sees; the command interpreter adds PROMPT.
 mapfile -t windows_environment < <(env -i "${unix_environment[@]}" wine cmd /c set | tr -d '\r' | grep -v '^PROMPT=')
