@@ -11,7 +11,7 @@ packages=(build-essential cmake pkg-config
   tar gzip util-linux hyperfine)
 if [ "${1:-}" = "--windows" ]; then
   packages+=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64
-    googletest dpkg-dev bison xz-utils)
+    googletest dpkg-dev bison xz-utils ninja-build)
 fi
 missing=()
 for p in "${packages[@]}"; do

@@ -5,8 +5,10 @@
 # needs (scripts/install-deps.sh --windows) and builds the Windows libraries
 # once (scripts/windows-deps.sh).
 #
-# KYM_WINDOWS_BUILD_DIR moves the build directory; KYM_WINDOWS_DEPS_DIR the
-# folder of the Windows libraries.
+# It also compares kym.exe with the Linux kym's preview of the windows
+# conventions; that kym comes from the Linux build (built when missing).
+# KYM_WINDOWS_BUILD_DIR moves the build directory, KYM_BUILD_DIR the Linux
+# one; KYM_WINDOWS_DEPS_DIR the folder of the Windows libraries.
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"

@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
 # The test command. Installs missing packages, then configures, builds and
-# runs the whole test suite twice, with warnings as errors:
-#   build/       the normal build
-#   build-asan/  AddressSanitizer + UBSan, with LeakSanitizer on
+# runs the whole test suite three times, with warnings as errors:
+#   build/          the normal build
+#   build-asan/     AddressSanitizer + UBSan, with LeakSanitizer on
+#   build-windows/  64-bit Windows, cross-built with mingw-w64 and run under
+#                   Wine (scripts/test-windows.sh)
 # and finally runs each fuzz target briefly (scripts/fuzz.sh) when clang is
 # there. Exits non-zero on any failure; ends with a summary of every phase.
 #
-# KYM_BUILD_DIR, KYM_ASAN_BUILD_DIR and KYM_FUZZ_BUILD_DIR move the build
-# directories; KYM_FUZZ_SECONDS sets the fuzzing time per target (default 15).
+# KYM_BUILD_DIR, KYM_ASAN_BUILD_DIR, KYM_WINDOWS_BUILD_DIR and
+# KYM_FUZZ_BUILD_DIR move the build directories; KYM_FUZZ_SECONDS sets the
+# fuzzing time per target (default 15).
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -15,6 +18,7 @@ cd "$root"
 jobs="$(nproc)"
 build_dir="${KYM_BUILD_DIR:-$root/build}"
 asan_dir="${KYM_ASAN_BUILD_DIR:-$root/build-asan}"
+export KYM_WINDOWS_BUILD_DIR="${KYM_WINDOWS_BUILD_DIR:-$root/build-windows}"
 export KYM_FUZZ_BUILD_DIR="${KYM_FUZZ_BUILD_DIR:-$root/build-fuzz}"
 fuzz_seconds="${KYM_FUZZ_SECONDS:-15}"
 
@@ -70,6 +74,12 @@ build_and_test() {
     result="FAILED"
     status=1
   fi
+  count_tests "ctest ($name)" "$log" "$result" "$start"
+}
+
+# count_tests PHASE LOG RESULT START: notes the phase with ctest's summary line in LOG, adds it to the totals.
+count_tests() {
+  local phase="$1" log="$2" result="$3" start="$4"
   local line
   line="$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1 || true)"
   if [[ "$line" =~ ([0-9]+)\ tests?\ failed\ out\ of\ ([0-9]+) ]]; then
@@ -79,12 +89,23 @@ build_and_test() {
     line="no ctest summary"
     status=1
   fi
-  note "ctest ($name)" $((SECONDS - start)) "$result: $line"
+  note "$phase" $((SECONDS - start)) "$result: $line"
 }
 
 build_and_test normal "$build_dir" -DKYM_WERROR=ON
 build_and_test asan "$asan_dir" -DKYM_SANITIZE=ON -DKYM_WERROR=ON \
   -DCMAKE_BUILD_TYPE=Debug -DKYM_BUILD_BENCH=OFF
+
+start=$SECONDS
+echo "=== [windows] build and test under Wine (scripts/test-windows.sh)"
+mkdir -p "$KYM_WINDOWS_BUILD_DIR"
+windows_log="$KYM_WINDOWS_BUILD_DIR/test-windows.log"
+windows_result="ok"
+if ! KYM_BUILD_DIR="$build_dir" bash scripts/test-windows.sh 2>&1 | tee "$windows_log"; then
+  windows_result="FAILED"
+  status=1
+fi
+count_tests "windows (build, Wine)" "$windows_log" "$windows_result" "$start"
 
 start=$SECONDS
 if command -v clang++ >/dev/null; then

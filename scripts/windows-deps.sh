@@ -55,18 +55,19 @@ work="$(mktemp -d "${TMPDIR:-/tmp}/kym-windows-deps.XXXXXX")"
 trap 'rm -rf "$apt_dir" "$work"' EXIT
 rm -rf "$prefix"
 mkdir -p "$prefix/include" "$prefix/lib/cmake"
-toolchain=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" -DKYM_WINDOWS_DEPS="$prefix"
+# Ninja: libarchive's hundreds of configure checks each build a small project.
+toolchain=(-G Ninja -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" -DKYM_WINDOWS_DEPS="$prefix"
   -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" -DBUILD_SHARED_LIBS=OFF)
 log="$work/build.log"
 step() { # what, command...
-  local what="$1"
+  local what="$1" start=$SECONDS
   shift
-  echo "  $what" >&2
   if ! "$@" >> "$log" 2>&1; then
     tail -n 40 "$log" >&2
     echo "Windows dependencies: $what failed (log above)" >&2
     exit 1
   fi
+  echo "  $what: $((SECONDS - start)) s" >&2
 }
 
 cd "$work"
