@@ -140,6 +140,10 @@ void Unarchiver::open(std::unique_ptr<plist::Document> document) {
     mState->frames.push_back(std::move(frame));
 }
 
+FileIdentity Unarchiver::sourceIdentity() const {
+    return FileIdentity::ofHash(mState->document->sourceHash());
+}
+
 std::unique_ptr<Unarchiver> Unarchiver::fromText(const std::string& text, const std::string& sourceName) {
     return std::unique_ptr<Unarchiver>(new Unarchiver(text, sourceName, 0));
 }

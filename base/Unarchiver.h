@@ -5,6 +5,7 @@
 
 #include "base/BaseExport.h"
 
+#include "base/FileIdentity.h"
 #include "base/TypeInfo.h"
 
 #include <boost/any.hpp>
@@ -75,6 +76,8 @@ public:
     ObjectContainer& currentContainer();
 
     const std::string& sourceName() const { return mSourceName; }
+    // What the file held when it was read, for a save to check against.
+    FileIdentity sourceIdentity() const;
 
 private:
     Unarchiver(const std::string& text, const std::string& sourceName, int);

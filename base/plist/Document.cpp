@@ -1,5 +1,7 @@
 #include "base/plist/Document.h"
 
+#include "base/FileIdentity.h"
+
 #include "base/BaseException.h"
 #include "base/PropertyList.h"
 #include "base/plist/TextCodec.h"
@@ -526,6 +528,7 @@ Document::Document(const std::string& text, const std::string& sourceName) {
     mEntryCount = own->entries.size();
     mPool = own->pool;
     mKeeper = std::move(own);
+    mSourceHash = FileIdentity::hashOf(text);
 }
 
 std::unique_ptr<Document> Document::fromTable(std::vector<Entry> entries, std::string pool) {

@@ -100,6 +100,10 @@ public:
     const Entry* entryData() const { return mEntries; }
     std::size_t entryCount() const { return mEntryCount; }
     std::string_view pool() const { return mPool; }
+    // The hash of the text the document was read from (FileIdentity::hashOf);
+    // a table kept for that text carries it along.
+    std::uint64_t sourceHash() const { return mSourceHash; }
+    void setSourceHash(std::uint64_t hash) { mSourceHash = hash; }
 
 private:
     Document() = default;
@@ -109,6 +113,7 @@ private:
     const Entry* mEntries = nullptr;
     std::size_t mEntryCount = 0;
     std::string_view mPool;
+    std::uint64_t mSourceHash = 0;
 };
 
 // "a string", "a dictionary", ...: how a kind of value is named in messages.

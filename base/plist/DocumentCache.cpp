@@ -77,10 +77,11 @@ struct Head {
     std::uint64_t entryCount;
     std::uint64_t poolSize;
     std::uint64_t checksum;
+    std::uint64_t sourceHash;  // of the settings file's text, which a save checks against
 };
 
 // Bump the last character when the table or the head changes shape.
-const char Magic[8] = {'K', 'Y', 'M', 'P', 'L', 'S', 'T', '2'};
+const char Magic[8] = {'K', 'Y', 'M', 'P', 'L', 'S', 'T', '3'};
 using Entry = Document::Entry;
 
 std::uint64_t tableOffset(std::uint64_t pathLength) {
@@ -145,8 +146,10 @@ std::unique_ptr<Document> load(const fs::path& entry, const Identity& source, co
     const auto* entries = reinterpret_cast<const Entry*>(bytes.data() + offset);
     const std::size_t count = static_cast<std::size_t>(head.entryCount);
     const std::string_view pool(bytes.data() + offset + count * sizeof(Entry), static_cast<std::size_t>(head.poolSize));
-    if (tableChecksum(entries, count, pool) != head.checksum) return nullptr;
-    return Document::fromTable(entries, count, pool, table);
+    if ((tableChecksum(entries, count, pool) ^ head.sourceHash) != head.checksum) return nullptr;
+    std::unique_ptr<Document> document = Document::fromTable(entries, count, pool, table);
+    if (document) document->setSourceHash(head.sourceHash);
+    return document;
 }
 
 void store(const fs::path& entry, const Identity& source, const std::string& path, const Document& document) {
@@ -156,7 +159,8 @@ void store(const fs::path& entry, const Identity& source, const std::string& pat
     head.pathLength = path.size();
     head.entryCount = document.entryCount();
     head.poolSize = document.pool().size();
-    head.checksum = tableChecksum(document.entryData(), document.entryCount(), document.pool());
+    head.sourceHash = document.sourceHash();
+    head.checksum = tableChecksum(document.entryData(), document.entryCount(), document.pool()) ^ head.sourceHash;
     const std::size_t tableBytes = document.entryCount() * sizeof(Entry);
     std::string content;
     content.reserve(tableOffset(path.size()) + tableBytes + document.pool().size());
