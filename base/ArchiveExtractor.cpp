@@ -45,7 +45,7 @@ struct ArchiveLibrary {
 
 #ifdef _WIN32
 
-// Linked in: Windows has no loader cost to spare us.
+// Built into libkym.dll and kym.exe with zlib, so there is nothing apart to load.
 ArchiveLibrary loadArchiveLibrary() {
     ArchiveLibrary api;
 #define BASE_ARCHIVE_BIND(member, function) api.member = &function;

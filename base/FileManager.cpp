@@ -78,12 +78,18 @@ using Failure = std::string;
 constexpr DWORD RenameRetryMilliseconds = 1000;
 constexpr DWORD RenameRetryPause = 20;
 
-// Errors of a target that other processes hold open; ReplaceFile may also
-// have moved the target aside without moving the new file in (the name is free again).
+// Errors of a target that other processes hold open, which left it as it was.
 bool isHeld(DWORD error) {
-    return error == ERROR_ACCESS_DENIED || error == ERROR_SHARING_VIOLATION || error == ERROR_UNABLE_TO_REMOVE_REPLACED ||
-           error == ERROR_UNABLE_TO_MOVE_REPLACEMENT || error == ERROR_UNABLE_TO_MOVE_REPLACEMENT_2;
+    return error == ERROR_ACCESS_DENIED || error == ERROR_SHARING_VIOLATION || error == ERROR_UNABLE_TO_REMOVE_REPLACED;
 }
+
+// Closes a handle however the function that opened it ends.
+struct HandleCloser {
+    HANDLE handle;
+    ~HandleCloser() {
+        if (handle != INVALID_HANDLE_VALUE) CloseHandle(handle);
+    }
+};
 
 // ERROR_SUCCESS when everyone who holds the file open lets it be deleted, else why not.
 DWORD deletionSharedByEveryHolder(const std::string& file) {
@@ -156,25 +162,35 @@ public:
         return closed ? Failure() : windowsErrorText(GetLastError());
     }
 
-    // A rename may not replace a file that is open. Readers that share its
-    // deletion (as readFile does) do not stop ReplaceFile; readers that do not
-    // (the C runtime's fopen) stop both while they hold the file, and as most
-    // let go at once, the rename is tried again for a short while.
+    // An existing file is replaced with ReplaceFile, which keeps its security
+    // settings and attributes. A file that is open cannot be replaced:
+    // readers that share its deletion (as readFile does) do not stop
+    // ReplaceFile; readers that do not (the C runtime's fopen) stop it while
+    // they hold the file, and as most let go at once, it is tried again for a
+    // short while.
     Failure renameOverTarget() {
         if (int fault = SystemCalls::renameFault(mTarget.string())) return errnoText(fault);
         const std::string target = mTarget.string();
         const DWORD start = GetTickCount();
         for (;;) {
-            if (MoveFileExA(mPath.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) break;
-            DWORD error = GetLastError();
-            if (isHeld(error)) {
+            DWORD error = ERROR_SUCCESS;
+            if (GetFileAttributesA(target.c_str()) == INVALID_FILE_ATTRIBUTES) {
+                if (MoveFileExA(mPath.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
+                    break;
+                error = GetLastError();
+            } else if ((error = deletionSharedByEveryHolder(target)) == ERROR_SUCCESS) {
                 // Asked first, as Wine's ReplaceFile leaves a file behind each time such a reader stops it.
-                error = deletionSharedByEveryHolder(target);
-                if (error == ERROR_SUCCESS) {
-                    if (ReplaceFileA(target.c_str(), mPath.c_str(), nullptr, REPLACEFILE_IGNORE_MERGE_ERRORS, nullptr,
-                                     nullptr))
+                if (ReplaceFileA(target.c_str(), mPath.c_str(), nullptr, REPLACEFILE_IGNORE_MERGE_ERRORS, nullptr,
+                                 nullptr))
+                    break;
+                error = GetLastError();
+                if (error == ERROR_UNABLE_TO_MOVE_REPLACEMENT || error == ERROR_UNABLE_TO_MOVE_REPLACEMENT_2) {
+                    // The old file has left its name and the new one did not take it: the name never stays empty.
+                    if (MoveFileExA(mPath.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
                         break;
-                    error = GetLastError();
+                    const std::string kept = Platform::current().nativePath(mPath);
+                    mPath.clear();
+                    return windowsErrorText(GetLastError()) + "; the new content is kept in " + kept;
                 }
             }
             if (!isHeld(error) || GetTickCount() - start >= RenameRetryMilliseconds) return windowsErrorText(error);
@@ -323,7 +339,10 @@ bool FileManager::isOwnedByCurrentUser(const path& p) {
 
 bool FileManager::isTerminal(int stream) {
 #ifdef _WIN32
-    return _isatty(stream) != 0;
+    // A console, not any character device: NUL is one too.
+    const DWORD which = stream == 0 ? STD_INPUT_HANDLE : stream == 1 ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE;
+    DWORD mode = 0;
+    return GetConsoleMode(GetStdHandle(which), &mode) != 0;
 #else
     return ::isatty(stream) == 1;
 #endif
@@ -425,6 +444,7 @@ std::string FileManager::readFile(const path& file) {
                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
                                       FILE_ATTRIBUTE_NORMAL, nullptr);
     if (handle == INVALID_HANDLE_VALUE) throw readFailure(file, windowsErrorText(GetLastError()));
+    const HandleCloser closer{handle};
     // Sized from the file (one byte over, to meet the end in the same read).
     LARGE_INTEGER size{};
     std::string content(GetFileSizeEx(handle, &size) ? static_cast<std::size_t>(size.QuadPart) + 1 : 65536, '\0');
@@ -442,7 +462,6 @@ std::string FileManager::readFile(const path& file) {
         if (count == 0) break;
         filled += count;
     }
-    CloseHandle(handle);
     if (error) throw readFailure(file, windowsErrorText(error));
     content.resize(filled);
     return content;

@@ -23,7 +23,7 @@ public:
     // Does the current user own it (a link: the link itself)? Always true on
     // Windows, where files of other users are not told apart here.
     static bool isOwnedByCurrentUser(const path& p);
-    // Is the standard stream (0 input, 1 output, 2 error) a terminal or console?
+    // Is the standard stream (0 input, 1 output, 2 error) an interactive terminal (on Windows a console)?
     static bool isTerminal(int stream);
     // Octal permissions such as 0775; throws BaseException naming the path and the OS reason.
     static void setPermissions(const path& p, unsigned permissions);

@@ -10,6 +10,7 @@
 #ifdef _WIN32
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/predicate.hpp>
+#include <boost/filesystem/operations.hpp>
 #include <algorithm>
 #include <windows.h>
 #else
@@ -54,10 +55,7 @@ void Task::setEnvironment(std::map<std::string, std::string> environment) {
 
 #ifdef _WIN32
 
-namespace {
-
-// Quoted so that the C runtime's command line parser gives the argument back unchanged.
-std::string quoteArgument(const std::string& argument) {
+std::string quoteWindowsArgument(const std::string& argument) {
     if (!argument.empty() && argument.find_first_of(" \t\n\v\"") == std::string::npos) return argument;
     std::string quoted = "\"";
     std::size_t backslashes = 0;
@@ -74,6 +72,8 @@ std::string quoteArgument(const std::string& argument) {
     quoted.append(backslashes * 2, '\\');
     return quoted + "\"";
 }
+
+namespace {
 
 // Windows wants the block sorted by name without regard to case.
 std::vector<char> environmentBlock(const std::map<std::string, std::string>& environment) {
@@ -94,6 +94,18 @@ std::vector<char> environmentBlock(const std::map<std::string, std::string>& env
     if (block.empty()) block.push_back('\0');
     block.push_back('\0');
     return block;
+}
+
+// The command interpreter acts on % in any place and on & | < > ^ outside
+// quotes; a double quote switches quoting. What reaches a batch file is
+// therefore quoted whole, and what quoting cannot protect is refused.
+std::string batchArgument(const std::string& argument, const boost::filesystem::path& program,
+                          const boost::filesystem::path& directory) {
+    if (argument.find_first_of("%\"\r\n") != std::string::npos)
+        throw startFailure(program, directory, false,
+                           "the command interpreter would change the argument " + argument +
+                               " (it holds %, a double quote or a line break)");
+    return "\"" + argument + "\"";
 }
 
 bool isBatchFile(const boost::filesystem::path& program) {
@@ -127,19 +139,24 @@ long Task::launch() {
     if (!directory.empty())
         if (const DWORD fault = directoryFault(directory))
             throw startFailure(mLaunchPath, mCurrentDirectory, true, windowsErrorText(fault));
-    const std::string program = boost::filesystem::path(mLaunchPath).make_preferred().string();
+    // Absolute, so that a program named relative to the caller's folder is found
+    // there whatever working directory it is given, batch files included.
+    const std::string program = boost::filesystem::absolute(mLaunchPath).make_preferred().string();
 
-    // A batch file is run by the command interpreter: /s keeps the quotes
-    // inside the line after /c, so the file and its arguments arrive as quoted.
-    std::string commandLine = quoteArgument(program);
-    for (const auto& argument : mArguments) commandLine += " " + quoteArgument(argument);
-    std::string application = program;
+    std::string commandLine, application = program;
     if (isBatchFile(mLaunchPath)) {
         // The interpreter itself would start, and only then miss the file.
         if (GetFileAttributesA(program.c_str()) == INVALID_FILE_ATTRIBUTES)
             throw startFailure(mLaunchPath, mCurrentDirectory, false, windowsErrorText(GetLastError()));
+        // /s keeps the quotes inside the line after /c as they are.
+        commandLine = batchArgument(program, mLaunchPath, mCurrentDirectory);
+        for (const auto& argument : mArguments)
+            commandLine += " " + batchArgument(argument, mLaunchPath, mCurrentDirectory);
         application = commandInterpreter();
-        commandLine = quoteArgument(application) + " /d /s /c \"" + commandLine + "\"";
+        commandLine = quoteWindowsArgument(application) + " /d /s /c \"" + commandLine + "\"";
+    } else {
+        commandLine = quoteWindowsArgument(program);
+        for (const auto& argument : mArguments) commandLine += " " + quoteWindowsArgument(argument);
     }
     std::vector<char> commandBuffer(commandLine.begin(), commandLine.end());
     commandBuffer.push_back('\0');

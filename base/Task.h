@@ -26,9 +26,10 @@ public:
     // For a caller that ends right after the start, such as a command-line
     // launcher: the program is started as the caller's own child, which the
     // system adopts when the caller ends, instead of through a middle
-    // process that keeps a long-running caller free of zombies; once the
-    // program runs, the caller drops to the lowest priority, so that what it
-    // does before it ends does not delay the program's start. POSIX only.
+    // process that keeps a long-running caller free of zombies (POSIX); once
+    // the program runs, the caller drops to the lowest priority (Windows: the
+    // idle class), so that what it does before it ends does not delay the
+    // program's start.
     void setCallerEndsAfterStart(bool ends) { mCallerEndsAfterStart = ends; }
 
     const boost::filesystem::path& launchPath() const { return mLaunchPath; }
@@ -37,7 +38,9 @@ public:
 
     // Starts the process and returns without waiting for it. Throws
     // BaseException naming the program and the reason when it cannot be
-    // started (not found, not executable, bad working directory, ...).
+    // started (not found, not executable, bad working directory, ...; on
+    // Windows also an argument of a batch file that the command interpreter
+    // would change: one holding %, a double quote or a line break).
     // Returns the process id.
     long launch();
 
@@ -49,5 +52,10 @@ private:
     bool mCallerEndsAfterStart = false;
     std::map<std::string, std::string> mEnvironment;
 };
+
+#ifdef _WIN32
+// The argument as a command line must hold it for the C runtime's parser to give it back unchanged.
+BASE_EXPORT std::string quoteWindowsArgument(const std::string& argument);
+#endif
 
 } // namespace Base

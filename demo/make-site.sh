@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds the demo site with the kym configure commands, from nothing:
 #   make-site.sh [DIR]     (default: build/demo-site; made afresh each run)
-# KYM names the kym program (default: build/tools/kym). Afterwards source
+# KYM names the kym program (default: build/tools/kym); KYM_DEMO_WINDOWS_PLUGINS
+# the Windows clients' plugins folder (a kym that uses the windows conventions
+# needs one that exists to make the site). Afterwards source
 # DIR/environment.sh to use the site: it sets KYM_BASE_DIR, KYM_UGSITE_DIR
 # and XDG_CONFIG_HOME (kym's per-user data stays inside the site).
 #
@@ -51,13 +53,12 @@ run sysinfo set KymVersionString "demo site"
 # Files every department gets for the release, unpacked at 'kym dept create'.
 tar -czf "$site/kym/data/install/versionFiles.tar.gz" -C "$root/demo/release-files" config lib startup symbol
 
-# Site settings: where the CAD system is, for either kind of client (the
-# plugins folder serves both, so kym.exe can make this site under Wine too).
+# Site settings: where the CAD system is, for either kind of client.
 run site set unix-install-path "$root/demo/cad"
 run site set windows-install-path 'C:\Program Files\UGS\NX 4.0'
 run site set use-registry off
 run site set unix-external-plugins "$site/external-plugins"
-run site set windows-external-plugins "$site/external-plugins"
+run site set windows-external-plugins "${KYM_DEMO_WINDOWS_PLUGINS:-\\\\fileserver\\kym\\plugins}"
 run var set site UGII_LICENSE_FILE 28000@licserver --comment "license server"
 run var set site SITE_DATA "$site/data"
 run var set site PATH '$PATH:${SITE_DATA}/bin' --list unix --comment "site tools"

@@ -6,7 +6,7 @@
 # once (scripts/windows-deps.sh).
 #
 # It also compares kym.exe with the Linux kym's preview of the windows
-# conventions; that kym comes from the Linux build (built when missing).
+# conventions; that kym comes from the Linux build (brought up to date).
 # KYM_WINDOWS_BUILD_DIR moves the build directory, KYM_BUILD_DIR the Linux
 # one; KYM_WINDOWS_DEPS_DIR the folder of the Windows libraries.
 set -euo pipefail
@@ -21,11 +21,9 @@ linux_build_dir="${KYM_BUILD_DIR:-$root/build}"
 bash scripts/install-deps.sh --windows
 deps="$(bash scripts/windows-deps.sh | tail -n 1)"
 
-# The Linux kym whose preview of the windows conventions kym.exe must match.
-if [ ! -x "$linux_build_dir/tools/kym" ]; then
-  cmake -S "$root" -B "$linux_build_dir" >/dev/null
-  cmake --build "$linux_build_dir" -j "$jobs" --target kym-command
-fi
+# The Linux kym whose preview of the windows conventions kym.exe must match, up to date.
+[ -f "$linux_build_dir/CMakeCache.txt" ] || cmake -S "$root" -B "$linux_build_dir" >/dev/null
+cmake --build "$linux_build_dir" -j "$jobs" --target kym-command
 
 cmake -S "$root" -B "$build_dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" \
   -DKYM_WINDOWS_DEPS="$deps" -DKYM_WERROR=ON -DKYM_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Release \

@@ -24,6 +24,8 @@
 #include <windows.h>
 #else
 #include <csignal>
+#include <cstdlib>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -37,6 +39,33 @@ namespace {
 namespace fs = boost::filesystem;
 using KymTest::TempDir;
 using Strings = std::vector<std::string>;
+
+#ifndef _WIN32
+// Started again by the test of a detached start, with KYM_TASK_HELD naming a folder, this program lists there
+// the descriptors it was started with and stays until it is killed. It lists them itself, once its loader
+// is done: from outside, a listing would catch the loader holding a library open.
+const bool startedToBeHeld = [] {
+    const char* folder = std::getenv("KYM_TASK_HELD");
+    if (!folder) return false;
+    std::string listing;
+    if (DIR* descriptors = ::opendir("/proc/self/fd")) {
+        const std::string own = std::to_string(::dirfd(descriptors));
+        for (const dirent* entry; (entry = ::readdir(descriptors));) {
+            const std::string name = entry->d_name;
+            if (name == "." || name == ".." || name == own) continue;
+            char target[4096];
+            const ssize_t length = ::readlinkat(::dirfd(descriptors), entry->d_name, target, sizeof target);
+            listing.append(name).append(1, '\0').append(target, length > 0 ? length : 0).append(1, '\0');
+        }
+        ::closedir(descriptors);
+    }
+    const fs::path file = fs::path(folder) / "descriptors";
+    KymTest::writeFile(file.string() + ".part", listing);
+    fs::rename(file.string() + ".part", file);
+    std::this_thread::sleep_for(std::chrono::seconds(30));
+    ::_exit(0);
+}();
+#endif
 
 const bool orphansReaped = KymTest::reapOrphansOfTheTests();
 
@@ -172,9 +201,10 @@ TEST(Task, ABatchFileRunsThroughTheCommandInterpreterAndGetsItsArgumentsAsListed
     TempDir dir;
     const fs::path probe = installProbe(dir);
     // It hands its arguments on unchanged and names its first one, unquoted, in the probe's environment.
-    const fs::path script = dir / "Program Files" / "Scripts" / "start probe.bat";
+    const fs::path script = dir / "Program Files" / "Scripts & Tools" / "start probe.bat";
     KymTest::writeFile(script, "@set FIRST=%~1\r\n@\"" + probe.string() + "\" %*\r\n");
-    const Strings arguments{"with space", "plain", "", "back\\slash\\", "say \"hi\""};
+    // The interpreter's own characters arrive as characters, and nothing else runs.
+    const Strings arguments{"with space", "plain", "", "back\\slash", "a&echo.>" + (dir / "ran").string(), "x^y", "<x>|y"};
     Base::Task task;
     task.setLaunchPath(script);
     task.setArguments(arguments);
@@ -187,6 +217,15 @@ TEST(Task, ABatchFileRunsThroughTheCommandInterpreterAndGetsItsArgumentsAsListed
     const Strings environment = probed(probe, "environment");
     EXPECT_NE(environment.end(), std::find(environment.begin(), environment.end(), "FIRST=with space"));
     EXPECT_NE(environment.end(), std::find(environment.begin(), environment.end(), "KYM_A=1"));
+    EXPECT_FALSE(fs::exists(dir / "ran"));
+
+    // What quoting cannot keep from the interpreter is refused before anything starts.
+    for (const std::string refused : {"50%OS%", "say \"hi\"", "two\nlines"}) {
+        task.setArguments({"plain", refused});
+        EXPECT_EQ("Cannot start program " + script.string() + ": the command interpreter would change the argument " +
+                      refused + " (it holds %, a double quote or a line break)",
+                  KymTest::thrownMessage([&] { task.launch(); }));
+    }
 }
 
 TEST(Task, AProgramInheritsNoHandleOfTheCaller) {
@@ -286,17 +325,18 @@ TEST(Task, ProgramRunsOnDetachedInItsOwnSessionWithNoZombieLeft) {
     ASSERT_GE(input, 3);
     ::dup2(input, 0);
     Base::Task task;
-    task.setLaunchPath("/bin/sleep");
-    task.setArguments({"30"});
+    task.setLaunchPath(KymTest::ownProgram());
+    task.setEnvironment({{"KYM_TASK_HELD", dir.path().string()}});
     const int ownPriority = ::getpriority(PRIO_PROCESS, 0);
     long pid = task.launch();
     ::dup2(ownInput, 0), ::close(ownInput), ::close(input);
     ASSERT_GT(pid, 0);
     EXPECT_EQ(::getpriority(PRIO_PROCESS, 0), ownPriority) << "a caller that goes on keeps its priority";
-    // The sleeper holds our standard output open; a test runner would wait for it.
+    // The program holds our standard output open; a test runner would wait for it.
     std::shared_ptr<void> killAtEnd(nullptr, [pid](void*) { ::kill(static_cast<pid_t>(pid), SIGKILL); });
-
     EXPECT_TRUE(hasNoChildren());
+
+    ASSERT_TRUE(KymTest::waitForFile(dir / "descriptors")) << "the program did not list its descriptors";
     const std::string stat = KymTest::readFile("/proc/" + std::to_string(pid) + "/stat");
     char state = 0;
     long parent = 0, group = 0, session = 0;
@@ -305,16 +345,10 @@ TEST(Task, ProgramRunsOnDetachedInItsOwnSessionWithNoZombieLeft) {
     EXPECT_NE(static_cast<long>(::getpid()), parent);
     EXPECT_EQ(pid, session);
 
-    auto link = [](const fs::path& p) { return fs::read_symlink(p).string(); };
-    // Just after the exec the program's loader still opens and closes its libraries.
+    const Strings listed = KymTest::splitAtNul(KymTest::readFile(dir / "descriptors"));
     std::map<std::string, std::string> open;
-    for (int attempt = 0; attempt == 0 || (open.size() > 3 && attempt < 250); ++attempt) {
-        if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        open.clear();
-        boost::system::error_code gone;  // a descriptor the loader closes while it is listed
-        for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd"))
-            open[entry.path().filename().string()] = fs::read_symlink(entry.path(), gone).string();
-    }
+    for (std::size_t item = 0; item + 1 < listed.size(); item += 2) open[listed[item]] = listed[item + 1];
+    auto link = [](const fs::path& p) { return fs::read_symlink(p).string(); };
     EXPECT_EQ(open, (std::map<std::string, std::string>{
                         {"0", "/dev/null"}, {"1", link("/proc/self/fd/1")}, {"2", link("/proc/self/fd/2")}}));
 }

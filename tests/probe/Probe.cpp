@@ -2,9 +2,8 @@
 // beside its own executable it writes "arguments" (its argument vector as
 // the C runtime gave it), "environment" (its environment, in order),
 // "directory" (its working directory), "process" (its process id) and, on
-// Windows, "commandline" (the raw command line) and "handle" (whether the
-// handle named by PROBE_HANDLE is open in it), each item ending in a NUL
-// byte; "done" comes last.
+// Windows, "handle" (whether the handle named by PROBE_HANDLE is open in it),
+// each item ending in a NUL byte; "done" comes last.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -49,7 +48,6 @@ int main(int argc, char** argv) {
     FreeEnvironmentStringsA(block);
     char directory[MAX_PATH];
     const DWORD directoryLength = GetCurrentDirectoryA(sizeof(directory), directory);
-    record("commandline", {GetCommandLineA()});
     if (const char* handle = std::getenv("PROBE_HANDLE")) {
         DWORD flags = 0;
         const HANDLE value = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(std::strtoull(handle, nullptr, 10)));

@@ -1,5 +1,7 @@
 #include "support/Processes.h"
 
+#include "base/Task.h"
+
 #include <boost/filesystem/operations.hpp>
 
 #include <cstdlib>
@@ -56,23 +58,6 @@ void clearEnvironment(const std::set<std::string>& kept) {
 }
 
 #ifdef _WIN32
-// Quoted so that the C runtime's command line parser gives the argument back unchanged.
-std::string quoted(const std::string& argument) {
-    if (!argument.empty() && argument.find_first_of(" \t\n\v\"") == std::string::npos) return argument;
-    std::string text = "\"";
-    std::size_t backslashes = 0;
-    for (char c : argument) {
-        if (c == '\\') {
-            ++backslashes;
-            continue;
-        }
-        text.append(c == '"' ? backslashes * 2 + 1 : backslashes, '\\');
-        backslashes = 0;
-        text += c;
-    }
-    return text.append(backslashes * 2, '\\') + "\"";
-}
-
 // Wine appends its own variables to the environment of every program it starts, unless the environment
 // it was given holds them: those the starter never gave come last.
 bool underWine() {
@@ -119,8 +104,8 @@ Outcome runProgram(const fs::path& program, const std::vector<std::string>& argu
     writeFile(capture / "in", "");
     const fs::path out = capture / "out", err = capture / "err";
 #ifdef _WIN32
-    std::string line = quoted(program.string());
-    for (const std::string& argument : arguments) line += " " + quoted(argument);
+    std::string line = Base::quoteWindowsArgument(program.string());
+    for (const std::string& argument : arguments) line += " " + Base::quoteWindowsArgument(argument);
     HANDLE input = openInherited(capture / "in", GENERIC_READ, OPEN_EXISTING);
     HANDLE output = openInherited(out, GENERIC_WRITE, CREATE_ALWAYS);
     HANDLE error = openInherited(err, GENERIC_WRITE, CREATE_ALWAYS);
@@ -218,7 +203,7 @@ Probe::Record Probe::record() const {
 #ifdef _WIN32
     dropWhatWineAppended(record.environment);
 #endif
-    for (const char* name : {"arguments", "environment", "directory", "commandline", "done"})
+    for (const char* name : {"arguments", "environment", "directory", "process", "handle", "done"})
         fs::remove(mFolder / name);
     return record;
 }
