@@ -171,6 +171,7 @@ TEST(PropertyListFile, ARootThatIsNoDictionaryIsNamedWithTheFile) {
 
 #ifndef _WIN32
 TEST(PropertyListFile, FailedSaveNamesTheFileAndKeepsTheOldOne) {
+    KYM_SKIP_UNLESS_ROOT();
     KymTest::TempDir directory;
     auto file = directory / "locked" / "list.plist";
     std::string old = document("<string>old</string>");

@@ -50,6 +50,7 @@ TEST_F(Manager, SkipsEntriesThatAreNoDepartments) {
 
 #ifndef _WIN32
 TEST_F(Manager, SkipsDirectoriesTheUserCannotListOrEnter) {
+    KYM_SKIP_UNLESS_ROOT();
     for (const char* name : {"locked", "closed", "open"}) site.addDepartment(name);
     fs::permissions(department("locked"), fs::perms(0700));
     fs::permissions(department("closed"), fs::perms(0744));

@@ -95,6 +95,7 @@ TEST(LauncherCleanup, UnderWindowsConventionsTempLosesOldJournalsLogsAndSourcesA
 
 #ifndef _WIN32
 TEST(LauncherCleanup, UnderPosixConventionsTmpAndTmpdirLoseOnlyTheUsersOwnOldFiles) {
+    KYM_SKIP_UNLESS_ROOT();
     Scene scene(Platform::Posix);
     KymTest::TempDir root;
     const fs::path tmp = root / "tmp";

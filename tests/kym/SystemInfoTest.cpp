@@ -31,6 +31,7 @@ TEST(SystemInformation, InvalidBaseDirThrowsAndTheNextCallRetries) {
 
 #ifndef _WIN32
 TEST(SystemInformation, UnreadableDataFileKeepsTheDefaults) {
+    KYM_SKIP_UNLESS_ROOT();
     Site site;
     site.writeSystemInfo({{"KymVersionString", "7.1"}});
     ::chmod(site.systemInfoFile().c_str(), 0600);

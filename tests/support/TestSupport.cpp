@@ -46,7 +46,8 @@ TempDir::~TempDir() {
 
 namespace {
 
-// The C runtime's own copy of the environment, which getenv reads, is the one set.
+// Set where getenv reads it; on Windows _putenv_s sets the process's environment block too, which
+// started programs inherit.
 void setVariable(const std::string& name, const std::optional<std::string>& value) {
 #ifdef _WIN32
     // An empty value removes the variable: Windows' C runtime keeps no empty ones.
@@ -192,6 +193,8 @@ bool reapOrphansOfTheTests() { return true; }
 fs::path ownProgram() {
     return fs::read_symlink("/proc/self/exe");
 }
+
+bool isRoot() { return ::geteuid() == 0; }
 
 int runAsNobody(const std::function<int()>& function) {
     pid_t child = ::fork();

@@ -88,7 +88,13 @@ private:
 #ifndef _WIN32
 // Runs the function in a child process as user nobody and group nogroup and returns what it returned
 // (as the exit status): EXPECT macros do not cross processes, so the function returns a code instead.
+// Only root can; a test that uses it calls KYM_SKIP_UNLESS_ROOT() first.
 int runAsNobody(const std::function<int()>& function);
+bool isRoot();
+// Ends the calling test as skipped when it runs as an ordinary user, who can neither run code as another
+// user nor give a file to one.
+#define KYM_SKIP_UNLESS_ROOT() \
+    if (!::KymTest::isRoot()) GTEST_SKIP() << "needs root: only root can act as user nobody or give a file to it"
 #endif
 
 // Started programs are orphans by design, and some containers never reap orphans. Call once, at static
