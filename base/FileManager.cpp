@@ -494,4 +494,27 @@ std::string FileManager::readFile(const path& file) {
 
 #endif
 
+void FileManager::moveDirectory(const path& from, const path& to) {
+    int error = SystemCalls::renameFault(to.string());
+#ifdef _WIN32
+    if (!error && !MoveFileExW(from.c_str(), to.c_str(), 0)) {
+        const DWORD code = GetLastError();
+        throw BaseException("Cannot rename directory " + from.string() + " to " + to.string() + ": " +
+                            windowsErrorText(code));
+    }
+#else
+    if (!error && ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0) {
+        error = errno;
+        // File systems that cannot promise it: checked just before instead.
+        if (error == EINVAL || error == ENOSYS) {
+            boost::system::error_code ignored;
+            error = fs::exists(to, ignored) ? EEXIST : ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+        }
+    }
+#endif
+    if (error)
+        throw BaseException("Cannot rename directory " + from.string() + " to " + to.string() + ": " +
+                            errnoText(error));
+}
+
 } // namespace Base

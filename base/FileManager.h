@@ -48,6 +48,10 @@ public:
     // deletion is waited for, up to a second. Throws BaseException naming the
     // file and the OS reason; leaves no temporary file behind.
     static void writeFileAtomically(const path& target, const std::string& content);
+    // Renames a directory in one step, never over anything that stands at the
+    // new name (POSIX would silently replace an empty directory). Throws
+    // BaseException naming both and the OS reason.
+    static void moveDirectory(const path& from, const path& to);
     // Reads a whole file, holding it so that a save may replace it meanwhile;
     // throws BaseException naming the file and the OS reason.
     static std::string readFile(const path& file);

@@ -22,7 +22,11 @@ Base::ProcessWide<BaseSettings> baseInformation;
 
 } // namespace
 
-BaseSettings::BaseSettings() : mDataFile(SystemInformation().installPath() / "config" / "baseSettings.dat") {
+fs::path BaseSettings::standardDataFile() {
+    return SystemInformation().installPath() / "config" / "baseSettings.dat";
+}
+
+BaseSettings::BaseSettings() : mDataFile(standardDataFile()) {
     load();
 }
 
@@ -46,26 +50,49 @@ BaseSettings::~BaseSettings() = default;
 
 void BaseSettings::load() {
     boost::system::error_code error;
-    if (!fs::exists(mDataFile, error)) return;
-    Base::Unarchiver archive(mDataFile);
-    // Decoded aside first, so a damaged file leaves the store as it was.
-    auto lists = decodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
-    auto applications = archive.decodeValue<std::vector<ConfigApplication>>(ApplicationListKey);
-    takeVariableLists(std::move(lists));
-    mApplications = std::move(applications);
+    if (!fs::exists(mDataFile.path(), error)) {
+        mDataFile.setRead(Base::FileIdentity());
+        return;
+    }
+    try {
+        Base::Unarchiver archive(mDataFile.path());
+        // Decoded aside first, so a damaged file leaves the store as it was.
+        auto lists = decodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
+        auto applications = archive.decodeValue<std::vector<ConfigApplication>>(ApplicationListKey);
+        takeVariableLists(std::move(lists));
+        mApplications = std::move(applications);
+        mDataFile.setRead(archive.sourceIdentity());
+    } catch (const std::exception& failure) {
+        mDataFile.setReadFailure(failure.what());
+        throw;
+    }
+}
+
+std::string BaseSettings::encoded() const {
+    // Encoding an application clears its marks, so a copy is encoded: a failed write keeps them.
+    std::vector<ConfigApplication> applications = mApplications;
+    Base::Archiver archive(mDataFile.path());
+    encodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
+    archive.encodeObject(ApplicationListKey, applications);
+    return archive.text();
+}
+
+void BaseSettings::clearMarks() {
+    for (ConfigApplication& application : mApplications) application.setVariableListsEdited(false);
+    setVariableListsEdited(false);
+    mApplicationSource.setEdited(false);
 }
 
 void BaseSettings::save() {
     if (!needsSaving()) return;
-    // Encoding an application clears its marks, so a copy is encoded: a failed write keeps them.
-    std::vector<ConfigApplication> applications = mApplications;
-    Base::Archiver archive(mDataFile);
-    encodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
-    archive.encodeObject(ApplicationListKey, applications);
-    archive.finishEncoding();
-    for (ConfigApplication& application : mApplications) application.setVariableListsEdited(false);
-    setVariableListsEdited(false);
-    mApplicationSource.setEdited(false);
+    mDataFile.write(encoded());
+    clearMarks();
+}
+
+fs::path BaseSettings::overwrite() {
+    const fs::path copy = mDataFile.overwrite(encoded());
+    clearMarks();
+    return copy;
 }
 
 bool BaseSettings::needsSaving() const {

@@ -8,7 +8,10 @@
 #include "kym/KymExport.h"
 #include "kym/SettingsProtocol.h"
 
+#include "base/SettingsFile.h"
+
 #include <boost/filesystem/path.hpp>
+#include <string>
 #include <vector>
 
 namespace Kym {
@@ -28,12 +31,23 @@ public:
     ~BaseSettings() override;
 
     // Replaces the lists from the file; a missing file changes nothing, a
-    // damaged one throws and leaves the lists as they were.
+    // damaged one throws and leaves the lists as they were (and no save
+    // writes over it).
     void load();
-    // Rewrites the whole file when something was edited.
+    // Rewrites the whole file when something was edited. Refused, with
+    // nothing written and every mark kept, when the file failed to load
+    // (Base::SettingsFileDamaged) or another writer changed it since it was
+    // loaded (Base::SettingsFileChanged): load again and repeat the edits, or
+    // overwrite.
     void save();
+    // Rewrites the whole file whatever it holds now, keeping a copy of a file
+    // that failed to load or was changed; returns that copy (or an empty path).
+    boost::filesystem::path overwrite();
     bool needsSaving() const;
-    const boost::filesystem::path& dataFile() const { return mDataFile; }
+    const boost::filesystem::path& dataFile() const { return mDataFile.path(); }
+    // Where the base settings are kept: config/baseSettings.dat of the installation.
+    static boost::filesystem::path standardDataFile();
+    const Base::SettingsFile& settingsFile() const { return mDataFile; }
 
     void mergeEnvVariables(std::vector<EnvironmentVariable>& vars) const;
 
@@ -42,8 +56,11 @@ public:
     ApplicationListSource* applications();
 
 private:
+    std::string encoded() const;
+    void clearMarks();
+
     std::vector<ConfigApplication> mApplications;
-    boost::filesystem::path mDataFile;
+    Base::SettingsFile mDataFile;
     ApplicationListSource mApplicationSource;
 };
 

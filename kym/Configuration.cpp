@@ -3,6 +3,7 @@
 #include "kym/SystemInfo.h"
 
 #include "base/ArchiveExtractor.h"
+#include "base/FileLock.h"
 #include "base/FileManager.h"
 #include "base/Platform.h"
 #include "base/PropertyList.h"
@@ -69,6 +70,7 @@ std::string Configuration::name() const {
 
 void Configuration::setPath(const fs::path& dir) {
     mPath = dir;
+    mProperties.setPath(mPath / PropertyFileName);
     mSettings.setDataFile(versionPath() / SettingsDirectoryName / SettingsFileName);
 }
 
@@ -104,9 +106,55 @@ void Configuration::load() {
 void Configuration::save() {
     BASE_LOG(Base::log::info()) << "saving configuration settings: " << native(mPath);
     if (!needsSaving()) return;
+    const bool withSettings = isUpdated() && mSettings.needsSaving();
+    const Base::FileLock propertiesLock(mProperties.path());
+    const Base::FileLock settingsLock(mSettings.dataFile());
+    // Both checked before either is written.
+    mProperties.checkWritable();
+    if (withSettings) mSettings.settingsFile().checkWritable();
+    const Base::SettingsFile before = mProperties;
+    boost::system::error_code error;
+    const std::string previous =
+        fs::exists(mProperties.path(), error) ? Base::FileManager::readFile(mProperties.path()) : std::string();
     saveProperties();
-    if (isUpdated()) mSettings.save();
+    if (withSettings) {
+        try {
+            mSettings.save();
+        } catch (...) {
+            // The properties go back to what they were, so the department is as it was.
+            try {
+                if (before.readIdentity().exists())
+                    Base::FileManager::writeFileAtomically(mProperties.path(), previous);
+                else
+                    fs::remove(mProperties.path(), error);
+                mProperties = before;
+            } catch (const std::exception& failure) {
+                BASE_LOG(Base::log::info()) << "  Could not put back " << native(mProperties.path()) << ": "
+                                            << failure.what();
+            }
+            throw;
+        }
+    }
     mNeedsSaving = false;
+}
+
+std::vector<fs::path> Configuration::overwrite() {
+    std::vector<fs::path> copies;
+    const fs::path propertiesCopy = mProperties.overwrite(encodedProperties());
+    if (!propertiesCopy.empty()) copies.push_back(propertiesCopy);
+    if (isUpdated()) {
+        const fs::path settingsCopy = mSettings.overwrite();
+        if (!settingsCopy.empty()) copies.push_back(settingsCopy);
+    }
+    mNeedsSaving = false;
+    return copies;
+}
+
+fs::path Configuration::replaceProperties(const fs::path& dir) {
+    Configuration fresh(dir, false);
+    fresh.description = fresh.name();
+    fresh.mProperties.setReadFailure("it is replaced deliberately");
+    return fresh.mProperties.overwrite(fresh.encodedProperties());
 }
 
 bool Configuration::needsSaving() const {
@@ -131,7 +179,18 @@ void Configuration::loadProperties() {
     if (!fs::exists(file, error) || !Base::FileManager::isReadable(file))
         throw InvalidConfiguration("Directory " + native(mPath) + " is not valid department.");
 
-    const Base::PropertyList properties(file);
+    std::string text;
+    try {
+        text = Base::FileManager::readFile(file);
+        readProperties(Base::PropertyList(file, Base::PropertyList::parse(text, native(file))));
+    } catch (const std::exception& failure) {
+        mProperties.setReadFailure(failure.what());
+        throw;
+    }
+    mProperties.setRead(Base::FileIdentity::ofContent(text));
+}
+
+void Configuration::readProperties(const Base::PropertyList& properties) {
     BASE_LOG(Base::log::verbose()) << "  Loading configuration's properties";
     // A wrong type or a missing description ends the load with boost::bad_any_cast.
     description = boost::any_cast<std::string>(properties.getProperty(DescriptionKey));
@@ -144,17 +203,20 @@ void Configuration::loadProperties() {
     BASE_LOG(Base::log::verbose()) << "  Loaded the configuration's properties";
 }
 
-void Configuration::saveProperties() {
-    BASE_LOG(Base::log::verbose()) << "  Saving configuration's properties";
+std::string Configuration::encodedProperties() const {
     Base::PropertyList properties;
-    properties.setFile(mPath / PropertyFileName);
     properties.setProperty(DescriptionKey, description);
     properties.setProperty(TypeKey, type);
     properties.setProperty(CommonDepartmentKey,
                            commonDepartment.find(' ') == std::string::npos ? commonDepartment : std::string());
     properties.setProperty(DoFileCleanupKey, doFileCleanup);
     properties.setProperty(CleanupDaysKey, cleanupDays);
-    properties.saveList();
+    return Base::PropertyList::serialize(properties.root());
+}
+
+void Configuration::saveProperties() {
+    BASE_LOG(Base::log::verbose()) << "  Saving configuration's properties";
+    mProperties.write(encodedProperties());
 }
 
 void Configuration::createNXVersionDirectory() {
@@ -180,8 +242,9 @@ void Configuration::createNXVersionDirectory() {
             const fs::path settingsDirectory = directory / SettingsDirectoryName;
             if (!fs::exists(settingsDirectory)) makeDirectory(settingsDirectory);
             fs::copy_file(previousSettings, settingsDirectory / SettingsFileName, fs::copy_options::overwrite_existing);
-            mSettings.load();
         }
+        // Settings the release files or the previous release brought are what this department now holds.
+        mSettings.load();
     } catch (...) {
         // A half-made version directory never survives.
         try {

@@ -9,11 +9,16 @@
 #include "kym/KymExport.h"
 
 #include "base/BaseException.h"
+#include "base/SettingsFile.h"
 
 #include <boost/filesystem/path.hpp>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+namespace Base {
+class PropertyList;
+}
 
 namespace Kym {
 
@@ -54,8 +59,20 @@ public:
     boost::filesystem::path commonConfigVersionPath() const;
 
     void load();
+    // Writes the properties and, in an updated department, the settings:
+    // both or neither. Refused, with nothing written and the marks kept, when
+    // either file failed to load (Base::SettingsFileDamaged) or another
+    // writer changed it since it was loaded (Base::SettingsFileChanged).
     void save();
+    // Writes both whatever they hold now, keeping a copy of each that failed
+    // to load or was changed; returns those copies.
+    std::vector<boost::filesystem::path> overwrite();
     bool needsSaving() const;
+    const Base::SettingsFile& propertiesFile() const { return mProperties; }
+    // Replaces a property file that cannot be read with the default
+    // properties, the directory's name as description, keeping a copy of it;
+    // returns the copy.
+    static boost::filesystem::path replaceProperties(const boost::filesystem::path& dir);
     void setNeedsSaving(bool needsSaving) { mNeedsSaving = needsSaving; }
 
     bool isPluginDisabled(const std::string& plugin) const;
@@ -80,7 +97,11 @@ public:
     std::uint32_t cleanupDays;
 
 private:
+    void readProperties(const Base::PropertyList& properties);
+    std::string encodedProperties() const;
+
     boost::filesystem::path mPath;
+    Base::SettingsFile mProperties;
     ConfigurationSettings mSettings;
     bool mNeedsSaving;
 };

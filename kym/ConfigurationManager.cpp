@@ -2,7 +2,9 @@
 
 #include "kym/SystemInfo.h"
 
+#include "base/BaseException.h"
 #include "base/Environment.h"
+#include "base/FileLock.h"
 #include "base/FileManager.h"
 #include "base/Platform.h"
 #include "base/SmartAssert.h"
@@ -11,6 +13,11 @@
 #include <boost/filesystem/operations.hpp>
 #include <boost/regex.hpp>
 #include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <random>
 #include <stdexcept>
 
 namespace fs = boost::filesystem;
@@ -30,7 +37,78 @@ std::string configurationType(const Configuration& config) {
     return config.type;
 }
 
+// Hidden, and with a blank, which no department name holds.
+const char* const WorkDirectoryPrefix = ".kym ";
+
+// A new, empty work directory in the folder for one operation on the named department.
+fs::path makeWorkDirectory(const fs::path& folder, const std::string& operation, const std::string& name) {
+    // Seeded with the clock too: some hosts' random devices give the same numbers in every process.
+    std::random_device device;
+    std::mt19937 numbers(device() ^ static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
+    boost::system::error_code error;
+    fs::path candidate;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        char suffix[16];
+        std::snprintf(suffix, sizeof(suffix), "%08lx", static_cast<unsigned long>(numbers() & 0xFFFFFFFFul));
+        candidate = folder / (WorkDirectoryPrefix + operation + " " + name + " " + suffix);
+        // Made here or not at all: one that exists belongs to another operation.
+        if (fs::create_directory(candidate, error)) return candidate;
+        if (error) break;
+    }
+    throw Base::BaseException("Cannot create the work directory " + native(candidate) + " for department " + name +
+                              ": " + (error ? error.message() : std::string("every name tried is taken")));
+}
+
+// Removes a work directory with what it holds; whether it is gone (a failure is logged).
+bool removeWorkDirectory(const fs::path& work) {
+    boost::system::error_code error;
+    fs::remove_all(work, error);
+    if (!error) return true;
+    BASE_LOG(Base::log::info()) << "Could not remove the work directory " << native(work) << ": " << error.message()
+                                << ". No department list shows it; remove it by hand.";
+    return false;
+}
+
+// What a file held before an operation wrote it, to put back when the operation fails.
+struct FileSnapshot {
+    fs::path file;
+    bool existed = false;
+    std::string content;
+
+    static FileSnapshot of(const fs::path& file) {
+        FileSnapshot snapshot;
+        snapshot.file = file;
+        boost::system::error_code error;
+        snapshot.existed = fs::exists(file, error);
+        if (snapshot.existed) snapshot.content = Base::FileManager::readFile(file);
+        return snapshot;
+    }
+
+    // Writes only a file that differs: a write that failed left its file as it was.
+    void restore() const {
+        boost::system::error_code error;
+        const bool exists = fs::exists(file, error);
+        if (!existed) {
+            if (exists) fs::remove(file);
+        } else if (!exists || Base::FileManager::readFile(file) != content) {
+            Base::FileManager::writeFileAtomically(file, content);
+        }
+    }
+};
+
 } // namespace
+
+void ConfigurationManager::checkDepartmentName(const std::string& name) {
+    const bool blank = std::any_of(name.begin(), name.end(), [](unsigned char c) { return std::isspace(c); });
+    if (name.empty() || name == "." || name == ".." || blank || name.find_first_of("/\\") != std::string::npos)
+        throw std::runtime_error("Invalid department name '" + name +
+                                 "': a department is a directory of the departments directory, named without "
+                                 "blanks and without '/' or '\\'.");
+}
+
+bool ConfigurationManager::isWorkDirectoryName(const std::string& name) {
+    return name.compare(0, std::char_traits<char>::length(WorkDirectoryPrefix), WorkDirectoryPrefix) == 0;
+}
 
 ConfigurationManager::ConfigurationManager() {
     initialize();
@@ -54,6 +132,7 @@ void ConfigurationManager::initialize() {
 }
 
 void ConfigurationManager::addValidConfiguration(const fs::path& entry) {
+    if (isWorkDirectoryName(entry.filename().string())) return;
     if (!Base::FileManager::isReadable(entry) || !Base::FileManager::isExecutable(entry)) return;
     try {
         mConfigurations.push_back(Configuration(entry, true));
@@ -120,8 +199,15 @@ const std::vector<std::string>& ConfigurationManager::availableTypes() const {
 }
 
 void ConfigurationManager::createConfiguration() {
+    createConfiguration(NewConfigurationName);
+}
+
+Configuration& ConfigurationManager::createConfiguration(const std::string& name,
+                                                         const std::function<void(Configuration&)>& prepare) {
+    checkDepartmentName(name);
     BASE_LOG(Base::log::info()) << "Creating new configuration";
-    const fs::path directory = SystemInformation().localDepartmentsPath() / NewConfigurationName;
+    const fs::path departments = SystemInformation().localDepartmentsPath();
+    const fs::path directory = departments / name;
     boost::system::error_code error;
     if (fs::exists(directory, error)) {
         const std::string message = "Directory " + native(directory) + " already exists.";
@@ -129,17 +215,33 @@ void ConfigurationManager::createConfiguration() {
         throw std::runtime_error(message);
     }
     BASE_LOG(Base::log::info()) << "Creating directory: " << native(directory);
-    fs::create_directory(directory);
+    const fs::path work = makeWorkDirectory(departments, "creating", name);
     try {
-        Base::FileManager::setPermissions(directory, 0775);
-        Configuration config(directory, false);
-        config.save();
+        // Under its own name, so that prepare sees the department as it will be.
+        const fs::path built = work / name;
+        fs::create_directory(built);
+        Base::FileManager::setPermissions(built, 0775);
+        Configuration config(built, false);
         config.createNXVersionDirectory();
+        if (prepare) prepare(config);
+        // Written one by one: until the move, nobody else sees them.
+        BASE_LOG(Base::log::info()) << "saving configuration settings: " << native(directory);
+        config.saveProperties();
+        if (config.settings()->needsSaving()) config.settings()->save();
+        config.setNeedsSaving(false);
+        // POSIX would silently replace an empty directory made meanwhile.
+        if (fs::exists(directory, error))
+            throw std::runtime_error("Directory " + native(directory) + " already exists.");
+        mConfigurations.reserve(mConfigurations.size() + 1);
+        Base::FileManager::moveDirectory(built, directory);
+        config.setPath(directory);
         mConfigurations.push_back(config);
     } catch (...) {
-        fs::remove_all(directory, error);
+        removeWorkDirectory(work);
         throw;
     }
+    removeWorkDirectory(work);
+    return mConfigurations.back();
 }
 
 void ConfigurationManager::renameConfiguration(int index, const std::string& newName) {
@@ -150,15 +252,95 @@ void ConfigurationManager::renameConfiguration(int index, const std::string& new
     // POSIX would silently replace an empty directory; refuse any that stands there.
     if (directory != config.path() && fs::exists(directory, error))
         throw std::runtime_error("Directory " + native(directory) + " already exists.");
-    fs::rename(config.path(), directory);
+    Base::FileManager::moveDirectory(config.path(), directory);
     config.setPath(directory);
 }
 
-void ConfigurationManager::deleteConfiguration(int index) {
+std::vector<std::string> ConfigurationManager::renameConfigurationWithDependents(int index,
+                                                                                const std::string& newName) {
     checkIndex(index, __func__);
-    Configuration& config = mConfigurations[static_cast<std::size_t>(index)];
-    fs::remove_all(config.path());
+    checkDepartmentName(newName);
+    const std::size_t renamed = static_cast<std::size_t>(index);
+    const std::string oldName = mConfigurations[renamed].name();
+    const fs::path from = mConfigurations[renamed].path();
+    const fs::path to = from.parent_path() / newName;
+    if (newName == oldName) return {};
+
+    std::vector<std::size_t> dependents;
+    for (std::size_t other = 0; other < mConfigurations.size(); ++other)
+        if (other != renamed && mConfigurations[other].commonDepartment == oldName) dependents.push_back(other);
+
+    // Every file a dependent's save writes is held and checked before anything moves.
+    std::vector<std::unique_ptr<Base::FileLock>> locks;
+    std::vector<FileSnapshot> snapshots;
+    for (std::size_t dependent : dependents) {
+        Configuration& config = mConfigurations[dependent];
+        locks.push_back(std::make_unique<Base::FileLock>(config.propertiesFile().path()));
+        locks.push_back(std::make_unique<Base::FileLock>(config.settings()->dataFile()));
+        config.propertiesFile().checkWritable();
+        snapshots.push_back(FileSnapshot::of(config.propertiesFile().path()));
+        if (config.isUpdated() && config.settings()->needsSaving()) {
+            config.settings()->settingsFile().checkWritable();
+            snapshots.push_back(FileSnapshot::of(config.settings()->dataFile()));
+        }
+    }
+
+    // POSIX would silently replace an empty directory; refuse any that stands there.
+    boost::system::error_code error;
+    if (fs::exists(to, error)) throw std::runtime_error("Directory " + native(to) + " already exists.");
+    const std::vector<Configuration> before = mConfigurations;
+    Base::FileManager::moveDirectory(from, to);
+    mConfigurations[renamed].setPath(to);
+    try {
+        for (std::size_t dependent : dependents) {
+            Configuration& config = mConfigurations[dependent];
+            config.commonDepartment = newName;
+            config.setNeedsSaving(true);
+            config.save();
+        }
+    } catch (...) {
+        for (const FileSnapshot& snapshot : snapshots) {
+            try {
+                snapshot.restore();
+            } catch (const std::exception& failure) {
+                BASE_LOG(Base::log::info()) << "Could not put back " << native(snapshot.file) << ": "
+                                            << failure.what();
+            }
+        }
+        mConfigurations = before;
+        try {
+            Base::FileManager::moveDirectory(to, from);
+        } catch (const std::exception& failure) {
+            BASE_LOG(Base::log::info()) << "Could not rename department " << newName << " back to " << oldName
+                                        << ": " << failure.what();
+            mConfigurations[renamed].setPath(to);
+        }
+        throw;
+    }
+
+    std::vector<std::string> names;
+    for (std::size_t dependent : dependents) names.push_back(mConfigurations[dependent].name());
+    return names;
+}
+
+fs::path ConfigurationManager::deleteConfiguration(int index) {
+    checkIndex(index, __func__);
+    const Configuration& config = mConfigurations[static_cast<std::size_t>(index)];
+    const fs::path directory = config.path();
+    const std::string name = config.name();
+    // A save another writer has begun in it ends before the department goes.
+    const Base::FileLock propertiesLock(config.propertiesFile().path());
+    const Base::FileLock settingsLock(config.settings()->dataFile());
+    const fs::path work = makeWorkDirectory(directory.parent_path(), "deleting", name);
+    try {
+        Base::FileManager::moveDirectory(directory, work / name);
+    } catch (...) {
+        removeWorkDirectory(work);
+        throw;
+    }
     mConfigurations.erase(mConfigurations.begin() + index);
+    BASE_LOG(Base::log::info()) << "Removing department " << name << " from " << native(work);
+    return removeWorkDirectory(work) ? fs::path() : work;
 }
 
 bool ConfigurationManager::anyNeedsSaving() const {

@@ -12,6 +12,7 @@
 
 #include <boost/any.hpp>
 #include <boost/filesystem/path.hpp>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -47,12 +48,36 @@ public:
     CommonConfigurationRange commonConfigurations() const;
     const std::vector<std::string>& availableTypes() const;
 
-    // Makes NewConfigurationName with its version directory; nothing is left on failure.
+    // Makes the department NAME in a hidden work directory of the departments
+    // directory: its directory, the version directory of the current release,
+    // whatever prepare sets, and its properties and settings saved. Moving it
+    // into place is the last step, so other readers see it whole or not at
+    // all. Throws when the name is no department name or is taken; on any
+    // failure, prepare's included, only the work directory is removed.
+    // Returns the new department, the last of the list.
+    Configuration& createConfiguration(const std::string& name,
+                                       const std::function<void(Configuration&)>& prepare = {});
+    // Makes NewConfigurationName as it comes, the same way.
     void createConfiguration();
     // Moves the directory; a failure leaves everything as it was.
     void renameConfiguration(int index, const std::string& newName);
-    // Removes the directory with all releases.
-    void deleteConfiguration(int index);
+    // Renames the department and makes the departments that name it as their
+    // common department name the new one. Their files are locked and checked
+    // before anything moves; when a save fails, those already written are put
+    // back, the directory moves back, and the save's error is thrown. Returns
+    // the names of those departments.
+    std::vector<std::string> renameConfigurationWithDependents(int index, const std::string& newName);
+    // Takes the directory out of the departments in one step (into a hidden
+    // work directory), then removes it with all releases. A removal that
+    // fails is logged and leaves that work directory, which is returned
+    // (else an empty path).
+    boost::filesystem::path deleteConfiguration(int index);
+    // Whether an entry of the departments directory is the work directory of
+    // a create or delete, running or interrupted; no scan lists one.
+    static bool isWorkDirectoryName(const std::string& name);
+    // Throws when the name cannot be a department's: empty, "." or "..", or
+    // holding a blank, '/' or '\\'.
+    static void checkDepartmentName(const std::string& name);
 
     bool anyNeedsSaving() const;
     void saveDirty();

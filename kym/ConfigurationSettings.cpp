@@ -113,11 +113,19 @@ ConfigurationSettings::~ConfigurationSettings() = default;
 
 void ConfigurationSettings::load() {
     boost::system::error_code error;
-    if (!fs::exists(mDataFile, error) || !Base::FileManager::isReadable(mDataFile)) return;
+    const fs::path& file = mDataFile.path();
+    if (!fs::exists(file, error)) {
+        mDataFile.setRead(Base::FileIdentity());
+        return;
+    }
+    if (!Base::FileManager::isReadable(file)) {
+        mDataFile.setReadFailure("it is not readable");
+        return;
+    }
     // Deliberately quiet: the keys read before a fault keep their new values,
     // the rest keep the old ones, and the department still opens.
     try {
-        Base::Unarchiver archive(mDataFile);
+        Base::Unarchiver archive(file);
         decodeList(archive, WorkDirectoryListKey, mWorkDirectories);
         decodeList(archive, CommonVariablesKey, mCommonVariables);
         decodeList(archive, UnixVariablesKey, mUnixVariables);
@@ -125,33 +133,48 @@ void ConfigurationSettings::load() {
         archive.decode(DisabledPluginsKey, mDisabledPlugins);
         decodeList(archive, ApplicationListKey, mApplications);
         decodeList(archive, ApplicationOverlayListKey, mOverlays);
-    } catch (const std::exception&) {
+        mDataFile.setRead(archive.sourceIdentity());
+    } catch (const std::exception& failure) {
+        mDataFile.setReadFailure(failure.what());
     }
 }
 
-void ConfigurationSettings::save() {
-    if (!needsSaving()) return;
-    const fs::path directory = mDataFile.parent_path();
-    if (!directory.empty() && !fs::exists(directory)) {
-        fs::create_directory(directory);
-        Base::FileManager::setPermissions(directory, 0775);
-    }
+std::string ConfigurationSettings::encoded() const {
     // Encoding an application clears its marks, so a copy is encoded: a failed write keeps them.
     std::vector<ConfigApplication> applications = mApplications;
-    Base::Archiver archive(mDataFile);
+    Base::Archiver archive(mDataFile.path());
     archive.encodeObject(WorkDirectoryListKey, mWorkDirectories);
     encodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
     archive.encode(DisabledPluginsKey, mDisabledPlugins);
     archive.encodeObject(ApplicationListKey, applications);
     archive.encodeObject(ApplicationOverlayListKey, mOverlays);
-    archive.finishEncoding();
+    return archive.text();
+}
 
+void ConfigurationSettings::clearMarks() {
     mWorkDirectorySource.setEdited(false);
     setVariableListsEdited(false);
     mDisablePluginSource.setEdited(false);
     mApplicationSource.setEdited(false);
     for (ConfigApplication& application : mApplications) application.setVariableListsEdited(false);
     mNeedsSaving = false;
+}
+
+void ConfigurationSettings::save() {
+    if (!needsSaving()) return;
+    const fs::path directory = mDataFile.path().parent_path();
+    if (!directory.empty() && !fs::exists(directory)) {
+        fs::create_directory(directory);
+        Base::FileManager::setPermissions(directory, 0775);
+    }
+    mDataFile.write(encoded());
+    clearMarks();
+}
+
+fs::path ConfigurationSettings::overwrite() {
+    const fs::path copy = mDataFile.overwrite(encoded());
+    clearMarks();
+    return copy;
 }
 
 bool ConfigurationSettings::needsSaving() const {

@@ -9,6 +9,8 @@
 #include "kym/EnvironmentVariable.h"
 #include "kym/KymExport.h"
 #include "kym/SettingsProtocol.h"
+
+#include "base/SettingsFile.h"
 #include "kym/WorkDirectory.h"
 
 #include "base/DataSourceInterface.h"
@@ -59,11 +61,22 @@ public:
     ConfigurationSettings& operator=(const ConfigurationSettings& other);
     ~ConfigurationSettings() override;
 
-    void setDataFile(const boost::filesystem::path& file) { mDataFile = file; }
-    const boost::filesystem::path& dataFile() const { return mDataFile; }
+    void setDataFile(const boost::filesystem::path& file) { mDataFile.setPath(file); }
+    const boost::filesystem::path& dataFile() const { return mDataFile.path(); }
+    const Base::SettingsFile& settingsFile() const { return mDataFile; }
 
+    // Quiet: a damaged file leaves what was read before the fault and the
+    // rest as it was, and the department opens; such a file, or one that is
+    // not readable, is never saved over.
     void load();
+    // Rewrites the file when something was edited. Refused, with nothing
+    // written and the marks kept, when the file failed to load
+    // (Base::SettingsFileDamaged) or another writer changed it since it was
+    // loaded (Base::SettingsFileChanged).
     void save();
+    // Rewrites the file whatever it holds now, keeping a copy of a file that
+    // failed to load or was changed; returns that copy (or an empty path).
+    boost::filesystem::path overwrite();
     bool needsSaving() const;
     void setNeedsSaving(bool needsSaving) { mNeedsSaving = needsSaving; }
 
@@ -87,11 +100,14 @@ public:
     void mergeEnvVariables(std::vector<EnvironmentVariable>& vars) const;
 
 private:
+    std::string encoded() const;
+    void clearMarks();
+
     std::vector<WorkDirectory> mWorkDirectories;
     std::vector<ConfigApplication> mApplications;
     std::vector<ApplicationOverlay> mOverlays;
     std::vector<std::string> mDisabledPlugins;
-    boost::filesystem::path mDataFile;
+    Base::SettingsFile mDataFile;
     WorkDirectoryListSource mWorkDirectorySource;
     DisablePluginSource mDisablePluginSource;
     ApplicationListSource mApplicationSource;

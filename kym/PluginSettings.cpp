@@ -69,30 +69,53 @@ std::string PluginSettings::name() const {
 
 void PluginSettings::load() {
     boost::system::error_code error;
-    if (!fs::exists(mDataFile, error)) return;
-    Base::Unarchiver archive(mDataFile);
-    // Decoded aside first, so a damaged file leaves the plugin as it was.
-    std::string type = SiteWideType;
-    archive.decode(PluginTypeKey, type);
-    auto lists = decodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
-    auto applications = archive.decodeValue<std::vector<ConfigApplication>>(ApplicationListKey);
-    mPluginType = std::move(type);
-    takeVariableLists(std::move(lists));
-    mApplications = std::move(applications);
+    if (!fs::exists(mDataFile.path(), error)) {
+        mDataFile.setRead(Base::FileIdentity());
+        return;
+    }
+    try {
+        Base::Unarchiver archive(mDataFile.path());
+        // Decoded aside first, so a damaged file leaves the plugin as it was.
+        std::string type = SiteWideType;
+        archive.decode(PluginTypeKey, type);
+        auto lists = decodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
+        auto applications = archive.decodeValue<std::vector<ConfigApplication>>(ApplicationListKey);
+        mPluginType = std::move(type);
+        takeVariableLists(std::move(lists));
+        mApplications = std::move(applications);
+        mDataFile.setRead(archive.sourceIdentity());
+    } catch (const std::exception& failure) {
+        mDataFile.setReadFailure(failure.what());
+        throw;
+    }
+}
+
+std::string PluginSettings::encoded() const {
+    // Encoding an application clears its marks, so a copy is encoded: a failed write keeps them.
+    std::vector<ConfigApplication> applications = mApplications;
+    Base::Archiver archive(mDataFile.path());
+    archive.encode(PluginTypeKey, mPluginType);
+    encodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
+    archive.encodeObject(ApplicationListKey, applications);
+    return archive.text();
+}
+
+void PluginSettings::clearListMarks() {
+    for (ConfigApplication& application : mApplications) application.setVariableListsEdited(false);
+    setVariableListsEdited(false);
+    mApplicationSource.setEdited(false);
 }
 
 void PluginSettings::save() {
     if (!needsSaving()) return;
-    // Encoding an application clears its marks, so a copy is encoded: a failed write keeps them.
-    std::vector<ConfigApplication> applications = mApplications;
-    Base::Archiver archive(mDataFile);
-    archive.encode(PluginTypeKey, mPluginType);
-    encodeVariableLists(archive, CommonVariablesKey, UnixVariablesKey, WindowsVariablesKey);
-    archive.encodeObject(ApplicationListKey, applications);
-    archive.finishEncoding();
-    for (ConfigApplication& application : mApplications) application.setVariableListsEdited(false);
-    setVariableListsEdited(false);
-    mApplicationSource.setEdited(false);
+    mDataFile.write(encoded());
+    clearListMarks();
+}
+
+fs::path PluginSettings::overwrite() {
+    const fs::path copy = mDataFile.overwrite(encoded());
+    clearListMarks();
+    return copy;
 }
 
 bool PluginSettings::needsSaving() const {

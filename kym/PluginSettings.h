@@ -7,6 +7,8 @@
 #include "kym/KymExport.h"
 #include "kym/SettingsProtocol.h"
 
+#include "base/SettingsFile.h"
+
 #include <boost/filesystem/path.hpp>
 #include <string>
 #include <vector>
@@ -37,15 +39,23 @@ public:
     // The directory's leaf name and the directory.
     std::string name() const;
     boost::filesystem::path path() const { return mDirectory; }
-    const boost::filesystem::path& dataFile() const { return mDataFile; }
+    const boost::filesystem::path& dataFile() const { return mDataFile.path(); }
+    const Base::SettingsFile& settingsFile() const { return mDataFile; }
 
     const std::string& pluginType() const { return mPluginType; }
     void setPluginType(const std::string& type) { mPluginType = type; }
 
+    // A damaged settings.dat throws, leaves the plugin as it was and is never saved over.
     void load();
     // Rewrites settings.dat when needsSaving(). The mark of setNeedsSaving
-    // survives: such a plugin is written again at every save until it is cleared.
+    // survives: such a plugin is written again at every save until it is
+    // cleared. Refused, with nothing written and the marks kept, when the
+    // file failed to load (Base::SettingsFileDamaged) or another writer
+    // changed it since it was loaded (Base::SettingsFileChanged).
     void save();
+    // Rewrites settings.dat whatever it holds now, keeping a copy of a file
+    // that failed to load or was changed; returns that copy (or an empty path).
+    boost::filesystem::path overwrite();
     bool needsSaving() const;
     void setNeedsSaving(bool needsSaving) { mNeedsSaving = needsSaving; }
 
@@ -56,9 +66,12 @@ public:
     void mergeEnvVariables(std::vector<EnvironmentVariable>& vars) const;
 
 private:
+    std::string encoded() const;
+    void clearListMarks();
+
     std::string mPluginType;
     std::vector<ConfigApplication> mApplications;
-    boost::filesystem::path mDataFile;
+    Base::SettingsFile mDataFile;
     boost::filesystem::path mDirectory;
     ApplicationListSource mApplicationSource;
     bool mNeedsSaving;

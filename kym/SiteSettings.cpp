@@ -53,11 +53,11 @@ SiteSettings::SiteSettings() : mUseWindowsRegistry(true), mSettingsChanged(false
 SiteSettings::~SiteSettings() = default;
 
 std::string SiteSettings::datafilename() const {
-    return "site_settings" + SystemInformation().SiteSettingsSuffix + ".dat";
+    return standardDataFile().filename().string();
 }
 
-fs::path SiteSettings::dataFile() const {
-    return SystemInformation().localDepartmentsPath() / datafilename();
+fs::path SiteSettings::standardDataFile() {
+    return SystemInformation().localDepartmentsPath() / ("site_settings" + SystemInformation().SiteSettingsSuffix + ".dat");
 }
 
 void SiteSettings::updateVarNames() {
@@ -76,9 +76,21 @@ void SiteSettings::updateVarNames() {
 void SiteSettings::load() {
     const fs::path file = dataFile();
     BASE_LOG(Base::log::info()) << "Loading site settings file: " << native(file);
+    mDataFile.setPath(file);
     boost::system::error_code error;
-    if (!fs::exists(file, error)) return;
+    if (!fs::exists(file, error)) {
+        mDataFile.setRead(Base::FileIdentity());
+        return;
+    }
+    try {
+        decodeFrom(file);
+    } catch (const std::exception& failure) {
+        mDataFile.setReadFailure(failure.what());
+        throw;
+    }
+}
 
+void SiteSettings::decodeFrom(const fs::path& file) {
     Base::Unarchiver archive(file);
     // Decoded aside first, so a damaged file leaves the store as it was.
     auto unixNXInstallPath = archive.decodeValue<EnvironmentVariable>(UnixNXInstallPathKey);
@@ -112,13 +124,26 @@ void SiteSettings::load() {
     mUnixExternalPluginsLocation = std::move(unixExternalPluginsLocation);
     mWinExternalPluginsLocation = std::move(winExternalPluginsLocation);
     updateVarNames();
+    mDataFile.setRead(archive.sourceIdentity());
 }
 
 void SiteSettings::save() {
     if (!needsSaving()) return;
-    const fs::path file = dataFile();
-    BASE_LOG(Base::log::info()) << "Saving site settings file: " << native(file);
-    Base::Archiver archive(file);
+    BASE_LOG(Base::log::info()) << "Saving site settings file: " << native(mDataFile.path());
+    mDataFile.write(encoded());
+    setVariableListsEdited(false);
+    mSettingsChanged = false;
+}
+
+fs::path SiteSettings::overwrite() {
+    const fs::path copy = mDataFile.overwrite(encoded());
+    setVariableListsEdited(false);
+    mSettingsChanged = false;
+    return copy;
+}
+
+std::string SiteSettings::encoded() const {
+    Base::Archiver archive(mDataFile.path());
     archive.encodeObject(UnixNXInstallPathKey, mUnixNXInstallPath);
     archive.encodeObject(WindowsNXInstallPathKey, mWinNXInstallPath);
     archive.encodeObject(UnixTcEngInstallPathKey, mUnixTcEngInstallPath);
@@ -132,9 +157,7 @@ void SiteSettings::save() {
     archive.encodeObject(WindowsPlotConfBaseKey, mWinPlotConfBase);
     archive.encode(UnixExternalPluginsLocationKey, mUnixExternalPluginsLocation);
     archive.encode(WindowsExternalPluginsLocationKey, mWinExternalPluginsLocation);
-    archive.finishEncoding();
-    setVariableListsEdited(false);
-    mSettingsChanged = false;
+    return archive.text();
 }
 
 bool SiteSettings::needsSaving() const {

@@ -9,6 +9,8 @@
 #include "kym/KymExport.h"
 #include "kym/SettingsProtocol.h"
 
+#include "base/SettingsFile.h"
+
 #include <boost/filesystem/path.hpp>
 #include <string>
 #include <vector>
@@ -41,14 +43,24 @@ public:
     SiteSettings& operator=(const SiteSettings&) = default;
     ~SiteSettings() override;
 
-    // A missing file keeps the defaults; a damaged one throws and changes nothing.
+    // A missing file keeps the defaults; a damaged one throws, changes
+    // nothing and is never saved over.
     void load();
-    // Rewrites the whole file when something was edited.
+    // Rewrites the whole file when something was edited. Refused, with
+    // nothing written and the marks kept, when the file failed to load
+    // (Base::SettingsFileDamaged) or another writer changed it since it was
+    // loaded (Base::SettingsFileChanged).
     void save();
+    // Rewrites the file whatever it holds now, keeping a copy of a file that
+    // failed to load or was changed; returns that copy (or an empty path).
+    boost::filesystem::path overwrite();
     bool needsSaving() const;
     // To be called after any edit outside the three variable lists.
     void settingsChanged() { mSettingsChanged = true; }
-    boost::filesystem::path dataFile() const;
+    boost::filesystem::path dataFile() const { return standardDataFile(); }
+    // Where the site settings are kept, named by the system information.
+    static boost::filesystem::path standardDataFile();
+    const Base::SettingsFile& settingsFile() const { return mDataFile; }
 
     // The site's variables for a launch, after the process environment.
     void mergeEnvVariables(std::vector<EnvironmentVariable>& vars) const;
@@ -93,6 +105,8 @@ private:
     void initializeExternalPlugins();
     void addExternalPlugin(const boost::filesystem::path& dir);
     std::string registryInstallPath() const;
+    void decodeFrom(const boost::filesystem::path& file);
+    std::string encoded() const;
 
     EnvironmentVariable mUnixNXInstallPath;
     EnvironmentVariable mWinNXInstallPath;
@@ -107,6 +121,7 @@ private:
     std::string mUnixExternalPluginsLocation;
     std::string mWinExternalPluginsLocation;
     bool mSettingsChanged;
+    Base::SettingsFile mDataFile;
 };
 
 // The process-wide store, created and loaded at the first call.

@@ -104,28 +104,45 @@ SystemInfo::SystemInfo()
 }
 
 void SystemInfo::load() {
-    BASE_LOG(Base::log::info()) << "Loading system information: " << native(mDataFile);
+    BASE_LOG(Base::log::info()) << "Loading system information: " << native(mDataFile.path());
     boost::system::error_code error;
-    if (!fs::exists(mDataFile, error) || !Base::FileManager::isReadable(mDataFile)) {
+    const bool exists = fs::exists(mDataFile.path(), error);
+    if (!exists || !Base::FileManager::isReadable(mDataFile.path())) {
         BASE_LOG(Base::log::info()) << "  Data file was not found or not readable. " << "Using default settings.";
+        if (exists)
+            mDataFile.setReadFailure("it is not readable");
+        else
+            mDataFile.setRead(Base::FileIdentity());
         return;
     }
     try {
-        Base::Unarchiver archive(mDataFile);
+        Base::Unarchiver archive(mDataFile.path());
         for (const PersistedConstant& constant : persistedConstants) archive.decode(constant.key, this->*constant.member);
+        mDataFile.setRead(archive.sourceIdentity());
     } catch (const std::exception& failure) {
         BASE_LOG(Base::log::info()) << "  Could not read data file for some reason. " << "Using default settings.";
         BASE_LOG(Base::log::verbose()) << "    " << failure.what();
+        mDataFile.setReadFailure(failure.what());
     }
+}
+
+std::string SystemInfo::encoded() const {
+    Base::Archiver archive(mDataFile.path());
+    for (const PersistedConstant& constant : persistedConstants) archive.encode(constant.key, this->*constant.member);
+    return archive.text();
 }
 
 void SystemInfo::save() {
     if (!mSettingsChanged) return;
-    BASE_LOG(Base::log::info()) << "saving system information: " << native(mDataFile);
-    Base::Archiver archive(mDataFile);
-    for (const PersistedConstant& constant : persistedConstants) archive.encode(constant.key, this->*constant.member);
-    archive.finishEncoding();
+    BASE_LOG(Base::log::info()) << "saving system information: " << native(mDataFile.path());
+    mDataFile.write(encoded());
     mSettingsChanged = false;
+}
+
+fs::path SystemInfo::overwrite() {
+    const fs::path copy = mDataFile.overwrite(encoded());
+    mSettingsChanged = false;
+    return copy;
 }
 
 const fs::path& SystemInfo::installPath() {

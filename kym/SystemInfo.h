@@ -7,6 +7,8 @@
 
 #include "kym/KymExport.h"
 
+#include "base/SettingsFile.h"
+
 #include <boost/filesystem/path.hpp>
 #include <string>
 
@@ -22,13 +24,21 @@ public:
     ~SystemInfo() = default;
 
     // A missing, unreadable or damaged file leaves the defaults (a damaged
-    // one: the members read before the fault keep what was read).
+    // one: the members read before the fault keep what was read); an
+    // unreadable or damaged one is never saved over.
     void load();
     // Writes the file when settingsChanged() was called since the last save.
+    // Refused, with nothing written and the mark kept, when the file failed
+    // to load (Base::SettingsFileDamaged) or another writer changed it since
+    // it was loaded (Base::SettingsFileChanged).
     void save();
+    // Writes the file whatever it holds now, keeping a copy of a file that
+    // failed to load or was changed; returns that copy (or an empty path).
+    boost::filesystem::path overwrite();
     bool needsSaving() const { return mSettingsChanged; }
     void settingsChanged() { mSettingsChanged = true; }
-    const boost::filesystem::path& dataFile() const { return mDataFile; }
+    const boost::filesystem::path& dataFile() const { return mDataFile.path(); }
+    const Base::SettingsFile& settingsFile() const { return mDataFile; }
 
     // The locations, each determined once per process.
     // The expanded KYM_BASE_DIR, read at the first call.
@@ -63,7 +73,9 @@ public:
 
 private:
     bool mSettingsChanged;
-    boost::filesystem::path mDataFile;
+    std::string encoded() const;
+
+    Base::SettingsFile mDataFile;
 };
 
 // The process-wide store, created and loaded at the first call.

@@ -104,7 +104,11 @@ void SystemPreferences::ReadInPList(const std::string& fileName, const std::stri
     const fs::path file = fs::path(directory) / fileName;
     BASE_LOG(Base::log::info()) << "Reading in preference file " << native(file);
     try {
-        Base::PropertyList list(file);
+        boost::system::error_code error;
+        const bool exists = fs::status(file, error).type() != fs::file_not_found;
+        const std::string text = exists ? Base::FileManager::readFile(file) : std::string();
+        Base::PropertyList list(file, exists ? Base::PropertyList::parse(text, native(file)) : boost::any());
+        fileOf(file).setRead(exists ? Base::FileIdentity::ofContent(text) : Base::FileIdentity());
         if (!list.hasRoot()) list.setList(Dictionary());
         if (!boost::any_cast<Dictionary>(&list.root()))
             throw InvalidPreferenceFile("Invalid preference file: " + native(file) + "  Root object was not dictionary");
@@ -117,8 +121,14 @@ void SystemPreferences::ReadInPList(const std::string& fileName, const std::stri
     } catch (const Base::BaseException& failure) {
         mDomains[file] = boost::make_shared<boost::any>(Dictionary());
         mChanged[file] = false;
+        fileOf(file).setReadFailure(failure.what());
         BASE_LOG(Base::log::info()) << failure.what();
     }
+}
+
+Base::SettingsFile& SystemPreferences::fileOf(const path& file) {
+    const auto found = mFiles.find(file);
+    return found != mFiles.end() ? found->second : mFiles.emplace(file, Base::SettingsFile(file)).first->second;
 }
 
 boost::shared_ptr<boost::any>& SystemPreferences::domain(const path& file) {
@@ -191,7 +201,7 @@ void SystemPreferences::Flush(const std::string& directory) {
         auto found = mDomains.find(file);
         if (found == mDomains.end() || !found->second || changed == mChanged.end() || !changed->second) return;
         BASE_LOG(Base::log::info()) << "Writing property list " << native(file);
-        Base::PropertyList(file, *found->second).saveList();
+        fileOf(file).write(Base::PropertyList::serialize(*found->second));
         changed->second = false;
     };
     try {

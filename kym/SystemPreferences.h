@@ -7,6 +7,8 @@
 
 #include "kym/KymExport.h"
 
+#include "base/SettingsFile.h"
+
 #include "base/BaseException.h"
 
 #include <boost/any.hpp>
@@ -68,8 +70,13 @@ private:
     void ReadInPList(const std::string& fileName, const std::string& directory, bool atFront);
     boost::shared_ptr<boost::any>& domain(const path& file);
 
+    // What each domain's file held when it was read: a flush never writes
+    // over one that could not be read or that another writer changed since.
+    Base::SettingsFile& fileOf(const path& file);
+
     std::map<path, boost::shared_ptr<boost::any>> mDomains;
     std::map<path, bool> mChanged;
+    std::map<path, Base::SettingsFile> mFiles;
     std::list<path> mSearchList;
     std::string mApplicationFileName;
     std::string mGlobalFileName;

@@ -62,15 +62,15 @@ std::string flagsText(Kym::ApplicationListSource& applications, int row) {
     return boost::algorithm::join(flags, ",");
 }
 
-Layer openApplicationLayer(const std::string& layerName) {
-    Layer layer = openLayer(layerName);
+Layer openApplicationLayer(const std::string& layerName, Access access) {
+    Layer layer = openLayer(layerName, access);
     if (!layer.applications)
         throw UsageError("The site settings hold no applications: choose base, plugin:NAME or dept:NAME.");
     return layer;
 }
 
 int listApplications(Context& context, const std::string& layerName) {
-    Layer layer = openApplicationLayer(layerName);
+    Layer layer = openApplicationLayer(layerName, Access::Read);
     Kym::ApplicationListSource& applications = *layer.applications;
     Json value = Json::object();
     value.set("layer", layerName);
@@ -107,7 +107,7 @@ struct AddOptions {
 
 int addApplication(Context& context, const AddOptions& options) {
     checkAppId(options.appId);
-    Layer layer = openApplicationLayer(options.layer);
+    Layer layer = openApplicationLayer(options.layer, Access::Edit);
     Kym::ApplicationListSource& applications = *layer.applications;
     if (applicationRow(applications, options.appId) >= 0)
         throw std::runtime_error("Application '" + options.appId + "' already exists in " + layer.description + ".");
@@ -135,7 +135,7 @@ int addApplication(Context& context, const AddOptions& options) {
 int setApplication(Context& context, const std::string& layerName, const std::string& appId, const std::string& givenColumn,
                    const std::string& text) {
     const std::string column = canonicalColumn(givenColumn);
-    Layer layer = openApplicationLayer(layerName);
+    Layer layer = openApplicationLayer(layerName, Access::Edit);
     Kym::ApplicationListSource& applications = *layer.applications;
     const int row = requireApplicationRow(layer, appId);
     std::string newValue = text;
@@ -159,7 +159,7 @@ int setApplication(Context& context, const std::string& layerName, const std::st
 }
 
 int removeApplication(Context& context, const std::string& layerName, const std::string& appId) {
-    Layer layer = openApplicationLayer(layerName);
+    Layer layer = openApplicationLayer(layerName, Access::Edit);
     const int row = requireApplicationRow(layer, appId);
     layer.applications->deleteRows({row});
     layer.save();
@@ -221,7 +221,7 @@ struct OverlayOptions {
 };
 
 int setOverlay(Context& context, const OverlayOptions& options) {
-    std::unique_ptr<Kym::Configuration> department = loadDepartment(options.department);
+    std::unique_ptr<Kym::Configuration> department = editDepartment(options.department);
     requireUpdated(*department);
     std::unique_ptr<Kym::Configuration> common = loadCommonDepartment(*department);
     Kym::ConfigurationSettings& settings = *department->settings();
@@ -261,7 +261,7 @@ int setOverlay(Context& context, const OverlayOptions& options) {
 
 int removeOverlay(Context& context, const std::string& name, const std::string& configuration,
                   const std::string& appId) {
-    std::unique_ptr<Kym::Configuration> department = loadDepartment(name);
+    std::unique_ptr<Kym::Configuration> department = editDepartment(name);
     requireUpdated(*department);
     Kym::ConfigurationSettings& settings = *department->settings();
     if (!settings.hasOverlay(configuration, appId))

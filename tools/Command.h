@@ -72,6 +72,7 @@ void addApplicationCommands(Commands& commands);
 void addPluginCommands(Commands& commands);
 void addSiteCommands(Commands& commands);
 void addDoctorCommand(Commands& commands);
+void addRepairCommand(Commands& commands);
 
 // Text of a yes/no setting: on/off, true/false, yes/no, 1/0, any case.
 bool parseSwitch(const std::string& text, const std::string& what);

@@ -195,48 +195,37 @@ int createDepartment(Context& context, const CreateOptions& options) {
     if (!options.cleanupDays.empty()) parseDays(options.cleanupDays);
 
     context.progress("Creating department " + options.name + ": unpacking release files...");
-    manager.createConfiguration();
-    const int index = manager.numberOfConfigurations() - 1;
+    const Kym::Configuration* department = nullptr;
     try {
-        if (options.name != Kym::ConfigurationManager::NewConfigurationName)
-            manager.renameConfiguration(index, options.name);
-        Kym::Configuration& department = *manager.configuration(index);
-        if (!options.description.empty()) setProperty(department, "description", options.description);
-        if (!options.type.empty()) setProperty(department, "type", options.type);
-        if (!options.common.empty()) setProperty(department, "common", options.common);
-        if (!options.cleanup.empty()) setProperty(department, "cleanup", options.cleanup);
-        if (!options.cleanupDays.empty()) setProperty(department, "cleanup-days", options.cleanupDays);
-        department.save();
+        // The properties are saved with the rest before the department appears.
+        department = &manager.createConfiguration(options.name, [&options](Kym::Configuration& created) {
+            if (!options.description.empty()) setProperty(created, "description", options.description);
+            if (!options.type.empty()) setProperty(created, "type", options.type);
+            if (!options.common.empty()) setProperty(created, "common", options.common);
+            if (!options.cleanup.empty()) setProperty(created, "cleanup", options.cleanup);
+            if (!options.cleanupDays.empty()) setProperty(created, "cleanup-days", options.cleanupDays);
+        });
     } catch (...) {
         context.progress("failed");
-        manager.deleteConfiguration(index);
         throw;
     }
     context.progress("done");
-    const Kym::Configuration& department = *manager.configuration(index);
-    context.print(departmentJson(department, false), [&](std::ostream& out) {
-        out << "Created department " << department.name() << " in " << native(department.path()) << ".\n";
+    context.print(departmentJson(*department, false), [&](std::ostream& out) {
+        out << "Created department " << department->name() << " in " << native(department->path()) << ".\n";
     });
     return 0;
 }
 
 int renameDepartment(Context& context, const std::string& oldName, const std::string& newName) {
-    checkDepartmentName(oldName);
+    Kym::ConfigurationManager::checkDepartmentName(oldName);
     const fs::path target = departmentDirectory(newName);
     Kym::ConfigurationManager manager = scanDepartments();
     const int index = indexOf(manager, oldName);
     boost::system::error_code error;
     if (fs::exists(target, error))
         throw std::runtime_error("Department '" + newName + "' already exists: " + native(target) + ".");
-    manager.renameConfiguration(index, newName);
-    // The library leaves the departments that share it alone; they would lose their common department.
-    const std::vector<std::string> updated = dependents(manager, oldName);
-    for (const std::string& name : updated) {
-        Kym::Configuration& department = *manager.configuration(indexOf(manager, name));
-        department.commonDepartment = newName;
-        department.setNeedsSaving(true);
-    }
-    manager.saveDirty();
+    // Those that share it follow, or nothing changes.
+    const std::vector<std::string> updated = manager.renameConfigurationWithDependents(index, newName);
 
     Json value = Json::object();
     value.set("from", oldName);
@@ -260,7 +249,7 @@ bool confirm(Context& context, const std::string& question) {
 }
 
 int deleteDepartment(Context& context, const std::string& name, bool yes) {
-    checkDepartmentName(name);
+    Kym::ConfigurationManager::checkDepartmentName(name);
     Kym::ConfigurationManager manager = scanDepartments();
     const int index = indexOf(manager, name);
     if (!yes) {
@@ -270,14 +259,18 @@ int deleteDepartment(Context& context, const std::string& name, bool yes) {
         if (!confirm(context, "Delete department " + name + " and all its releases?"))
             throw std::runtime_error("Department '" + name + "' was not deleted.");
     }
-    manager.deleteConfiguration(index);
+    const fs::path leftover = manager.deleteConfiguration(index);
     const std::vector<std::string> orphans = dependents(manager, name);
 
     Json value = Json::object();
     value.set("deleted", name);
     value.set("commonDepartmentOf", Json::strings(orphans));
+    if (!leftover.empty()) value.set("leftover", native(leftover));
     context.print(value, [&](std::ostream& out) {
         out << "Deleted department " << name << ".\n";
+        if (!leftover.empty())
+            out << "Warning: not all of its files could be removed; what is left is in " << native(leftover)
+                << ", which no department list shows: remove it by hand.\n";
         if (!orphans.empty())
             out << "Warning: these departments still name " << name
                 << " as their common department: " << boost::algorithm::join(orphans, ", ") << ".\n";
@@ -287,14 +280,14 @@ int deleteDepartment(Context& context, const std::string& name, bool yes) {
 
 int setDepartmentProperty(Context& context, const std::string& name, const std::string& property,
                           const std::string& value) {
-    std::unique_ptr<Kym::Configuration> department = loadDepartment(name);
+    std::unique_ptr<Kym::Configuration> department = editDepartment(name);
     setProperty(*department, property, value);
     department->save();
     return showDepartment(context, name);
 }
 
 int updateDepartment(Context& context, const std::string& name) {
-    std::unique_ptr<Kym::Configuration> department = loadDepartment(name);
+    std::unique_ptr<Kym::Configuration> department = editDepartment(name);
     const std::string release = Kym::SystemInformation().CadVersionDirectory;
     if (department->isUpdated())
         throw std::runtime_error("Department '" + name + "' is already updated for release " + release + ".");
@@ -353,7 +346,7 @@ int listWorkDirectories(Context& context, const std::string& name) {
 int addWorkDirectory(Context& context, const std::string& name, const std::string& directoryName,
                      const std::string& path) {
     if (directoryName.empty()) throw std::runtime_error("A work directory needs a name.");
-    std::unique_ptr<Kym::Configuration> department = loadDepartment(name);
+    std::unique_ptr<Kym::Configuration> department = editDepartment(name);
     requireUpdated(*department);
     Kym::WorkDirectoryListSource& directories = *department->settings()->workDirectories();
     if (workDirectoryRow(directories, directoryName) >= 0)
@@ -374,7 +367,7 @@ int addWorkDirectory(Context& context, const std::string& name, const std::strin
 }
 
 int removeWorkDirectory(Context& context, const std::string& name, const std::string& directoryName) {
-    std::unique_ptr<Kym::Configuration> department = loadDepartment(name);
+    std::unique_ptr<Kym::Configuration> department = editDepartment(name);
     requireUpdated(*department);
     Kym::WorkDirectoryListSource& directories = *department->settings()->workDirectories();
     const int row = workDirectoryRow(directories, directoryName);

@@ -110,7 +110,7 @@ int createPlugin(Context& context, const std::string& name, const std::string& t
 }
 
 int setPluginType(Context& context, const std::string& name, const std::string& type) {
-    Kym::PluginSettings& plugin = findPlugin(name);
+    Kym::PluginSettings& plugin = editPlugin(name);
     checkPluginType(type);
     plugin.setPluginType(type);
     plugin.setNeedsSaving(true);
@@ -135,7 +135,7 @@ int pluginRow(Kym::DisablePluginSource& source, const std::string& name) {
 }
 
 int switchPlugin(Context& context, const std::string& departmentName, const std::string& name, bool disable) {
-    std::unique_ptr<Kym::Configuration> department = loadDepartment(departmentName);
+    std::unique_ptr<Kym::Configuration> department = editDepartment(departmentName);
     requireUpdated(*department);
     Kym::ConfigurationSettings& settings = *department->settings();
     Kym::DisablePluginSource& source = *settings.disablePlugins();

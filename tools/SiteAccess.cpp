@@ -12,6 +12,7 @@
 #include "kym/SystemPreferences.h"
 
 #include "base/Environment.h"
+#include "base/FileLock.h"
 #include "base/Platform.h"
 
 #include <boost/algorithm/string/join.hpp>
@@ -31,17 +32,8 @@ void prepareStores() {
     Kym::SiteInformation();
 }
 
-void checkDepartmentName(const std::string& name) {
-    const bool blank = std::any_of(name.begin(), name.end(), [](unsigned char c) { return std::isspace(c); });
-    if (name.empty() || name == "." || name == ".." || blank || name.find('/') != std::string::npos ||
-        name.find('\\') != std::string::npos)
-        throw std::runtime_error("Invalid department name '" + name +
-                                 "': a department is a directory of the departments directory, named "
-                                 "without blanks and without '/' or '\\'.");
-}
-
 fs::path departmentDirectory(const std::string& name) {
-    checkDepartmentName(name);
+    Kym::ConfigurationManager::checkDepartmentName(name);
     return Kym::SystemInformation().localDepartmentsPath() / name;
 }
 
@@ -73,6 +65,54 @@ Kym::ConfigurationManager scanDepartments() {
 
 std::unique_ptr<Kym::Configuration> loadDepartment(const std::string& name) {
     return loadDepartmentAt(departmentDirectory(name));
+}
+
+void lockForEditing(const fs::path& file) {
+    // Released when the process ends, after the last write.
+    static auto* locks = new std::vector<std::unique_ptr<Base::FileLock>>;
+    static const bool releasedAtExit = [] {
+        std::atexit([] { locks->clear(); });
+        return true;
+    }();
+    (void)releasedAtExit;
+    locks->push_back(std::make_unique<Base::FileLock>(file));
+}
+
+std::unique_ptr<Kym::Configuration> editDepartment(const std::string& name) {
+    std::unique_ptr<Kym::Configuration> department = loadDepartment(name);
+    lockForEditing(department->propertiesFile().path());
+    lockForEditing(department->settings()->dataFile());
+    department->load();
+    return department;
+}
+
+Kym::PluginSettings& editPlugin(const std::string& name) {
+    Kym::PluginSettings& plugin = findPlugin(name);
+    lockForEditing(plugin.dataFile());
+    plugin.load();
+    return plugin;
+}
+
+Kym::SiteSettings& editSite() {
+    prepareStores();
+    Kym::SiteSettings& site = Kym::SiteInformation();
+    lockForEditing(site.dataFile());
+    site.load();
+    return site;
+}
+
+Kym::BaseSettings& editBase() {
+    Kym::BaseSettings& base = Kym::BaseInformation();
+    lockForEditing(base.dataFile());
+    base.load();
+    return base;
+}
+
+Kym::SystemInfo& editSystemInfo() {
+    Kym::SystemInfo& info = Kym::SystemInformation();
+    lockForEditing(info.dataFile());
+    info.load();
+    return info;
 }
 
 std::unique_ptr<Kym::Configuration> loadCommonDepartment(const Kym::Configuration& department) {
@@ -185,34 +225,35 @@ void checkPluginType(const std::string& type) {
 const char* const LayerHelp =
     "LAYER is one of: site, base, plugin:NAME, dept:NAME (a department).";
 
-Layer openLayer(const std::string& layerName) {
+Layer openLayer(const std::string& layerName, Access access) {
     Layer layer;
+    const bool edit = access == Access::Edit;
     const std::size_t colon = layerName.find(':');
     const std::string kind = layerName.substr(0, colon);
     const std::string name = colon == std::string::npos ? std::string() : layerName.substr(colon + 1);
     if (layerName == "site") {
         prepareStores();
-        Kym::SiteSettings& site = Kym::SiteInformation();
+        Kym::SiteSettings& site = edit ? editSite() : Kym::SiteInformation();
         layer.description = "the site settings";
         layer.file = site.dataFile();
         layer.variables = &site;
         layer.save = [&site] { site.save(); };
     } else if (layerName == "base") {
-        Kym::BaseSettings& base = Kym::BaseInformation();
+        Kym::BaseSettings& base = edit ? editBase() : Kym::BaseInformation();
         layer.description = "the base settings";
         layer.file = base.dataFile();
         layer.variables = &base;
         layer.applications = base.applications();
         layer.save = [&base] { base.save(); };
     } else if (kind == "plugin" && !name.empty()) {
-        Kym::PluginSettings& plugin = findPlugin(name);
+        Kym::PluginSettings& plugin = edit ? editPlugin(name) : findPlugin(name);
         layer.description = "plugin " + name;
         layer.file = plugin.dataFile();
         layer.variables = &plugin;
         layer.applications = plugin.applications();
         layer.save = [&plugin] { plugin.save(); };
     } else if ((kind == "dept" || kind == "department") && !name.empty()) {
-        layer.department = loadDepartment(name);
+        layer.department = edit ? editDepartment(name) : loadDepartment(name);
         requireUpdated(*layer.department);
         Kym::Configuration* department = layer.department.get();
         layer.description = "department " + name;

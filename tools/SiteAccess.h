@@ -3,11 +3,14 @@
 // applications, and what a department offers to start.
 #pragma once
 
+#include "kym/BaseSettings.h"
 #include "kym/ConfigApplication.h"
 #include "kym/Configuration.h"
 #include "kym/ConfigurationManager.h"
 #include "kym/PluginSettings.h"
 #include "kym/SettingsProtocol.h"
+#include "kym/SiteSettings.h"
+#include "kym/SystemInfo.h"
 
 #include <boost/filesystem/path.hpp>
 #include <functional>
@@ -28,11 +31,20 @@ std::string native(const fs::path& p);
 void prepareStores();
 
 // A department name names a directory of the local departments directory.
-void checkDepartmentName(const std::string& name);
 fs::path departmentDirectory(const std::string& name);
 // The department, read from its directory alone.
 std::unique_ptr<Kym::Configuration> loadDepartment(const std::string& name);
 std::unique_ptr<Kym::Configuration> loadDepartmentAt(const fs::path& directory);
+// A command that edits settings holds the lock of each file it writes from
+// before it reads the file until the command ends: commands that edit one
+// layer run one after the other, and none loses another's edit.
+void lockForEditing(const fs::path& file);
+// The stores a command edits, read afresh under their files' locks.
+std::unique_ptr<Kym::Configuration> editDepartment(const std::string& name);
+Kym::PluginSettings& editPlugin(const std::string& name);
+Kym::SiteSettings& editSite();
+Kym::BaseSettings& editBase();
+Kym::SystemInfo& editSystemInfo();
 // Every department of the departments directory (for the commands that need them all).
 Kym::ConfigurationManager scanDepartments();
 // Null when the department names no common department; throws when the one it names does not exist.
@@ -70,7 +82,9 @@ struct Layer {
     std::function<void()> save;
     std::unique_ptr<Kym::Configuration> department;
 };
-Layer openLayer(const std::string& layerName);
+// A layer opened for editing is read under its files' locks (see lockForEditing).
+enum class Access { Read, Edit };
+Layer openLayer(const std::string& layerName, Access access);
 extern const char* const LayerHelp;
 
 // Why a variable cannot be kept; `where` ("in the common list of ...") may be empty.

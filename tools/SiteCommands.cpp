@@ -90,8 +90,7 @@ int setSite(Context& context, const std::string& name, const std::string& text) 
     const auto& keys = siteKeys();
     auto key = std::find_if(keys.begin(), keys.end(), [&name](const SiteKey& candidate) { return name == candidate.key; });
     if (key == keys.end()) throw UsageError("Unknown site setting '" + name + "': choose " + siteKeyNames() + ".");
-    prepareStores();
-    Kym::SiteSettings& site = Kym::SiteInformation();
+    Kym::SiteSettings& site = editSite();
     key->set(site, text);
     site.settingsChanged();
     site.save();
@@ -186,7 +185,7 @@ int setSystemInfo(Context& context, const std::string& name, const std::string& 
     auto member = std::find_if(list.begin(), list.end(), [&name](const Member& candidate) { return name == candidate.name; });
     if (member == list.end())
         throw UsageError("Unknown system information member '" + name + "': choose " + memberNames() + ".");
-    Kym::SystemInfo& info = Kym::SystemInformation();
+    Kym::SystemInfo& info = editSystemInfo();
     info.*member->member = text;
     info.settingsChanged();
     info.save();

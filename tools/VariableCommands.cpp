@@ -73,7 +73,7 @@ Json variableJson(const Kym::EnvironmentVariable& variable) {
 }
 
 int listVariables(Context& context, const Options& options) {
-    Layer layer = openLayer(options.layer);
+    Layer layer = openLayer(options.layer, Access::Read);
     std::vector<VariableList> lists;
     if (options.list.empty()) {
         for (const char* name : ListNames) lists.push_back(variableList(layer, options.app, name));
@@ -107,7 +107,7 @@ int listVariables(Context& context, const Options& options) {
 
 int setVariable(Context& context, const Options& options) {
     if (options.name.empty()) throw std::runtime_error("A variable needs a name.");
-    Layer layer = openLayer(options.layer);
+    Layer layer = openLayer(options.layer, Access::Edit);
     VariableList list = variableList(layer, options.app, options.list.empty() ? "common" : options.list);
     int row = rowOf(list, options.name);
     const bool replaced = row >= 0;
@@ -141,7 +141,7 @@ int setVariable(Context& context, const Options& options) {
 }
 
 int unsetVariable(Context& context, const Options& options) {
-    Layer layer = openLayer(options.layer);
+    Layer layer = openLayer(options.layer, Access::Edit);
     VariableList list = variableList(layer, options.app, options.list.empty() ? "common" : options.list);
     const int row = rowOf(list, options.name);
     if (row < 0) throw std::runtime_error("Variable '" + options.name + "' is not in " + list.description + ".");

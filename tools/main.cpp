@@ -6,8 +6,8 @@
 
 #include "base/Environment.h"
 #include "base/FileManager.h"
-#include "base/Heap.h"
 #include "base/Platform.h"
+#include "base/SettingsFile.h"
 #include "base/log/Logger.h"
 #include "base/plist/DocumentCache.h"
 
@@ -169,6 +169,7 @@ const std::vector<CommandFamily>& commandFamilies() {
         {{"plugin"}, addPluginCommands},
         {{"site", "sysinfo"}, addSiteCommands},
         {{"doctor"}, addDoctorCommand},
+        {{"repair"}, addRepairCommand},
     };
     return families;
 }
@@ -223,9 +224,6 @@ int runHelp(CLI::App& root, const std::vector<std::string>& words) {
 
 int main(int argc, char** argv) {
     using namespace KymTool;
-    // A launch from a large site touches hundreds of fresh heap pages, each
-    // a fault of its own unless the heap lies in huge pages.
-    Base::Heap::useHugePages();
     Context context;
     std::vector<std::string> arguments(argv + 1, argv + argc);
     context.programCommand = splitProgramCommand(arguments);
@@ -287,6 +285,11 @@ int main(int argc, char** argv) {
         std::cerr << "kym: " << error.what() << "\n";
         printUsage(std::cerr, leaf);
         return 2;
+    } catch (const Base::SettingsFileDamaged& error) {
+        std::cout.flush();
+        std::cerr << "kym: " << withoutTrailingNewlines(error.what())
+                  << "\n'kym repair LAYER' replaces it deliberately, keeping a copy." << std::endl;
+        return 1;
     } catch (const std::exception& error) {
         std::cout.flush();
         std::cerr << "kym: " << withoutTrailingNewlines(error.what()) << std::endl;

@@ -311,4 +311,21 @@ TEST_F(KymCommand, JsonIsStableAndVerboseLogsGoToStandardError) {
                                      "\n")));
 }
 
+TEST_F(KymCommand, WhatAnInterruptedCreateOrDeleteLeftIsNoDepartment) {
+    makeDepartments();
+    // Whole departments in the hidden work directories of a creation and a deletion whose process died.
+    site.addUpdatedDepartment(".kym creating Paint 0000abcd/Paint",
+                              DepartmentProperties{"Paint", "Production", "Gone", true, 2});
+    site.addDepartment(".kym deleting Old 1234abcd/Old");
+
+    EXPECT_EQ(out({"doctor"}), text("No problems found.\n"));
+    const std::string listed = out({"departments"});
+    EXPECT_TRUE(boost::contains(listed, "Design")) << listed;
+    EXPECT_FALSE(boost::contains(listed, "Paint")) << listed;
+    EXPECT_FALSE(boost::contains(listed, "Old")) << listed;
+    EXPECT_EQ(out({"dept", "create", "Paint", "--common", "Shared"}),
+              text("Created department Paint in " + native(department("Paint")) + ".\n"));
+    EXPECT_EQ(Kym::Configuration(department("Paint"), true).commonDepartment, "Shared");
+}
+
 } // namespace
