@@ -4,11 +4,13 @@
 # same program), for a site of 8 layers of 40 and of 400 variables a layer.
 # Each launch starts bench_stamp, which prints the time it started, so the
 # same runs are also timed from start to started child (bench_time_to_start).
+# Then kym's kept tables on and off (KYM_CACHE=off), taking turns.
 # Run by hand (not part of the tests):
-#   bash bench/command_compare.sh [RESULTS.md]    (default: build/command_compare.md)
-# KYM names the kym program (default: build/tools/kym, built if missing);
-# KYM_BENCH_SIZES overrides the layer sizes ("40 400"); KYM_BENCH_DIR the
-# scratch directory (default: build/command-compare).
+#   bash bench/command_compare.sh [RESULTS.md]    (default: BUILD/command_compare.md)
+# KYM_BUILD_DIR is the build tree (default: build); KYM names the kym program
+# (default: BUILD/tools/kym, built if missing); KYM_BENCH_SIZES overrides the
+# layer sizes ("40 400"); KYM_BENCH_ROUNDS the rounds of cache on and off (3);
+# KYM_BENCH_DIR the scratch directory (default: BUILD/command-compare).
 #
 # The layers, in merge order: site, base, plugins p1 (Site-wide), p2 (Production,
 # internal) and p3 (Site-wide, external), common department, department,
@@ -20,17 +22,19 @@
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-results="${1:-$root/build/command_compare.md}"
-work="${KYM_BENCH_DIR:-$root/build/command-compare}"
+build="${KYM_BUILD_DIR:-$root/build}"
+results="${1:-$build/command_compare.md}"
+work="${KYM_BENCH_DIR:-$build/command-compare}"
 sizes="${KYM_BENCH_SIZES:-40 400}"
-kym="${KYM:-$root/build/tools/kym}"
-stamp="$root/build/bench/started/bench_stamp"
-time_to_start="$root/build/bench/started/bench_time_to_start"
+rounds="${KYM_BENCH_ROUNDS:-3}"
+kym="${KYM:-$build/tools/kym}"
+stamp="$build/bench/started/bench_stamp"
+time_to_start="$build/bench/started/bench_time_to_start"
 
 command -v hyperfine >/dev/null || bash "$root/scripts/install-deps.sh"
 if [ ! -x "$kym" ] || [ ! -x "$stamp" ] || [ ! -x "$time_to_start" ]; then
-  cmake -S "$root" -B "$root/build" >/dev/null
-  cmake --build "$root/build" -j "$(nproc)" --target kym-command bench_stamp bench_time_to_start
+  cmake -S "$root" -B "$build" >/dev/null
+  cmake --build "$build" -j "$(nproc)" --target kym-command bench_stamp bench_time_to_start
 fi
 kym="$(cd "$(dirname "$kym")" && pwd)/$(basename "$kym")"
 
@@ -116,6 +120,47 @@ cpu_table() {
   ' "$1"
 }
 
+# CACHE METRIC COMMAND VALUE lines of a hyperfine JSON export: wall and
+# user + system means in milliseconds.
+json_rows() {
+  awk -F': ' -v cache="$2" '
+    /"command":/ { sub(/^"/, "", $2); sub(/",?$/, "", $2); command = $2 }
+    /"mean":/    { gsub(/,/, "", $2); mean = $2 }
+    /"user":/    { gsub(/,/, "", $2); user = $2 }
+    /"system":/  { gsub(/,/, "", $2)
+                   printf "%s\twall\t%s\t%.3f\n", cache, command, mean * 1000
+                   printf "%s\tcpu\t%s\t%.3f\n", cache, command, (user + $2) * 1000 }
+  ' "$1"
+}
+
+# The same of bench_time_to_start's table: mean and median.
+started_rows() {
+  awk -F'|' -v cache="$1" '
+    /^\| `/ { command = $2; gsub(/^ *`|` *$/, "", command); gsub(/ /, "", $3); gsub(/ /, "", $4)
+             printf "%s\tstarted mean\t%s\t%s\n%s\tstarted median\t%s\t%s\n", cache, command, $3, cache, command, $4 }
+  '
+}
+
+# Cache on against off, from the rows of every round: the mean of the
+# rounds' values, each round's value, and the ratio.
+cache_table() {
+  echo "| Measure | Cache on [ms] | KYM_CACHE=off [ms] | On / off | Rounds, on | Rounds, off |"
+  echo "|:---|---:|---:|---:|:---|:---|"
+  awk -F'\t' '
+    { key = $2 "\t" $3
+      if (!(key in seen)) { seen[key] = 1; order[++keys] = key }
+      sum[$1, key] += $4; count[$1, key]++
+      list[$1, key] = list[$1, key] (count[$1, key] > 1 ? ", " : "") $4 }
+    END {
+      for (i = 1; i <= keys; i++) {
+        key = order[i]; split(key, part, "\t")
+        on = sum["on", key] / count["on", key]; off = sum["off", key] / count["off", key]
+        printf "| `%s`, %s | %.2f | %.2f | %.2f | %s | %s |\n", part[2], part[1], on, off, on / off, list["on", key], list["off", key]
+      }
+    }
+  ' "$1"
+}
+
 mkdir -p "$work" "$(dirname "$results")"
 {
   echo "# kym against a bash script"
@@ -159,18 +204,27 @@ for count in $sizes; do
     echo
     cpu_table "$json"
   } >>"$results"
-  # The same two commands when every settings file is parsed and checked
-  # again: the first run after an administrator's change.
-  parsed="$work/parsed-$count.md"
-  KYM_CACHE=off hyperfine -N --warmup 5 --min-runs 100 --export-markdown "$parsed" \
-    --command-name "kym env, every file parsed ($count a layer)" "$kym env bench app" \
-    --command-name "kym launch, every file parsed ($count a layer)" "$kym launch bench app"
+  # Kept tables against every settings file parsed and checked again (as
+  # after a change), in turns so that the machine's moods hit both alike.
+  echo "=== 8 layers of $count variables: kept tables on and off, $rounds rounds"
+  rows="$work/cache-$count.tsv"
+  : >"$rows"
+  for ((round = 1; round <= rounds; round++)); do
+    for cache in on off; do
+      KYM_CACHE=$cache hyperfine -N --warmup 5 --min-runs 100 --export-json "$work/cache.json" \
+        --command-name "kym env" "$kym env bench app" \
+        --command-name "kym launch" "$kym launch bench app" >/dev/null
+      json_rows "$work/cache.json" "$cache" >>"$rows"
+      KYM_CACHE=$cache "$time_to_start" 300 "kym launch" "$kym launch bench app" | started_rows "$cache" >>"$rows"
+    done
+  done
   {
     echo
-    echo "With KYM_CACHE=off (every settings file parsed and checked again, as after a change):"
+    echo "Kept tables on and with KYM_CACHE=off (every settings file parsed and checked), $rounds rounds each, taking turns (hyperfine means; start to started child over 300 runs):"
     echo
-    cat "$parsed"
+    cache_table "$rows"
   } >>"$results"
+  cache_table "$rows"
   echo "=== 8 layers of $count variables: from start to started child"
   started="$work/started-$count.md"
   "$time_to_start" 300 \

@@ -4,8 +4,18 @@
 #include "support/TestSupport.h"
 
 #include <boost/filesystem.hpp>
+#include <chrono>
 #include <functional>
 #include <gtest/gtest.h>
+#include <stdexcept>
+#include <thread>
+
+#ifndef _WIN32
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+#endif
 
 namespace {
 
@@ -94,19 +104,92 @@ protected:
         return {Document::Members(document->root()).find("value").text(), kept};
     }
 
+    // Reads once so that the table is kept; its entry.
+    fs::path keep() {
+        EXPECT_EQ(read(), std::make_pair(std::string("first"), false));
+        EXPECT_EQ(read(), std::make_pair(std::string("first"), true));
+        return DocumentCache::entryFor(mFile);
+    }
+
+    // Reads from the cache folder afresh, as the next process would.
+    void enableAgain(const fs::path& folder) { DocumentCache::enable(folder, std::chrono::nanoseconds(0)); }
+
     TempDir mDirectory;
     fs::path mFile = mDirectory / "settings.dat";
     fs::path mCache = mDirectory / "cache";
 };
 
-TEST_F(DocumentCacheTest, AnUnchangedFileIsReadFromItsTableAndAChangedOneAfresh) {
+#ifndef _WIN32
+struct stat statusOf(const fs::path& file) {
+    struct stat status {};
+    if (::lstat(file.c_str(), &status) != 0) ADD_FAILURE() << "cannot stat " << file;
+    return status;
+}
+
+const passwd& nobody() {
+    static const passwd* user = ::getpwnam("nobody");
+    if (!user) throw std::runtime_error("no user nobody");
+    return *user;
+}
+#endif
+
+TEST_F(DocumentCacheTest, AnUnchangedFileIsReadFromItsTable) {
     EXPECT_EQ(read(), std::make_pair(std::string("first"), false));
     EXPECT_TRUE(fs::exists(DocumentCache::entryFor(mFile)));
     EXPECT_EQ(read(), std::make_pair(std::string("first"), true));
-    // Same size, same place: the change time still tells.
-    writeFile(mFile, plist("<dict><key>value</key><string>other</string></dict>"));
-    EXPECT_EQ(read(), std::make_pair(std::string("other"), false));
+    EXPECT_EQ(read(), std::make_pair(std::string("first"), true));
+}
+
+// Size and modification time are what a careless copy or an editor keeps;
+// the file index (inode) and the change time, which no program can set, still tell.
+TEST_F(DocumentCacheTest, AFileRewrittenWithItsSizeAndModificationTimePutBackIsReadAfresh) {
+    const std::time_t modified = fs::last_write_time(mFile);
+    const auto rewriteKeepingSizeAndTime = [&](const std::string& value, bool inPlace) {
+        const std::uintmax_t size = fs::file_size(mFile);
+#ifndef _WIN32
+        const struct stat before = statusOf(mFile);
+#endif
+        // The change time's clock ticks every few milliseconds; in use a file
+        // is kept only once it has been left alone for two seconds.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const std::string text = plist("<dict><key>value</key><string>" + value + "</string></dict>");
+        if (inPlace) {
+            writeFile(mFile, text);
+        } else {
+            writeFile(mDirectory / "settings.new", text);
+            fs::last_write_time(mDirectory / "settings.new", modified);
+            fs::rename(mDirectory / "settings.new", mFile);
+        }
+        fs::last_write_time(mFile, modified);
+        ASSERT_EQ(size, fs::file_size(mFile));
+        ASSERT_EQ(modified, fs::last_write_time(mFile));
+#ifndef _WIN32
+        const struct stat after = statusOf(mFile);
+        ASSERT_EQ(before.st_mtim.tv_sec, after.st_mtim.tv_sec);
+        ASSERT_EQ(before.st_mtim.tv_nsec, after.st_mtim.tv_nsec);
+        EXPECT_EQ(inPlace, before.st_ino == after.st_ino);
+#endif
+    };
+    keep();
+    rewriteKeepingSizeAndTime("other", true);
+    EXPECT_EQ(read(), std::make_pair(std::string("other"), false)) << "rewritten in place";
     EXPECT_EQ(read(), std::make_pair(std::string("other"), true));
+    rewriteKeepingSizeAndTime("third", false);
+    EXPECT_EQ(read(), std::make_pair(std::string("third"), false)) << "replaced by another file";
+    EXPECT_EQ(read(), std::make_pair(std::string("third"), true));
+}
+
+TEST_F(DocumentCacheTest, ATableOfAnotherBuildIsIgnoredAndReplaced) {
+    const fs::path entry = keep();
+    std::string table = readFile(entry);
+    const std::uint64_t build = DocumentCache::buildIdentity();
+    const std::size_t at = table.find(std::string(reinterpret_cast<const char*>(&build), sizeof build));
+    ASSERT_LT(at, 64u) << "the head records the build that wrote the table";
+    table[at] = static_cast<char>(table[at] ^ 0x01);
+    writeFile(entry, table);
+    EXPECT_EQ(read(), std::make_pair(std::string("first"), false));
+    EXPECT_EQ(read(), std::make_pair(std::string("first"), true));
+    EXPECT_NE(table, readFile(entry));
 }
 
 TEST_F(DocumentCacheTest, DamagedOrForeignTablesAreIgnoredAndReplaced) {
@@ -145,5 +228,101 @@ TEST_F(DocumentCacheTest, AFileChangedJustNowIsNotKept) {
     EXPECT_EQ(read(), std::make_pair(std::string("now"), false));
     EXPECT_FALSE(fs::exists(DocumentCache::entryFor(mFile)));
 }
+
+#ifndef _WIN32
+// Anyone who could make the process read or write elsewhere than the folder
+// could feed it variables or have it overwrite the user's files.
+TEST_F(DocumentCacheTest, AnEntryThatIsALinkOrNoFileIsNeitherFollowedNorWrittenThrough) {
+    const fs::path entry = keep();
+    const std::string table = readFile(entry);
+    const fs::path soundTable = mDirectory / "sound.table";
+    const fs::path precious = mDirectory / "precious.txt";
+    const fs::path absent = mDirectory / "absent.txt";
+    writeFile(soundTable, table);
+    writeFile(precious, "precious");
+    const std::pair<const char*, std::function<void()>> plants[] = {
+        // Read through the link, it would pass every check.
+        {"link to a sound table", [&] { fs::create_symlink(soundTable, entry); }},
+        {"link to another file", [&] { fs::create_symlink(precious, entry); }},
+        {"link to no file", [&] { fs::create_symlink(absent, entry); }},
+        // Opened blocking, it would stall the read for good.
+        {"pipe", [&] { ASSERT_EQ(0, ::mkfifo(entry.c_str(), 0600)); }},
+    };
+    for (const auto& [what, plant] : plants) {
+        fs::remove(entry);
+        plant();
+        EXPECT_EQ(read(), std::make_pair(std::string("first"), false)) << what;
+        EXPECT_TRUE(S_ISREG(statusOf(entry).st_mode)) << what << ": replaced by a file of its own";
+        EXPECT_EQ(read(), std::make_pair(std::string("first"), true)) << what;
+        EXPECT_EQ(table, readFile(soundTable)) << what;
+        EXPECT_EQ("precious", readFile(precious)) << what;
+        EXPECT_FALSE(fs::exists(absent)) << what;
+    }
+}
+
+TEST_F(DocumentCacheTest, AnEntryThatOthersMayWriteIsIgnoredAndReplaced) {
+    const fs::path entry = keep();
+    for (const unsigned mode : {0666u, 0620u, 0602u}) {
+        ASSERT_EQ(0, ::chmod(entry.c_str(), mode));
+        EXPECT_EQ(read(), std::make_pair(std::string("first"), false)) << std::oct << mode;
+        EXPECT_EQ(0600u, statusOf(entry).st_mode & 07777u) << std::oct << mode;
+        EXPECT_EQ(read(), std::make_pair(std::string("first"), true)) << std::oct << mode;
+    }
+}
+
+TEST_F(DocumentCacheTest, AnEntryOfAnotherUserIsIgnoredAndReplaced) {
+    KYM_SKIP_UNLESS_ROOT();
+    const fs::path entry = keep();
+    ASSERT_EQ(0, ::lchown(entry.c_str(), nobody().pw_uid, nobody().pw_gid));
+    EXPECT_EQ(read(), std::make_pair(std::string("first"), false));
+    EXPECT_EQ(::geteuid(), statusOf(entry).st_uid);
+    EXPECT_EQ(read(), std::make_pair(std::string("first"), true));
+}
+
+TEST_F(DocumentCacheTest, AFolderThatOthersMayWriteOrThatIsALinkIsNotUsed) {
+    const fs::path entry = keep();
+    const auto isNotUsed = [&](const fs::path& folder, const std::string& what) {
+        const ino_t kept = statusOf(entry).st_ino;
+        enableAgain(folder);
+        EXPECT_EQ(read(), std::make_pair(std::string("first"), false)) << what;
+        EXPECT_EQ(read(), std::make_pair(std::string("first"), false)) << what;
+        EXPECT_EQ(kept, statusOf(entry).st_ino) << what << ": the entry is not rewritten either";
+    };
+    for (const unsigned mode : {0777u, 0730u, 0703u}) {
+        ASSERT_EQ(0, ::chmod(mCache.c_str(), mode));
+        isNotUsed(mCache, "mode " + std::to_string(mode));
+    }
+    ASSERT_EQ(0, ::chmod(mCache.c_str(), 0700));
+    const fs::path link = mDirectory / "link";
+    fs::create_symlink(mCache, link);
+    isNotUsed(link, "a link to the folder");
+
+    // Readable by all, as earlier builds left it: used, and made private.
+    ASSERT_EQ(0, ::chmod(mCache.c_str(), 0755));
+    enableAgain(mCache);
+    EXPECT_EQ(read(), std::make_pair(std::string("first"), true));
+    EXPECT_EQ(0700u, statusOf(mCache).st_mode & 07777u);
+}
+
+TEST_F(DocumentCacheTest, AFolderOfAnotherUserIsNeitherUsedNorMadeIn) {
+    KYM_SKIP_UNLESS_ROOT();
+    const fs::path entry = keep();
+    ASSERT_EQ(0, ::chown(mCache.c_str(), nobody().pw_uid, nobody().pw_gid));
+    const ino_t kept = statusOf(entry).st_ino;
+    enableAgain(mCache);
+    EXPECT_EQ(read(), std::make_pair(std::string("first"), false));
+    EXPECT_EQ(read(), std::make_pair(std::string("first"), false));
+    EXPECT_EQ(kept, statusOf(entry).st_ino);
+
+    // As under sudo with the user's environment: nothing of root's left in the user's home.
+    const fs::path home = mDirectory / "home";
+    fs::create_directory(home);
+    ASSERT_EQ(0, ::chown(home.c_str(), nobody().pw_uid, nobody().pw_gid));
+    enableAgain(home / ".cache" / "kym");
+    EXPECT_EQ(read(), std::make_pair(std::string("first"), false));
+    EXPECT_EQ(read(), std::make_pair(std::string("first"), false));
+    EXPECT_FALSE(fs::exists(home / ".cache"));
+}
+#endif
 
 } // namespace
