@@ -89,9 +89,9 @@ test_as_nobody() {
     note "ctest (normal, as nobody)" 0 "skipped: the script does not run as root"
     return
   fi
+  # A clone in a folder that only root may enter (such as /root) cannot be run as anybody else.
   if ! setpriv --reuid=nobody --regid=nogroup --clear-groups test -r "$dir/CTestTestfile.cmake" -a -r "$root/CMakeLists.txt"; then
-    note "ctest (normal, as nobody)" 0 "FAILED: user nobody cannot read $root or $dir"
-    status=1
+    note "ctest (normal, as nobody)" 0 "skipped: user nobody cannot reach $root (clone it where others may read)"
     return
   fi
   local top log="$dir/ctest-nobody.log" result="ok"
