@@ -403,13 +403,18 @@ void Launcher::removeLogFiles(const Configuration& config) const {
 
 void Launcher::launchApplication(const Configuration& config, const Configuration* commonConfig,
                                  const ConfigApplication& app, const WorkDirectory* workDir) const {
+    start(config, commonConfig, app, workDir, nullptr);
+}
+
+void Launcher::start(const Configuration& config, const Configuration* commonConfig, const ConfigApplication& app,
+                     const WorkDirectory* workDir, const std::vector<std::string>* givenArguments) const {
     BASE_LOG(Base::log::info()) << "Building environment...";
     EnvironmentMap env;
     buildEnvVarMap(config, commonConfig, app, env);
     BASE_LOG(Base::log::info()) << "Finished building environment.";
 
     const fs::path program = getAndCheckExecutable(app, env);
-    const std::vector<std::string> arguments = buildArgList(app, env);
+    const std::vector<std::string> arguments = givenArguments ? *givenArguments : buildArgList(app, env);
     removeLogFiles(config);
 
     BASE_LOG(Base::log::info()) << "Starting application " << native(program);
@@ -443,6 +448,15 @@ void Launcher::launchApplication(const Configuration& config, const Configuratio
     app.arguments = boost::algorithm::join(arguments, " ");
     app.addUGLibsToPath = addLibraries;
     launchApplication(config, commonConfig, app, nullptr);
+}
+
+void Launcher::launchProgram(const Configuration& config, const Configuration* commonConfig,
+                             const std::string& executable, const std::vector<std::string>& arguments,
+                             bool addLibraries) const {
+    ConfigApplication app;
+    app.program = executable;
+    app.addUGLibsToPath = addLibraries;
+    start(config, commonConfig, app, nullptr, &arguments);
 }
 
 } // namespace Kym

@@ -57,9 +57,15 @@ public:
     // Starts the application, in the work directory when one is given. Does not wait for it.
     void launchApplication(const Configuration& config, const Configuration* commonConfig, const ConfigApplication& app,
                            const WorkDirectory* workDir) const;
-    // Starts any program with the department's environment.
+    // Starts any program with the department's environment; the arguments
+    // are joined with blanks and split again as an application's are.
     void launchApplication(const Configuration& config, const Configuration* commonConfig, const std::string& executable,
                            const std::vector<std::string>& arguments, bool addLibraries) const;
+    // Starts any program with the department's environment and exactly these
+    // arguments, each reaching the program as one, blanks, quotes and empty
+    // ones included; none is expanded.
+    void launchProgram(const Configuration& config, const Configuration* commonConfig, const std::string& executable,
+                       const std::vector<std::string>& arguments, bool addLibraries) const;
 
     // The steps of the assembly that need no settings, under the active launch conventions.
     // Whether a variable of that name reaches the environment.
@@ -74,6 +80,9 @@ public:
     static std::vector<std::string> splitArguments(const std::string& text);
 
 private:
+    // Starts the application with the given arguments, or with its own argument text when there are none given.
+    void start(const Configuration& config, const Configuration* commonConfig, const ConfigApplication& app,
+               const WorkDirectory* workDir, const std::vector<std::string>* givenArguments) const;
     void addCurrentEnvVarsToMap(std::vector<EnvironmentVariable>& vars) const;
     void addKymSystemEnvVarsToMap(const Configuration& config, std::vector<EnvironmentVariable>& vars) const;
     void setSymbolDirVariable(const Configuration& config, std::vector<EnvironmentVariable>& vars) const;

@@ -6,6 +6,7 @@
 
 #include "kym/ApplicationOverlay.h"
 #include "kym/ConfigurationSettings.h"
+#include "kym/OfferedApplications.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/join.hpp>
@@ -223,18 +224,16 @@ struct OverlayOptions {
 int setOverlay(Context& context, const OverlayOptions& options) {
     std::unique_ptr<Kym::Configuration> department = editDepartment(options.department);
     requireUpdated(*department);
-    std::unique_ptr<Kym::Configuration> common = loadCommonDepartment(*department);
+    std::unique_ptr<Kym::Configuration> common = Kym::OfferedApplications::loadCommonDepartment(*department);
     Kym::ConfigurationSettings& settings = *department->settings();
 
     const bool existing = settings.hasOverlay(options.configuration, options.appId);
     Kym::ApplicationOverlay overlay = settings.getOverlay(options.configuration, options.appId);
     if (!existing) {
         // Starts from what the application shows, so an overlay that changes one field keeps the others.
-        const std::vector<OfferedApplication> offered = offeredApplications(*department, common.get());
-        auto found = std::find_if(offered.begin(), offered.end(), [&options](const OfferedApplication& entry) {
-            return Kym::EqualOverlayOrApp(options.configuration, options.appId)(entry.application);
-        });
-        if (found == offered.end())
+        const Kym::OfferedApplications offered(*department, common.get());
+        const Kym::OfferedApplications::Entry* found = offered.find(options.configuration, options.appId);
+        if (!found)
             throw std::runtime_error("Department '" + options.department + "' is offered no application '" +
                                      options.appId + "' of '" + options.configuration +
                                      "' ('kym apps " + options.department + " --all' lists them).");

@@ -248,10 +248,20 @@ bool confirm(Context& context, const std::string& question) {
     return answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes" || answer == "YES";
 }
 
-int deleteDepartment(Context& context, const std::string& name, bool yes) {
+int deleteDepartment(Context& context, const std::string& name, bool yes, bool force) {
     Kym::ConfigurationManager::checkDepartmentName(name);
     Kym::ConfigurationManager manager = scanDepartments();
     const int index = indexOf(manager, name);
+    // Those departments would start their applications without the settings they share through it.
+    std::vector<std::string> users;
+    for (const std::string& user : dependents(manager, name))
+        if (user != name) users.push_back(user);
+    if (!users.empty() && !force)
+        throw std::runtime_error("Department '" + name + "' is the common department of " +
+                                 boost::algorithm::join(users, ", ") +
+                                 ", which would lose the settings they share through it; nothing was deleted. "
+                                 "Name another common department for them first ('kym dept set DEPT common NAME'), "
+                                 "or delete it anyway with --force.");
     if (!yes) {
         if (!context.inputIsTerminal())
             throw std::runtime_error("Deleting department '" + name +
@@ -434,13 +444,19 @@ void addDepartmentCommands(Commands& commands) {
 
     auto deleteName = std::make_shared<std::string>();
     auto deleteYes = std::make_shared<bool>(false);
+    auto deleteForce = std::make_shared<bool>(false);
     CLI::App* remove = commands.command(
         dept, "delete",
-        "Delete a department with all its releases. Asks on a terminal; elsewhere --yes is required.",
-        "  kym dept delete Old\n  kym dept delete Old --yes\n",
-        [&context, deleteName, deleteYes] { return deleteDepartment(context, *deleteName, *deleteYes); });
+        "Delete a department with all its releases. Asks on a terminal; elsewhere --yes is required. A department "
+        "that others name as their common department is not deleted unless --force is given.",
+        "  kym dept delete Old\n  kym dept delete Old --yes\n  kym dept delete Shared --yes --force\n",
+        [&context, deleteName, deleteYes, deleteForce] {
+            return deleteDepartment(context, *deleteName, *deleteYes, *deleteForce);
+        });
     remove->add_option("NAME", *deleteName, "The department")->required();
     remove->add_flag("-y,--yes", *deleteYes, "Do not ask");
+    remove->add_flag("--force", *deleteForce,
+                     "Delete it even when other departments name it as their common department");
 
     auto setArguments = std::make_shared<std::vector<std::string>>(3);
     CLI::App* set = commands.command(

@@ -6,6 +6,7 @@
 #include "kym/Configuration.h"
 #include "kym/ConfigurationSettings.h"
 #include "kym/Launcher.h"
+#include "kym/OfferedApplications.h"
 #include "kym/PluginsManager.h"
 #include "kym/SiteSettings.h"
 #include "kym/SystemInfo.h"
@@ -152,12 +153,14 @@ void Doctor::checkLayerVariables(Kym::SettingsProtocol& owner, Kym::ApplicationL
     }
 }
 
-fs::path applicationFile(const OfferedApplication& entry, Kym::Configuration& department, Kym::Configuration* common) {
+fs::path applicationFile(const Kym::OfferedApplications::Entry& entry, Kym::Configuration& department,
+                         Kym::Configuration* common) {
+    using Source = Kym::OfferedApplications::Source;
     switch (entry.source) {
-    case OfferedApplication::Base: return Kym::BaseInformation().dataFile();
-    case OfferedApplication::Common: return common->settings()->dataFile();
-    case OfferedApplication::Department: return department.settings()->dataFile();
-    case OfferedApplication::Plugin: break;
+    case Source::Base: return Kym::BaseInformation().dataFile();
+    case Source::Common: return common->settings()->dataFile();
+    case Source::Department: return department.settings()->dataFile();
+    case Source::Plugin: break;
     }
     const std::string name = entry.application.configurationName();
     const std::string plugin = name.substr(0, name.size() - std::string(" Plugin").size());
@@ -165,9 +168,9 @@ fs::path applicationFile(const OfferedApplication& entry, Kym::Configuration& de
 }
 
 void Doctor::checkApplications(Kym::Configuration& department, Kym::Configuration* common) {
-    const std::vector<OfferedApplication> offered = offeredApplications(department, common);
+    const Kym::OfferedApplications offered(department, common);
     Kym::Launcher launcher;
-    for (const OfferedApplication& entry : offered) {
+    for (const Kym::OfferedApplications::Entry& entry : offered) {
         if (entry.application.disableApplication) continue;
         const std::string what = "application " + entry.application.appId + " (" +
                                  entry.application.configurationName() + ") in department " + department.name();

@@ -5,6 +5,7 @@
 
 #include "kym/ConfigurationSettings.h"
 #include "kym/Launcher.h"
+#include "kym/OfferedApplications.h"
 #include "kym/WorkDirectory.h"
 
 #include "base/FileManager.h"
@@ -39,7 +40,7 @@ Session openSession(const std::string& named) {
     session.choice = chooseDepartment(named);
     session.department = loadDepartmentAt(session.choice.directory);
     requireUpdated(*session.department);
-    session.common = loadCommonDepartment(*session.department);
+    session.common = Kym::OfferedApplications::loadCommonDepartment(*session.department);
     return session;
 }
 
@@ -56,14 +57,14 @@ struct Target {
     }
 };
 
-Json offeredJson(const OfferedApplication& entry) {
+Json offeredJson(const Kym::OfferedApplications::Entry& entry) {
     const Kym::ConfigApplication& application = entry.application;
     Json value = Json::object();
     value.set("appId", application.appId);
     value.set("description", application.description);
     value.set("category", application.category);
     value.set("configuration", application.configurationName());
-    value.set("source", sourceName(entry.source));
+    value.set("source", Kym::OfferedApplications::sourceName(entry.source));
     value.set("program", application.program);
     value.set("arguments", application.arguments);
     value.set("disabled", application.disableApplication);
@@ -73,16 +74,16 @@ Json offeredJson(const OfferedApplication& entry) {
 
 int listApplications(Context& context, const std::vector<std::string>& words, bool all) {
     Session session = openSession(words.empty() ? std::string() : words.front());
-    const std::vector<OfferedApplication> offered = offeredApplications(*session.department, session.common.get());
-    std::vector<const OfferedApplication*> shown;
-    for (const OfferedApplication& entry : offered)
+    const Kym::OfferedApplications offered(*session.department, session.common.get());
+    std::vector<const Kym::OfferedApplications::Entry*> shown;
+    for (const Kym::OfferedApplications::Entry& entry : offered)
         if (all || !entry.application.disableApplication) shown.push_back(&entry);
 
     Json value = Json::object();
     value.set("department", session.name());
     value.set("description", session.department->description);
     Json list = Json::array();
-    for (const OfferedApplication* entry : shown) list.push(offeredJson(*entry));
+    for (const Kym::OfferedApplications::Entry* entry : shown) list.push(offeredJson(*entry));
     value.set("applications", list);
     context.print(value, [&](std::ostream& out) {
         out << "Department " << session.name() << " (" << session.department->description << ")\n";
@@ -141,9 +142,8 @@ private:
 
 int showEnvironment(Context& context, const Target& target, bool explain) {
     Session session = openSession(target.department());
-    const std::vector<OfferedApplication> offered = offeredApplications(*session.department, session.common.get());
-    const Kym::ConfigApplication& application =
-        chooseApplication(offered, target.application(), target.from, session.name()).application;
+    const Kym::OfferedApplications offered(*session.department, session.common.get());
+    const Kym::ConfigApplication& application = offered.choose(target.application(), target.from).application;
     Kym::Launcher::EnvironmentMap environment;
     Explanation explanation;
     Kym::Launcher().buildEnvVarMap(*session.department, session.common.get(), application, environment,
@@ -203,9 +203,8 @@ int showEnvironment(Context& context, const Target& target, bool explain) {
 
 int showCommand(Context& context, const Target& target) {
     Session session = openSession(target.department());
-    const std::vector<OfferedApplication> offered = offeredApplications(*session.department, session.common.get());
-    const Kym::ConfigApplication& application =
-        chooseApplication(offered, target.application(), target.from, session.name()).application;
+    const Kym::OfferedApplications offered(*session.department, session.common.get());
+    const Kym::ConfigApplication& application = offered.choose(target.application(), target.from).application;
     const std::string command = Kym::Launcher().commandString(*session.department, session.common.get(), application);
     Json value = Json::object();
     value.set("department", session.name());
@@ -218,9 +217,8 @@ int showCommand(Context& context, const Target& target) {
 
 int checkApplication(Context& context, const Target& target) {
     Session session = openSession(target.department());
-    const std::vector<OfferedApplication> offered = offeredApplications(*session.department, session.common.get());
-    const Kym::ConfigApplication& application =
-        chooseApplication(offered, target.application(), target.from, session.name()).application;
+    const Kym::OfferedApplications offered(*session.department, session.common.get());
+    const Kym::ConfigApplication& application = offered.choose(target.application(), target.from).application;
     Kym::Launcher launcher;
     Kym::Launcher::EnvironmentMap environment;
     launcher.buildEnvVarMap(*session.department, session.common.get(), application, environment);
@@ -254,9 +252,8 @@ Kym::Launcher commandLineLauncher() {
 
 int launch(Context& context, const Target& target, const std::string& workDirectoryName) {
     Session session = openSession(target.department());
-    const std::vector<OfferedApplication> offered = offeredApplications(*session.department, session.common.get());
-    const Kym::ConfigApplication& application =
-        chooseApplication(offered, target.application(), target.from, session.name()).application;
+    const Kym::OfferedApplications offered(*session.department, session.common.get());
+    const Kym::ConfigApplication& application = offered.choose(target.application(), target.from).application;
     if (application.disableApplication)
         throw std::runtime_error("Application '" + application.appId + "' is disabled in department '" +
                                  session.name() + "'.");
@@ -322,7 +319,7 @@ int run(Context& context, const std::vector<std::string>& words, bool addLibrari
     Session session = openSession(words.empty() ? std::string() : words.front());
     const std::string program = resolveProgram(session, context.programCommand.front(), addLibraries);
     const std::vector<std::string> arguments(context.programCommand.begin() + 1, context.programCommand.end());
-    commandLineLauncher().launchApplication(*session.department, session.common.get(), program, arguments, addLibraries);
+    commandLineLauncher().launchProgram(*session.department, session.common.get(), program, arguments, addLibraries);
     Json value = Json::object();
     value.set("started", true);
     value.set("department", session.name());
@@ -424,10 +421,10 @@ void addLauncherCommands(Commands& commands) {
     CLI::App* runCommand = commands.command(
         root, "run",
         "Start any program with a department's environment. It gets the environment of an application without "
-        "variables of its own. PROGRAM without a directory is looked for in that PATH. The arguments are joined with "
-        "blanks and split again at blanks, as an application's argument text is, so an argument cannot hold a blank. " +
+        "variables of its own. PROGRAM without a directory is looked for in that PATH. Each argument reaches "
+        "the program as given, blanks, quotes and empty ones included. " +
             std::string(DepartmentRule),
-        "  kym run Design -- /usr/bin/xterm\n  kym run -- env\n"
+        "  kym run Design -- /usr/bin/xterm\n  kym run -- env\n  kym run Design -- sh -c 'echo \"$1\"' x \"a b\"\n"
         "  kym run Design --add-libraries -- '${UGII_BASE_DIR}/ugii/refile'\n",
         [&context, runOptions] { return run(context, runOptions->words, runOptions->addLibraries); });
     runCommand->add_option("DEPT", runOptions->words, "The department")->expected(0, 1);

@@ -3,7 +3,6 @@
 #include "Command.h"
 
 #include "kym/App.h"
-#include "kym/ApplicationOverlay.h"
 #include "kym/BaseSettings.h"
 #include "kym/ConfigurationManager.h"
 #include "kym/PluginsManager.h"
@@ -113,17 +112,6 @@ Kym::SystemInfo& editSystemInfo() {
     lockForEditing(info.dataFile());
     info.load();
     return info;
-}
-
-std::unique_ptr<Kym::Configuration> loadCommonDepartment(const Kym::Configuration& department) {
-    const fs::path common = department.commonConfigPath();
-    if (common == department.path()) return nullptr;
-    boost::system::error_code error;
-    if (!fs::is_directory(common, error))
-        throw std::runtime_error("Department '" + department.name() + "' names the common department '" +
-                                 department.commonDepartment + "', which does not exist in " +
-                                 native(common.parent_path()) + ".");
-    return loadDepartmentAt(common);
 }
 
 void requireUpdated(const Kym::Configuration& department) {
@@ -288,75 +276,6 @@ int requireApplicationRow(Layer& layer, const std::string& appId) {
     const int row = applicationRow(*layer.applications, appId);
     if (row < 0) throw std::runtime_error("No application '" + appId + "' in " + layer.description + ".");
     return row;
-}
-
-const char* sourceName(OfferedApplication::Source source) {
-    switch (source) {
-    case OfferedApplication::Department: return "department";
-    case OfferedApplication::Common: return "common";
-    case OfferedApplication::Plugin: return "plugin";
-    case OfferedApplication::Base: return "base";
-    }
-    return "";
-}
-
-std::vector<OfferedApplication> offeredApplications(Kym::Configuration& department, Kym::Configuration* common) {
-    std::vector<OfferedApplication> offered;
-    auto add = [&offered](const std::vector<Kym::ConfigApplication>& applications, OfferedApplication::Source source) {
-        for (const Kym::ConfigApplication& application : applications) offered.push_back({application, source, false});
-    };
-    add(Kym::BaseInformation().applicationList(), OfferedApplication::Base);
-    if (common) add(common->applicationList(), OfferedApplication::Common);
-    add(department.applicationList(), OfferedApplication::Department);
-    add(Kym::PluginsManagement().applicationList(department), OfferedApplication::Plugin);
-
-    Kym::ConfigurationSettings& settings = *department.settings();
-    for (OfferedApplication& entry : offered) {
-        Kym::ConfigApplication& application = entry.application;
-        if (!settings.hasOverlay(application.configurationName(), application.appId)) continue;
-        const Kym::ApplicationOverlay overlay = settings.getOverlay(application.configurationName(), application.appId);
-        // An overlay field left empty keeps the application's own text.
-        if (!overlay.description.empty()) application.description = overlay.description;
-        if (!overlay.category.empty()) application.category = overlay.category;
-        application.disableApplication = overlay.disableApplication;
-        entry.overlaid = true;
-    }
-    std::stable_sort(offered.begin(), offered.end(),
-                     [](const OfferedApplication& left, const OfferedApplication& right) {
-                         return left.application < right.application;
-                     });
-    return offered;
-}
-
-const OfferedApplication& chooseApplication(const std::vector<OfferedApplication>& offered, const std::string& appId,
-                                            const std::string& from, const std::string& departmentName) {
-    std::vector<const OfferedApplication*> matches;
-    for (const OfferedApplication& entry : offered)
-        if (entry.application.appId == appId && (from.empty() || entry.application.configurationName() == from))
-            matches.push_back(&entry);
-    if (matches.empty()) {
-        std::vector<std::string> ids;
-        for (const OfferedApplication& entry : offered)
-            if (std::find(ids.begin(), ids.end(), entry.application.appId) == ids.end())
-                ids.push_back(entry.application.appId);
-        std::string message = "No application '" + appId + "'";
-        if (!from.empty()) message += " of '" + from + "'";
-        message += " in department '" + departmentName + "'. ";
-        message += ids.empty() ? "It offers no applications." : "It offers: " + boost::algorithm::join(ids, ", ") + ".";
-        throw std::runtime_error(message);
-    }
-    const auto best = std::min_element(matches.begin(), matches.end(),
-                                       [](const OfferedApplication* left, const OfferedApplication* right) {
-                                           return left->source < right->source;
-                                       });
-    std::vector<std::string> tied;
-    for (const OfferedApplication* entry : matches)
-        if (entry->source == (*best)->source) tied.push_back("'" + entry->application.configurationName() + "'");
-    if (tied.size() > 1)
-        throw std::runtime_error("Application '" + appId + "' is ambiguous in department '" + departmentName +
-                                 "': it is offered by " + boost::algorithm::join(tied, " and ") +
-                                 ". Choose one with --from NAME.");
-    return **best;
 }
 
 } // namespace KymTool

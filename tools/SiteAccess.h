@@ -1,6 +1,6 @@
 // How the commands reach a site through the library: one department at a
-// time without scanning the others, the layers that hold variables and
-// applications, and what a department offers to start.
+// time without scanning the others, and the layers that hold variables and
+// applications.
 #pragma once
 
 #include "kym/BaseSettings.h"
@@ -47,8 +47,6 @@ Kym::BaseSettings& editBase();
 Kym::SystemInfo& editSystemInfo();
 // Every department of the departments directory (for the commands that need them all).
 Kym::ConfigurationManager scanDepartments();
-// Null when the department names no common department; throws when the one it names does not exist.
-std::unique_ptr<Kym::Configuration> loadCommonDepartment(const Kym::Configuration& department);
 // Its settings live in the version directory, which must exist to keep an edit.
 void requireUpdated(const Kym::Configuration& department);
 
@@ -94,25 +92,5 @@ std::string invalidValueText(const std::string& name, const std::string& value, 
 // The row of the application with that identifier in a layer's table, or -1.
 int applicationRow(Kym::ApplicationListSource& applications, const std::string& appId);
 int requireApplicationRow(Layer& layer, const std::string& appId);
-
-// One application a department offers, with the department's overlay applied.
-struct OfferedApplication {
-    enum Source { Department, Common, Plugin, Base };
-    Kym::ConfigApplication application;
-    Source source;
-    bool overlaid = false;
-};
-const char* sourceName(OfferedApplication::Source source);
-
-// Base, common department, the department's own and the plugins' that
-// apply, ordered by category and description.
-std::vector<OfferedApplication> offeredApplications(Kym::Configuration& department,
-                                                    Kym::Configuration* common);
-// The department's own application wins over the common department's, that
-// over a plugin's, that over a base one; two of the same rank are ambiguous
-// unless `from` names the configuration ("Base KYM", "cam Plugin", a department).
-const OfferedApplication& chooseApplication(const std::vector<OfferedApplication>& offered,
-                                            const std::string& appId, const std::string& from,
-                                            const std::string& departmentName);
 
 } // namespace KymTool

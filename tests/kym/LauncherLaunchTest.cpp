@@ -79,6 +79,16 @@ TEST(LauncherLaunch, ProgramGetsTheLayersEnvironmentItsArgumentsAndTheHomeDirect
     EXPECT_EQ(anyProgram.argumentsFor({"one", "two", "words"}), started.arguments);
     EXPECT_EQ(home.string(), started.directory);
     EXPECT_EQ(1, std::count(started.environment.begin(), started.environment.end(), "PATH=" + host.pathWithLibraries));
+
+    // Or with exactly the arguments given: nothing split, joined or expanded.
+    const Lines given{"sh -c", "echo \"$1\"", "", "a b", "$KYM_DEPT_DIR", "back\\slash"};
+    Kym::Launcher().launchProgram(config, nullptr, anyProgram.program().string(), given, false);
+    started = anyProgram.record();
+    EXPECT_EQ(anyProgram.argumentsFor(given), started.arguments);
+    Kym::ConfigApplication withoutLibraries;
+    withoutLibraries.addUGLibsToPath = false;
+    EXPECT_EQ(expectedEnvironment(config, withoutLibraries, Scene::native(home / "nx90_user.dpv")),
+              started.environment);
 }
 
 TEST(LauncherLaunch, ArgumentsArriveAsTheArgumentTextSplitsQuotesAndBlanksIncluded) {
