@@ -2,7 +2,9 @@
 // text tables for people.
 #pragma once
 
-#include <cstdint>
+#include <boost/json/value.hpp>
+
+#include <cstddef>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -10,43 +12,51 @@
 namespace KymTool {
 
 // A JSON value built in code; objects keep their keys in insertion order so
-// the output of a command is stable.
+// the output of a command is stable. Text that is not valid UTF-8 (a value
+// in a Windows code page, say) is read as Latin-1, byte for byte, so that
+// the document stays valid and encoding the string as Latin-1 gives the
+// original bytes back.
 class Json {
 public:
     enum Kind { Null, Boolean, Number, String, Array, Object };
 
-    Json() : mKind(Null) {}
-    Json(bool value) : mKind(Boolean), mBoolean(value) {}
-    Json(int value) : mKind(Number), mNumber(value) {}
-    Json(long value) : mKind(Number), mNumber(value) {}
-    Json(unsigned value) : mKind(Number), mNumber(value) {}
-    Json(const char* value) : mKind(String), mText(value) {}
-    Json(const std::string& value) : mKind(String), mText(value) {}
+    Json() = default;
+    Json(bool value) : mValue(value) {}
+    Json(int value) : mValue(value) {}
+    Json(long value) : mValue(value) {}
+    Json(unsigned value) : mValue(value) {}
+    Json(const char* value);
+    Json(const std::string& value);
 
     static Json array();
     static Json object();
     static Json strings(const std::vector<std::string>& values);
 
-    Kind kind() const { return mKind; }
+    Kind kind() const;
     // Appends to an array.
     Json& push(const Json& value);
     // Sets a key of an object; a key set again keeps its place.
     Json& set(const std::string& key, const Json& value);
 
+    // Indented by two spaces a level, an empty array or object as [] or {}.
     void write(std::ostream& out, int indent = 0) const;
     std::string dump() const;
+    // The whole value on one line, for a message among other lines.
+    std::string line() const;
+
+    const boost::json::value& value() const { return mValue; }
 
 private:
-    Kind mKind;
-    bool mBoolean = false;
-    std::int64_t mNumber = 0;
-    std::string mText;
-    std::vector<std::string> mKeys;
-    std::vector<Json> mItems;
+    boost::json::value mValue;
 };
 
-// The JSON text of a string, quotes included.
-std::string jsonQuoted(const std::string& text);
+// The text itself when it is valid UTF-8; otherwise each of its bytes read
+// as the Latin-1 character of the same number.
+std::string utf8Text(const std::string& text);
+
+// The columns a terminal gives the text: a code point takes one, an East
+// Asian wide one two, a combining mark none; a byte that is not UTF-8 one.
+std::size_t displayWidth(const std::string& text);
 
 // Columns padded to their widest cell; the last column is not padded.
 class Table {

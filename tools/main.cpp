@@ -202,6 +202,24 @@ void keepSettingsTables() {
     if (!folder.empty()) Base::plist::DocumentCache::enable(folder / "kym");
 }
 
+const char* const RepairHint = "'kym repair LAYER' replaces it deliberately, keeping a copy.";
+
+// A failure, with --json, is one JSON object on standard error, so that a
+// script finds it on its own line after any log lines.
+int printError(const std::string& message, int status, const std::string& hint = "") {
+    Json error = Json::object();
+    error.set("error", withoutTrailingNewlines(message));
+    if (!hint.empty()) error.set("hint", hint);
+    error.set("status", status);
+    std::cerr << error.line() << std::endl;
+    return status;
+}
+
+// Whether --json was given, also when the command line failed to parse before reaching it.
+bool jsonAsked(const Context& context, const std::vector<std::string>& arguments) {
+    return context.json || std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
+}
+
 int runHelp(CLI::App& root, const std::vector<std::string>& words) {
     CLI::App* app = &root;
     for (const std::string& word : words) {
@@ -236,7 +254,11 @@ int main(int argc, char** argv) {
     // One command per call, so a department or application named like a command stays a value.
     root.require_subcommand(0, 1);
     root.set_help_flag("-h,--help", "Show this help, or the help of the command given");
-    root.add_flag("--json", context.json, "Print results as JSON for scripts");
+    root.add_flag("--json", context.json,
+                  "Print results as JSON for scripts. Text that is not UTF-8 is read as Latin-1, byte for byte "
+                  "(byte E9 becomes U+00E9): encoding it as Latin-1 gives the bytes back. A failure prints "
+                  "{\"error\": MESSAGE, \"status\": N} on the last line of standard error");
+    root.set_version_flag("--version", std::string("kym ") + KYM_VERSION, "Show the version of kym");
     root.add_flag("-v,--verbose", context.verbosity, "Log the main steps (kym.info) to standard error; -vv adds detail (kym.verbose)");
     root.add_option("--platform", context.platform, "Launch conventions: windows or posix (default: this machine's, or KYM_PLATFORM)")
         ->check(CLI::IsMember({"windows", "posix"}));
@@ -253,12 +275,22 @@ int main(int argc, char** argv) {
     try {
         std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
         root.parse(reversed);
+    } catch (const CLI::CallForVersion&) {
+        // --version ends the parse wherever it stands, perhaps before a --json.
+        if (jsonAsked(context, arguments)) {
+            Json::object().set("name", "kym").set("version", KYM_VERSION).write(std::cout);
+            std::cout << '\n';
+        } else {
+            std::cout << "kym " << KYM_VERSION << '\n';
+        }
+        return 0;
     } catch (const CLI::CallForHelp&) {
         commands.chosen(leaf);
         std::cout << leaf->get_formatter()->make_help(leaf, commandPath(leaf), CLI::AppFormatMode::Normal);
         return 0;
     } catch (const CLI::ParseError& error) {
         commands.chosen(leaf);
+        if (jsonAsked(context, arguments)) return printError(error.what(), 2);
         std::cerr << "kym: " << error.what() << "\n";
         printUsage(std::cerr, leaf);
         return 2;
@@ -266,6 +298,7 @@ int main(int argc, char** argv) {
 
     const Action* action = commands.chosen(leaf);
     if (!action) {
+        if (context.json) return printError("no command given.", 2);
         std::cerr << "kym: no command given.\n";
         printUsage(std::cerr, &root);
         return 2;
@@ -282,16 +315,19 @@ int main(int argc, char** argv) {
         application.initialize(nullptr);
         return (*action)();
     } catch (const UsageError& error) {
+        if (context.json) return printError(error.what(), 2);
         std::cerr << "kym: " << error.what() << "\n";
         printUsage(std::cerr, leaf);
         return 2;
     } catch (const Base::SettingsFileDamaged& error) {
         std::cout.flush();
+        if (context.json) return printError(error.what(), 1, RepairHint);
         std::cerr << "kym: " << withoutTrailingNewlines(error.what())
-                  << "\n'kym repair LAYER' replaces it deliberately, keeping a copy." << std::endl;
+                  << "\n" << RepairHint << std::endl;
         return 1;
     } catch (const std::exception& error) {
         std::cout.flush();
+        if (context.json) return printError(error.what(), 1);
         std::cerr << "kym: " << withoutTrailingNewlines(error.what()) << std::endl;
         return 1;
     }

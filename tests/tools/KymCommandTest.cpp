@@ -15,9 +15,14 @@
 
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/replace.hpp>
+#include <boost/json/parse.hpp>
+#include <boost/locale/utf.hpp>
 #include <chrono>
+#include <fstream>
 #include <memory>
+#include <regex>
 #include <set>
+#include <sstream>
 #include <thread>
 
 namespace {
@@ -127,10 +132,11 @@ TEST_F(KymCommand, DepartmentsAreCreatedRenamedAndDeletedWithTheirDependents) {
     const Kym::Configuration design(department("Design"), true);
     EXPECT_EQ(design.commonDepartment, "Common");
     EXPECT_FALSE(design.doFileCleanup);
-    EXPECT_EQ(failure({"dept", "delete", "Common"}), text("kym: Deleting department 'Common' removes all its releases; "
-                                                          "without a terminal to ask on, confirm with --yes.\n"));
+    EXPECT_EQ(failure({"dept", "delete", "Common", "--force"}),
+              text("kym: Deleting department 'Common' removes all its releases; "
+                   "without a terminal to ask on, confirm with --yes.\n"));
     EXPECT_TRUE(fs::exists(department("Common")));
-    EXPECT_EQ(out({"dept", "delete", "Common", "--yes"}),
+    EXPECT_EQ(out({"dept", "delete", "Common", "--yes", "--force"}),
               text("Deleted department Common.\n"
                    "Warning: these departments still name Common as their common department: Design.\n"));
     EXPECT_FALSE(fs::exists(department("Common")));
@@ -252,6 +258,14 @@ TEST_F(KymCommand, LaunchStartsTheProgramWithTheAssembledEnvironmentAndRemembers
                      native(home / "nx90_user.dpv")}));
 
     EXPECT_TRUE(boost::starts_with(out({"apps"}), text("Department Design (Design office)\n")));
+
+    // Any program gets exactly the arguments given.
+    const std::vector<std::string> given{"-c", "echo \"$1\"", "x", "a b", "", "${PROBE_VAR}"};
+    std::vector<std::string> command{"run", "Design", "--", probe.program().string()};
+    command.insert(command.end(), given.begin(), given.end());
+    const Outcome run = kym(command);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(probe.record().arguments, probe.argumentsFor(given));
 }
 
 TEST_F(KymCommand, PluginsAreCreatedAndSwitchedPerDepartment) {
@@ -329,3 +343,125 @@ TEST_F(KymCommand, WhatAnInterruptedCreateOrDeleteLeftIsNoDepartment) {
 }
 
 } // namespace
+
+TEST_F(KymCommand, ACommonDepartmentThatOthersNameIsDeletedOnlyWithForce) {
+    makeDepartments();
+    ok({{"dept", "create", "Paint", "--description", "Paint shop", "--common", "Shared"}});
+    EXPECT_EQ(failure({"dept", "delete", "Shared", "--yes"}),
+              text("kym: Department 'Shared' is the common department of Design, Paint, which would lose the settings "
+                   "they share through it; nothing was deleted. Name another common department for them first "
+                   "('kym dept set DEPT common NAME'), or delete it anyway with --force.\n"));
+    EXPECT_EQ(Kym::Configuration(department("Shared"), true).description, "Shared settings");
+    EXPECT_TRUE(fs::is_directory(department("Shared") / "nx4"));
+
+    // One that no department names goes without --force.
+    EXPECT_EQ(out({"dept", "delete", "Paint", "--yes"}), text("Deleted department Paint.\n"));
+    EXPECT_EQ(out({"dept", "delete", "Shared", "--yes", "--force"}),
+              text("Deleted department Shared.\n"
+                   "Warning: these departments still name Shared as their common department: Design.\n"));
+    EXPECT_FALSE(fs::exists(department("Shared")));
+    EXPECT_EQ(Kym::Configuration(department("Design"), true).commonDepartment, "Shared");
+}
+
+// What --json prints, read back with Boost.JSON as a script reads it.
+namespace {
+
+// The document, or the parse error as a failure of the test.
+boost::json::value parsedJson(const std::string& text) {
+    boost::system::error_code error;
+    boost::json::value value = boost::json::parse(text, error);
+    EXPECT_FALSE(error) << error.message() << " in:\n" << text;
+    return value;
+}
+
+// The bytes of a string that --json read as Latin-1: one byte for each code point.
+std::string latin1Bytes(boost::json::string_view text) {
+    std::string bytes;
+    for (auto at = text.begin(); at != text.end();) {
+        const auto point = boost::locale::utf::utf_traits<char>::decode(at, text.end());
+        EXPECT_LE(point, 0xFFu) << "not read as Latin-1: " << text;
+        bytes += static_cast<char>(point);
+    }
+    return bytes;
+}
+
+} // namespace
+
+TEST_F(KymCommand, JsonStaysValidForBytesThatAreNotUtf8AndGivesThemBackAsLatin1) {
+    makeDepartments();
+    ok({{"app", "add", "base", "nx", "--program", "/bin/true", "--no-libraries"}});
+    // Settings files hold UTF-8 only; code-page text comes in with the environment. A code-page e acute
+    // next to a UTF-8 euro sign: the whole value is read as Latin-1.
+    const std::string bytes = "caf\xE9 \xE2\x82\xAC";
+    ScopedEnv label("CAD_LABEL", bytes);
+    EXPECT_TRUE(boost::contains(out({"env", "Design", "nx"}), text("\nCAD_LABEL=" + bytes + "\n")));
+
+    const boost::json::value json = parsedJson(out({"env", "Design", "nx", "--json"}));
+    EXPECT_EQ(latin1Bytes(json.at_pointer("/environment/CAD_LABEL").as_string()), bytes);
+    EXPECT_EQ(json.at_pointer("/environment/CAD_LABEL"), "caf\xC3\xA9 \xC3\xA2\xC2\x82\xC2\xAC");
+}
+
+TEST_F(KymCommand, VersionIsTheProjectVersion) {
+    std::ifstream file(std::string(KYM_SOURCE_DIR) + "/CMakeLists.txt");
+    std::stringstream project;
+    project << file.rdbuf();
+    std::smatch match;
+    const std::string cmake = project.str();
+    ASSERT_TRUE(std::regex_search(cmake, match, std::regex(R"(project\(\w+ VERSION ([0-9.]+))")));
+    const std::string version = match[1];
+
+    EXPECT_EQ(out({"--version"}), text("kym " + version + "\n"));
+    const boost::json::value json = parsedJson(out({"--version", "--json"}));
+    EXPECT_EQ(json, (boost::json::object{{"name", "kym"}, {"version", version}}));
+}
+
+TEST_F(KymCommand, AFailureWithJsonIsOneJsonObjectOnStandardErrorWithTheStatus) {
+    // The status, what went to standard output, and the error document.
+    const auto failed = [this](const std::vector<std::string>& arguments) {
+        const Outcome outcome = kym(arguments);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
+        return std::make_pair(outcome.status, parsedJson(outcome.err));
+    };
+    using Failure = std::pair<int, boost::json::value>;
+    EXPECT_EQ(failed({"--json", "apps"}),
+              (Failure{1, {{"error", "No department given and none used before: name one, for example 'kym apps "
+                                     "DEPT' ('kym departments' lists them)."},
+                           {"status", 1}}}));
+    EXPECT_EQ(failed({"var", "list", "elsewhere", "--json"}),
+              (Failure{2, {{"error", "Unknown layer 'elsewhere': LAYER is one of: site, base, plugin:NAME, "
+                                     "dept:NAME (a department)."},
+                           {"status", 2}}}));
+    EXPECT_EQ(failed({"--json", "no-such-command"}),
+              (Failure{2, {{"error", "The following argument was not expected: no-such-command"}, {"status", 2}}}));
+
+    // A department file cut off in its middle: read in part, and never saved over.
+    makeDepartments();
+    ok({{"app", "add", "dept:Design", "drafting", "--program", "draft"}, {"var", "set", "dept:Design", "KEEP", "1"}});
+    const fs::path file = Kym::Configuration(department("Design"), true).settings()->dataFile();
+    const std::string whole = readFile(file);
+    ASSERT_NE(whole.find("Application List"), std::string::npos);
+    writeFile(file, whole.substr(0, whole.find("Application List")));
+    const auto [status, damaged] = failed({"var", "set", "dept:Design", "NEW", "1", "--json"});
+    EXPECT_EQ(status, 1);
+    EXPECT_TRUE(boost::contains(damaged.at("error").as_string(), "is not saved over")) << damaged;
+    EXPECT_EQ(damaged.at("hint"), "'kym repair LAYER' replaces it deliberately, keeping a copy.");
+    EXPECT_EQ(damaged.at("status"), 1);
+    // Without --json the same failure reads as before.
+    const Outcome plain = kym({"var", "set", "dept:Design", "NEW", "1"});
+    EXPECT_TRUE(boost::starts_with(plain.err, "kym: ")) << plain.err;
+    EXPECT_TRUE(boost::ends_with(plain.err, text("\n'kym repair LAYER' replaces it deliberately, keeping a copy.\n")))
+        << plain.err;
+}
+
+TEST_F(KymCommand, TableColumnsAreAlignedByTheWidthTheTextTakesOnScreen) {
+    makeDepartments();
+    ok({{"app", "add", "base", "nx", "--description", "NX", "--category", "CAD"},
+        {"app", "add", "dept:Design", "b\xC3\xBCro", "--description", "B\xC3\xBCro \xC3\x98", "--category", "CAD"},
+        {"app", "add", "dept:Design", "kanji", "--description", "\xE8\xA8\xAD\xE8\xA8\x88", "--category", "CAD"}});
+    EXPECT_EQ(out({"apps", "Design"}), text("Department Design (Design office)\n"
+                                            "CAD\n"
+                                            "  b\xC3\xBCro   B\xC3\xBCro \xC3\x98  [Design]\n"
+                                            "  nx     NX      [Base KYM]\n"
+                                            "  kanji  \xE8\xA8\xAD\xE8\xA8\x88    [Design]\n"));
+}
