@@ -227,22 +227,6 @@ TEST_F(Operations, CreationRefusesTakenNamesAndNamesNoDepartmentCanHave) {
     EXPECT_EQ(listing(site.root()), before);
 }
 
-TEST_F(Operations, LeftoversOfInterruptedOperationsAreNoDepartments) {
-    site.addDepartment("body");
-    // Whole departments inside work directories, and one that holds properties itself.
-    site.addUpdatedDepartment(".kym creating design 0000abcd/design");
-    site.addUpdatedDepartment(".kym deleting paint 1234abcd/paint");
-    site.addDepartment(".kym creating tool 5678abcd");
-    EXPECT_EQ(rows(ConfigurationManager()), Names{"body"});
-
-    ConfigurationManager manager;
-    manager.createConfiguration("design");
-    EXPECT_EQ(rows(manager), (Names{"body", "design"}));
-    EXPECT_EQ(workDirectories(site.departmentsPath()).size(), 3u);
-}
-
-// Renaming
-
 TEST_F(Operations, ARenameTakesEveryDepartmentThatNamesItAlong) {
     addSharedWithDependents();
     const std::string otherProperties = readFile(department("other") / Configuration::PropertyFileName);

@@ -163,9 +163,13 @@ TEST_F(SafeSaving, ASaveOverAnotherWritersChangeIsRefusedKeepingTheMarksAndAnOve
 
 TEST_F(SafeSaving, ADepartmentWritesBothFilesOrNeither) {
     Kym::Configuration design(departmentDirectory, true);
-    design.description = "changed";
-    design.setNeedsSaving(true);
-    appendVariable(design.settings()->commonVariables(), "MINE", "1");
+    // Both files edited: a new description and a new variable.
+    const auto edit = [&design] {
+        design.description = "changed";
+        design.setNeedsSaving(true);
+        appendVariable(design.settings()->commonVariables(), "MINE", "1");
+    };
+    edit();
     const fs::path properties = departmentDirectory / Kym::Configuration::PropertyFileName;
     const std::string propertiesBefore = readFile(properties);
     // Another writer changes the settings only.
@@ -180,9 +184,7 @@ TEST_F(SafeSaving, ADepartmentWritesBothFilesOrNeither) {
 
     // The settings cannot be written after the properties were: the properties go back.
     design.load();
-    design.description = "changed";
-    design.setNeedsSaving(true);
-    appendVariable(design.settings()->commonVariables(), "MINE", "1");
+    edit();
     Base::SystemCalls::setWriteFault([](const std::string& file) {
         return file.find("configSettings.dat") != std::string::npos ? ENOSPC : 0;
     });
@@ -192,9 +194,7 @@ TEST_F(SafeSaving, ADepartmentWritesBothFilesOrNeither) {
     EXPECT_EQ(readFile(design.settings()->dataFile()), settingsAfterOther);
 
     design.load();
-    design.description = "changed";
-    design.setNeedsSaving(true);
-    appendVariable(design.settings()->commonVariables(), "MINE", "1");
+    edit();
     design.save();
     Kym::Configuration reread(departmentDirectory, true);
     EXPECT_EQ(reread.description, "changed");
