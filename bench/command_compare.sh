@@ -76,7 +76,7 @@ make_site() {
   "$kym" plugin create p3 --external >/dev/null
   "$kym" dept create common --type Common --description Common --cleanup off >/dev/null
   "$kym" dept create bench --type Production --description Bench --common common --cleanup off >/dev/null
-  "$kym" app add dept:bench app --program "$stamp" --no-libraries >/dev/null
+  "$kym" app add dept:bench app --program "$stamp" --libraries off >/dev/null
   while read -r layer list name value; do
     if [ "$layer" = app ]; then
       "$kym" var set dept:bench "$name" "$value" --list "$list" --app app >/dev/null

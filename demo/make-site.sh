@@ -70,7 +70,7 @@ run var set base UGII_TMP_DIR '${USERPROFILE}\temp' --list windows
 run var set base UGII_CHECKING_LEVEL 2
 run app add base nx --description "NX" --category CAD --program '${UGII_BASE_DIR}/ugii/ugraf'
 run app add base viewer --description "Part viewer" --category Viewing \
-  --program '${UGII_BASE_DIR}/ugii/ugraf' --arguments '-viewer' --no-libraries
+  --program '${UGII_BASE_DIR}/ugii/ugraf' --arguments '-viewer' --libraries off
 run var set base UGII_VIEW_ONLY 1 --app viewer
 
 # Plugins: an internal one for production departments, an external one for all.
@@ -103,6 +103,6 @@ run var set dept:tooling PROJECT_DIR '${PROJECTS_ROOT}/tooling'
 run var set dept:tooling UGII_CHECKING_LEVEL 4
 run var set dept:tooling PATH '${PROJECT_DIR}/bin:$PATH' --list unix --comment "own tools first"
 run workdir add tooling projects '${PROJECT_DIR}'
-run overlay set tooling 'Base KYM' viewer --disable
+run overlay set tooling 'Base KYM' viewer --disabled on
 
 echo "Demo site in $site (source $site/environment.sh to use it)."

@@ -2,6 +2,7 @@
 // department); kym overlay list|set|remove: a department's local changes to
 // applications it does not own.
 #include "Command.h"
+#include "LayerJson.h"
 #include "SiteAccess.h"
 
 #include "kym/ApplicationOverlay.h"
@@ -13,28 +14,17 @@
 #include <algorithm>
 #include <cctype>
 #include <memory>
+#include <optional>
 
 namespace KymTool {
 
 namespace {
 
-const std::vector<std::string> Columns = {"Disable", "AppID",     "Category",  "Description",
-                                          "Executable", "Arguments", "AddNXLibs", "NoCustom"};
-const std::vector<std::string> SwitchColumns = {"Disable", "AddNXLibs", "NoCustom"};
-
 std::string cell(Kym::ApplicationListSource& applications, const std::string& column, int row) {
     return boost::any_cast<std::string>(applications.valueForListColumnRow(column, row));
 }
 
-bool isSwitchColumn(const std::string& column) {
-    return std::find(SwitchColumns.begin(), SwitchColumns.end(), column) != SwitchColumns.end();
-}
-
-std::string canonicalColumn(const std::string& given) {
-    for (const std::string& column : Columns)
-        if (boost::algorithm::to_lower_copy(column) == boost::algorithm::to_lower_copy(given)) return column;
-    throw UsageError("Unknown application column '" + given + "': choose " + boost::algorithm::join(Columns, ", ") + ".");
-}
+} // namespace
 
 void checkAppId(const std::string& appId) {
     const bool blank = std::any_of(appId.begin(), appId.end(), [](unsigned char c) { return std::isspace(c); });
@@ -53,6 +43,32 @@ Json applicationJson(Kym::ApplicationListSource& applications, int row) {
     value.set("noCustom", cell(applications, "NoCustom", row) == "True");
     value.set("disable", cell(applications, "Disable", row) == "True");
     return value;
+}
+
+Json overlayJson(const Kym::ApplicationOverlay& overlay) {
+    Json value = Json::object();
+    value.set("configuration", overlay.configurationName);
+    value.set("appId", overlay.appId);
+    value.set("description", overlay.description);
+    value.set("category", overlay.category);
+    value.set("disable", overlay.disableApplication);
+    return value;
+}
+
+namespace {
+
+const std::vector<std::string> Columns = {"Disable", "AppID",     "Category",  "Description",
+                                          "Executable", "Arguments", "AddNXLibs", "NoCustom"};
+const std::vector<std::string> SwitchColumns = {"Disable", "AddNXLibs", "NoCustom"};
+
+bool isSwitchColumn(const std::string& column) {
+    return std::find(SwitchColumns.begin(), SwitchColumns.end(), column) != SwitchColumns.end();
+}
+
+std::string canonicalColumn(const std::string& given) {
+    for (const std::string& column : Columns)
+        if (boost::algorithm::to_lower_copy(column) == boost::algorithm::to_lower_copy(given)) return column;
+    throw UsageError("Unknown application column '" + given + "': choose " + boost::algorithm::join(Columns, ", ") + ".");
 }
 
 std::string flagsText(Kym::ApplicationListSource& applications, int row) {
@@ -101,9 +117,12 @@ struct AddOptions {
     std::string category;
     std::string program;
     std::string arguments;
+    std::optional<bool> libraries;
+    std::optional<bool> custom;
+    std::optional<bool> disabled;
+    // The spellings of earlier versions.
     bool noLibraries = false;
     bool noCustom = false;
-    bool disabled = false;
 };
 
 int addApplication(Context& context, const AddOptions& options) {
@@ -119,9 +138,11 @@ int addApplication(Context& context, const AddOptions& options) {
     applications.setValueForListColumnRow("Category", row, options.category);
     applications.setValueForListColumnRow("Executable", row, options.program);
     applications.setValueForListColumnRow("Arguments", row, options.arguments);
-    applications.setValueForListColumnRow("AddNXLibs", row, std::string(options.noLibraries ? "False" : "True"));
-    applications.setValueForListColumnRow("NoCustom", row, std::string(options.noCustom ? "True" : "False"));
-    applications.setValueForListColumnRow("Disable", row, std::string(options.disabled ? "True" : "False"));
+    const bool libraries = options.libraries.value_or(!options.noLibraries);
+    const bool custom = options.custom.value_or(!options.noCustom);
+    applications.setValueForListColumnRow("AddNXLibs", row, std::string(libraries ? "True" : "False"));
+    applications.setValueForListColumnRow("NoCustom", row, std::string(custom ? "False" : "True"));
+    applications.setValueForListColumnRow("Disable", row, std::string(options.disabled.value_or(false) ? "True" : "False"));
     layer.save();
 
     Json value = applicationJson(applications, row);
@@ -176,16 +197,6 @@ int removeApplication(Context& context, const std::string& layerName, const std:
 
 // Overlays.
 
-Json overlayJson(const Kym::ApplicationOverlay& overlay) {
-    Json value = Json::object();
-    value.set("configuration", overlay.configurationName);
-    value.set("appId", overlay.appId);
-    value.set("description", overlay.description);
-    value.set("category", overlay.category);
-    value.set("disable", overlay.disableApplication);
-    return value;
-}
-
 int listOverlays(Context& context, const std::string& name) {
     std::unique_ptr<Kym::Configuration> department = loadDepartment(name);
     requireUpdated(*department);
@@ -217,6 +228,8 @@ struct OverlayOptions {
     std::string category;
     bool hasDescription = false;
     bool hasCategory = false;
+    std::optional<bool> disabled;
+    // The spellings of earlier versions.
     bool disable = false;
     bool enable = false;
 };
@@ -243,8 +256,8 @@ int setOverlay(Context& context, const OverlayOptions& options) {
     }
     if (options.hasDescription) overlay.description = options.description;
     if (options.hasCategory) overlay.category = options.category;
-    if (options.disable) overlay.disableApplication = true;
-    if (options.enable) overlay.disableApplication = false;
+    if (options.disable != options.enable) overlay.disableApplication = options.disable;
+    if (options.disabled) overlay.disableApplication = *options.disabled;
     overlay.settingsChanged();
     settings.setOverlay(overlay);
     department->save();
@@ -304,7 +317,7 @@ void addApplicationCommands(Commands& commands) {
         "Add an application to a layer. The program and arguments may refer to variables (${UGII_BASE_DIR}); they "
         "are expanded against the application's environment at launch. " + layers,
         "  kym app add base nx --description \"NX\" --category CAD --program '${UGII_BASE_DIR}/ugii/ugraf'\n"
-        "  kym app add dept:Design viewer --program /usr/bin/viewer --arguments '-q \"${PROJECT_DIR}\"' --no-libraries\n",
+        "  kym app add dept:Design viewer --program /usr/bin/viewer --arguments '-q \"${PROJECT_DIR}\"' --libraries off\n",
         [&context, add] { return addApplication(context, *add); });
     addCommand->add_option("LAYER", add->layer, layers)->required();
     addCommand->add_option("APPID", add->appId, "The application's identifier, unique in the layer")->required();
@@ -312,9 +325,13 @@ void addApplicationCommands(Commands& commands) {
     addCommand->add_option("--category", add->category, "The group it is listed under");
     addCommand->add_option("--program", add->program, "The executable (column Executable)");
     addCommand->add_option("--arguments", add->arguments, "The argument text; \"...\" keeps blanks inside one argument");
-    addCommand->add_flag("--no-libraries", add->noLibraries, "Do not put ${UGII_BASE_DIR}/ugii in front of PATH (column AddNXLibs)");
-    addCommand->add_flag("--no-custom", add->noCustom, "Skip base, plugin and department variables (column NoCustom)");
-    addCommand->add_flag("--disabled", add->disabled, "Hide it from users (column Disable)");
+    addSwitch(addCommand, "--libraries", add->libraries,
+              "Put ${UGII_BASE_DIR}/ugii in front of PATH (column AddNXLibs; default on)");
+    addSwitch(addCommand, "--custom", add->custom,
+              "Give it the base, plugin and department variables (column NoCustom, inverted; default on)");
+    addSwitch(addCommand, "--disabled", add->disabled, "Hide it from users (column Disable; default off)");
+    addCommand->add_flag("--no-libraries", add->noLibraries)->group("");
+    addCommand->add_flag("--no-custom", add->noCustom)->group("");
 
     auto set = std::make_shared<std::vector<std::string>>(4);
     CLI::App* setCommand = commands.command(
@@ -343,24 +360,23 @@ void addApplicationCommands(Commands& commands) {
         "CONFIGNAME is the configuration that holds the "
         "application: 'Base KYM', '<plugin> Plugin' or a department name ('kym apps DEPT --all --json' shows it).",
         "  kym overlay set Design 'Base KYM' nx --category Design --description \"NX for design\"\n"
-        "  kym overlay set Design 'cam Plugin' mill --disable\n  kym overlay remove Design 'cam Plugin' mill\n");
+        "  kym overlay set dept:Design 'cam Plugin' mill --disabled on\n  kym overlay remove Design 'cam Plugin' mill\n");
 
     auto listDepartment = std::make_shared<std::string>();
-    commands
-        .command(overlay, "list", "List a department's overlays.", "  kym overlay list Design\n",
-                 [&context, listDepartment] { return listOverlays(context, *listDepartment); })
-        ->add_option("DEPT", *listDepartment, "The department")
-        ->required();
+    CLI::App* listOverlaysCommand =
+        commands.command(overlay, "list", "List a department's overlays.", "  kym overlay list Design\n",
+                         [&context, listDepartment] { return listOverlays(context, *listDepartment); });
+    addDepartment(listOverlaysCommand, "DEPT", *listDepartment, "The department")->required();
 
     auto setOptions = std::make_shared<OverlayOptions>();
     CLI::App* setOverlayCommand = commands.command(
         overlay, "set",
         "Add or change a department's overlay of an application. A new overlay starts from the application's own "
         "texts; the options change what they name.",
-        "  kym overlay set Design 'Base KYM' nx --category Design\n  kym overlay set Design 'cam Plugin' mill --disable\n"
-        "  kym overlay set Design Shared viewer --enable\n",
+        "  kym overlay set Design 'Base KYM' nx --category Design\n  kym overlay set Design 'cam Plugin' mill --disabled on\n"
+        "  kym overlay set Design Shared viewer --disabled off\n",
         [&context, setOptions] { return setOverlay(context, *setOptions); });
-    setOverlayCommand->add_option("DEPT", setOptions->department, "The department")->required();
+    addDepartment(setOverlayCommand, "DEPT", setOptions->department, "The department")->required();
     setOverlayCommand->add_option("CONFIGNAME", setOptions->configuration, "The configuration holding the application")
         ->required();
     setOverlayCommand->add_option("APPID", setOptions->appId, "The application")->required();
@@ -368,9 +384,9 @@ void addApplicationCommands(Commands& commands) {
         ->each([setOptions](const std::string&) { setOptions->hasDescription = true; });
     setOverlayCommand->add_option("--category", setOptions->category, "The group it is listed under")
         ->each([setOptions](const std::string&) { setOptions->hasCategory = true; });
-    CLI::Option* disable = setOverlayCommand->add_flag("--disable", setOptions->disable, "Hide it from the department");
-    CLI::Option* enable = setOverlayCommand->add_flag("--enable", setOptions->enable, "Show it in the department");
-    disable->excludes(enable);
+    addSwitch(setOverlayCommand, "--disabled", setOptions->disabled, "Hide it from the department's users");
+    setOverlayCommand->add_flag("--disable", setOptions->disable)->group("");
+    setOverlayCommand->add_flag("--enable", setOptions->enable)->group("");
 
     auto removeOptions = std::make_shared<std::vector<std::string>>(3);
     CLI::App* removeOverlayCommand = commands.command(
@@ -379,7 +395,7 @@ void addApplicationCommands(Commands& commands) {
         [&context, removeOptions] {
             return removeOverlay(context, (*removeOptions)[0], (*removeOptions)[1], (*removeOptions)[2]);
         });
-    removeOverlayCommand->add_option("DEPT", (*removeOptions)[0], "The department")->required();
+    addDepartment(removeOverlayCommand, "DEPT", (*removeOptions)[0], "The department")->required();
     removeOverlayCommand->add_option("CONFIGNAME", (*removeOptions)[1], "The configuration holding the application")
         ->required();
     removeOverlayCommand->add_option("APPID", (*removeOptions)[2], "The application")->required();

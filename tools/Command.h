@@ -9,6 +9,7 @@
 #include <functional>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -73,8 +74,20 @@ void addPluginCommands(Commands& commands);
 void addSiteCommands(Commands& commands);
 void addDoctorCommand(Commands& commands);
 void addRepairCommand(Commands& commands);
+void addTransferCommands(Commands& commands);
 
 // Text of a yes/no setting: on/off, true/false, yes/no, 1/0, any case.
 bool parseSwitch(const std::string& text, const std::string& what);
+
+// A setting that is on or off: --NAME on|off, and --NAME alone for on.
+CLI::Option* addSwitch(CLI::App* command, const std::string& name, std::optional<bool>& into, const std::string& help);
+
+// A department where only a department fits: its name, or dept:NAME as a
+// LAYER names it.
+CLI::Option* addDepartment(CLI::App* command, const std::string& name, std::string& into, const std::string& help);
+CLI::Option* addDepartment(CLI::App* command, const std::string& name, std::vector<std::string>& into,
+                           const std::string& help);
+// A plugin where only a plugin fits: its name, or plugin:NAME.
+CLI::Option* addPlugin(CLI::App* command, const std::string& name, std::string& into, const std::string& help);
 
 } // namespace KymTool

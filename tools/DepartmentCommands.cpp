@@ -11,6 +11,7 @@
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <optional>
 
 namespace KymTool {
 
@@ -179,7 +180,7 @@ struct CreateOptions {
     std::string description;
     std::string type;
     std::string common;
-    std::string cleanup;
+    std::optional<bool> cleanup;
     std::string cleanupDays;
 };
 
@@ -191,7 +192,6 @@ int createDepartment(Context& context, const CreateOptions& options) {
         throw std::runtime_error("Department '" + options.name + "' already exists: " + native(directory) + ".");
     if (!options.type.empty()) checkDepartmentType(options.type);
     checkCommonDepartment(options.name, options.common);
-    if (!options.cleanup.empty()) parseSwitch(options.cleanup, "cleanup");
     if (!options.cleanupDays.empty()) parseDays(options.cleanupDays);
 
     context.progress("Creating department " + options.name + ": unpacking release files...");
@@ -202,7 +202,7 @@ int createDepartment(Context& context, const CreateOptions& options) {
             if (!options.description.empty()) setProperty(created, "description", options.description);
             if (!options.type.empty()) setProperty(created, "type", options.type);
             if (!options.common.empty()) setProperty(created, "common", options.common);
-            if (!options.cleanup.empty()) setProperty(created, "cleanup", options.cleanup);
+            if (options.cleanup) created.doFileCleanup = *options.cleanup;
             if (!options.cleanupDays.empty()) setProperty(created, "cleanup-days", options.cleanupDays);
         });
     } catch (...) {
@@ -416,7 +416,7 @@ void addDepartmentCommands(Commands& commands) {
     CLI::App* show = commands.command(dept, "show", "Show a department's properties and what its settings hold.",
                                       "  kym dept show Design\n",
                                       [&context, showName] { return showDepartment(context, *showName); });
-    show->add_option("NAME", *showName, "The department")->required();
+    addDepartment(show, "NAME", *showName, "The department")->required();
 
     auto create = std::make_shared<CreateOptions>();
     CLI::App* createCommand = commands.command(
@@ -426,11 +426,11 @@ void addDepartmentCommands(Commands& commands) {
         "  kym dept create Shared --type Common --description \"Shared settings\"\n"
         "  kym dept create Design --description \"Design office\" --common Shared --cleanup-days 7\n",
         [&context, create] { return createDepartment(context, *create); });
-    createCommand->add_option("NAME", create->name, "Directory name of the new department")->required();
+    addDepartment(createCommand, "NAME", create->name, "Directory name of the new department")->required();
     createCommand->add_option("--description", create->description, "Free text shown to users");
     createCommand->add_option("--type", create->type, "Common, Development, Production (the default) or Test");
     createCommand->add_option("--common", create->common, "The department whose settings it shares");
-    createCommand->add_option("--cleanup", create->cleanup, "Remove stale temporary files at launch: on (default) or off");
+    addSwitch(createCommand, "--cleanup", create->cleanup, "Remove stale temporary files at launch (default on)");
     createCommand->add_option("--cleanup-days", create->cleanupDays, "Age in days of the files removed (default 2)");
 
     auto renameNames = std::make_shared<std::pair<std::string, std::string>>();
@@ -439,8 +439,8 @@ void addDepartmentCommands(Commands& commands) {
         "Rename a department. Departments that name it as their common department follow.",
         "  kym dept rename Design Design2\n",
         [&context, renameNames] { return renameDepartment(context, renameNames->first, renameNames->second); });
-    rename->add_option("OLD", renameNames->first, "The department")->required();
-    rename->add_option("NEW", renameNames->second, "Its new name")->required();
+    addDepartment(rename, "OLD", renameNames->first, "The department")->required();
+    addDepartment(rename, "NEW", renameNames->second, "Its new name")->required();
 
     auto deleteName = std::make_shared<std::string>();
     auto deleteYes = std::make_shared<bool>(false);
@@ -453,7 +453,7 @@ void addDepartmentCommands(Commands& commands) {
         [&context, deleteName, deleteYes, deleteForce] {
             return deleteDepartment(context, *deleteName, *deleteYes, *deleteForce);
         });
-    remove->add_option("NAME", *deleteName, "The department")->required();
+    addDepartment(remove, "NAME", *deleteName, "The department")->required();
     remove->add_flag("-y,--yes", *deleteYes, "Do not ask");
     remove->add_flag("--force", *deleteForce,
                      "Delete it even when other departments name it as their common department");
@@ -468,7 +468,7 @@ void addDepartmentCommands(Commands& commands) {
         [&context, setArguments] {
             return setDepartmentProperty(context, (*setArguments)[0], (*setArguments)[1], (*setArguments)[2]);
         });
-    set->add_option("NAME", (*setArguments)[0], "The department")->required();
+    addDepartment(set, "NAME", (*setArguments)[0], "The department")->required();
     set->add_option("PROPERTY", (*setArguments)[1], PropertyNames)->required();
     set->add_option("VALUE", (*setArguments)[2], "The new value")->required();
 
@@ -478,31 +478,30 @@ void addDepartmentCommands(Commands& commands) {
         "Update a department for the current release. Makes its version directory; the settings of the previous "
         "release are carried over.",
         "  kym dept update Design\n", [&context, updateName] { return updateDepartment(context, *updateName); });
-    update->add_option("NAME", *updateName, "The department")->required();
+    addDepartment(update, "NAME", *updateName, "The department")->required();
 
     CLI::App* workdir = commands.group(
         root, "workdir", "", "Manage the work directories of a department. A launch can start in one of them (kym launch --workdir NAME).",
         "  kym workdir add Design projects '${HOME}/projects'\n  kym workdir list Design\n"
         "  kym workdir remove Design projects\n");
     auto listName = std::make_shared<std::string>();
-    commands
-        .command(workdir, "list", "List a department's work directories.", "  kym workdir list Design\n",
-                 [&context, listName] { return listWorkDirectories(context, *listName); })
-        ->add_option("DEPT", *listName, "The department")
-        ->required();
+    CLI::App* listCommand =
+        commands.command(workdir, "list", "List a department's work directories.", "  kym workdir list Design\n",
+                         [&context, listName] { return listWorkDirectories(context, *listName); });
+    addDepartment(listCommand, "DEPT", *listName, "The department")->required();
     auto add = std::make_shared<std::vector<std::string>>(3);
     CLI::App* addCommand = commands.command(
         workdir, "add", "Add a work directory; PATH may refer to variables (${HOME}), expanded at launch.",
         "  kym workdir add Design projects '${HOME}/projects'\n",
         [&context, add] { return addWorkDirectory(context, (*add)[0], (*add)[1], (*add)[2]); });
-    addCommand->add_option("DEPT", (*add)[0], "The department")->required();
+    addDepartment(addCommand, "DEPT", (*add)[0], "The department")->required();
     addCommand->add_option("NAME", (*add)[1], "The name users choose it by")->required();
     addCommand->add_option("PATH", (*add)[2], "The directory")->required();
     auto removeNames = std::make_shared<std::pair<std::string, std::string>>();
     CLI::App* removeWorkdir = commands.command(
         workdir, "remove", "Remove a work directory.", "  kym workdir remove Design projects\n",
         [&context, removeNames] { return removeWorkDirectory(context, removeNames->first, removeNames->second); });
-    removeWorkdir->add_option("DEPT", removeNames->first, "The department")->required();
+    addDepartment(removeWorkdir, "DEPT", removeNames->first, "The department")->required();
     removeWorkdir->add_option("NAME", removeNames->second, "The work directory")->required();
 }
 

@@ -14,9 +14,11 @@
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <boost/filesystem/operations.hpp>
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <optional>
+#include <sstream>
 
 namespace KymTool {
 
@@ -332,6 +334,139 @@ int run(Context& context, const std::vector<std::string>& words, bool addLibrari
     return 0;
 }
 
+// One side of kym diff: a department's environment, that of one of its
+// applications or, without one, what kym run gives.
+struct DiffSide {
+    std::string departmentName;
+    std::string application;
+    Kym::Launcher::EnvironmentMap environment;
+    Explanation explanation;
+
+    std::string label() const { return application.empty() ? departmentName : departmentName + " " + application; }
+    // The value and the layer that set it last, if the variable is set.
+    std::optional<std::pair<std::string, std::string>> at(const std::string& name) const {
+        auto value = environment.find(name);
+        if (value == environment.end()) return std::nullopt;
+        auto steps = explanation.steps().find(name);
+        const std::string layer = steps == explanation.steps().end() ? std::string() : steps->second.back().layer;
+        return std::make_pair(value->second, layer);
+    }
+};
+
+void composeSide(DiffSide& side, const std::string& departmentName, const std::string& appId) {
+    Session session = openSession(departmentName);
+    side.departmentName = session.name();
+    const Kym::OfferedApplications offered(*session.department, session.common.get());
+    Kym::ConfigApplication withoutOwnSettings;
+    withoutOwnSettings.addUGLibsToPath = false;
+    const Kym::ConfigApplication& application = appId.empty() ? withoutOwnSettings : offered.choose(appId).application;
+    if (!appId.empty()) side.application = application.appId;
+    Kym::Launcher().buildEnvVarMap(*session.department, session.common.get(), application, side.environment,
+                                   &side.explanation);
+}
+
+bool isDepartmentWord(const std::string& word) {
+    boost::system::error_code error;
+    try {
+        return fs::is_directory(departmentDirectory(word), error);
+    } catch (const std::exception&) {
+        return false;  // not a department's name at all
+    }
+}
+
+// [DEPT1] DEPT2 [APP], or [DEPT] APP1 APP2: the departments come first, and
+// a left-out department is the one the launcher commands would use.
+std::pair<std::pair<std::string, std::string>, std::pair<std::string, std::string>>
+diffTargets(const std::vector<std::string>& words) {
+    std::vector<std::string> departments;
+    std::vector<std::string> applications;
+    for (const std::string& word : words) {
+        if (applications.empty() && departments.size() < 2 && isDepartmentWord(word))
+            departments.push_back(word);
+        else
+            applications.push_back(word);
+    }
+    const std::string usage = "Compare two departments or two applications: kym diff [DEPT1] DEPT2 [APP], or "
+                              "kym diff [DEPT] APP1 APP2.";
+    if (departments.size() == 2 && applications.size() <= 1) {
+        const std::string app = applications.empty() ? std::string() : applications.front();
+        return {{departments[0], app}, {departments[1], app}};
+    }
+    if (departments.size() == 1 && applications.empty()) return {{"", ""}, {departments[0], ""}};
+    if (departments.size() == 1 && applications.size() == 1)
+        return {{"", applications[0]}, {departments[0], applications[0]}};
+    if (departments.size() <= 1 && applications.size() == 2) {
+        const std::string department = departments.empty() ? std::string() : departments.front();
+        return {{department, applications[0]}, {department, applications[1]}};
+    }
+    if (departments.empty() && applications.size() == 1)
+        throw std::runtime_error("No department named '" + applications.front() + "' ('kym departments' lists them). " +
+                                 usage);
+    throw UsageError(usage);
+}
+
+int diffEnvironments(Context& context, const std::vector<std::string>& words) {
+    const auto targets = diffTargets(words);
+    DiffSide left;
+    DiffSide right;
+    composeSide(left, targets.first.first, targets.first.second);
+    composeSide(right, targets.second.first, targets.second.second);
+
+    std::vector<std::string> names;
+    for (const auto& entry : left.environment) names.push_back(entry.first);
+    for (const auto& entry : right.environment)
+        if (!left.environment.count(entry.first)) names.push_back(entry.first);
+    std::sort(names.begin(), names.end());
+
+    auto sideJson = [](const std::optional<std::pair<std::string, std::string>>& at) {
+        if (!at) return Json();
+        Json value = Json::object();
+        value.set("value", at->first);
+        value.set("layer", at->second);
+        return value;
+    };
+    auto sideTitle = [](const DiffSide& side) {
+        Json value = Json::object();
+        value.set("department", side.departmentName);
+        value.set("application", side.application.empty() ? Json() : Json(side.application));
+        return value;
+    };
+    Json differences = Json::array();
+    std::vector<std::string> lines;
+    std::ostringstream text;
+    std::size_t count = 0;
+    for (const std::string& name : names) {
+        const auto one = left.at(name);
+        const auto other = right.at(name);
+        if (one && other && one->first == other->first) continue;
+        ++count;
+        Json entry = Json::object();
+        entry.set("name", name);
+        entry.set("left", sideJson(one));
+        entry.set("right", sideJson(other));
+        differences.push(entry);
+        text << name << "\n";
+        Table table;
+        table.add({left.label(), one ? one->first : "(not set)", one ? one->second : ""});
+        table.add({right.label(), other ? other->first : "(not set)", other ? other->second : ""});
+        table.write(text, "    ");
+    }
+    Json value = Json::object();
+    value.set("left", sideTitle(left));
+    value.set("right", sideTitle(right));
+    value.set("differences", differences);
+    context.print(value, [&](std::ostream& out) {
+        if (count == 0) {
+            out << "The environments of " << left.label() << " and " << right.label() << " are the same.\n";
+            return;
+        }
+        out << count << (count == 1 ? " variable differs" : " variables differ") << " between " << left.label()
+            << " and " << right.label() << " (value, then the layer that set it):\n"
+            << text.str();
+    });
+    return 0;
+}
+
 const char* const DepartmentRule =
     "DEPT is a department's name; left out, the current department (KYM_DEPT_DIR, set for programs that kym "
     "started) is used, else the last department named to one of these commands.";
@@ -341,7 +476,7 @@ const char* const ApplicationRule =
     "need --from.";
 
 void addTargetOptions(CLI::App* command, Target& target) {
-    command->add_option("DEPT", target.first, "The department; may be left out");
+    addDepartment(command, "DEPT", target.first, "The department; may be left out");
     command->add_option("APP", target.second, "The application");
     command->add_option("--from", target.from,
                         "Among applications sharing APP, the one of this configuration ('Base KYM', '<plugin> Plugin' "
@@ -366,7 +501,7 @@ void addLauncherCommands(Commands& commands) {
         "and those of the plugins that apply, with the department's overlays, by category. " + std::string(DepartmentRule),
         "  kym apps Design\n  kym apps --all\n  kym apps Design --json\n",
         [&context, apps] { return listApplications(context, apps->words, apps->all); });
-    appsCommand->add_option("DEPT", apps->words, "The department")->expected(0, 1);
+    addDepartment(appsCommand, "DEPT", apps->words, "The department")->expected(0, 1);
     appsCommand->add_flag("-a,--all", apps->all, "Also the disabled applications");
 
     struct EnvOptions {
@@ -383,6 +518,17 @@ void addLauncherCommands(Commands& commands) {
         [&context, env] { return showEnvironment(context, env->target, env->explain); });
     addTargetOptions(envCommand, env->target);
     envCommand->add_flag("--explain", env->explain, "Show the layers behind each variable");
+
+    auto diff = std::make_shared<std::vector<std::string>>();
+    CLI::App* diffCommand = commands.command(
+        root, "diff",
+        "Compare the environments of two departments, or of two applications. Only the variables that differ are "
+        "shown, each with the layer that set it. Without APP, a department's environment is what 'kym run' gives; a "
+        "left-out department is the current one, as for the other launcher commands.",
+        "  kym diff Design Tooling\n  kym diff Design Tooling nx\n  kym diff Tooling nx\n"
+        "  kym diff Design nx drafting\n  kym diff Design Tooling --json\n",
+        [&context, diff] { return diffEnvironments(context, *diff); });
+    addDepartment(diffCommand, "NAMES", *diff, "[DEPT1] DEPT2 [APP], or [DEPT] APP1 APP2")->expected(1, 3)->required();
 
     auto command = std::make_shared<Target>();
     CLI::App* commandCommand = commands.command(
@@ -415,7 +561,8 @@ void addLauncherCommands(Commands& commands) {
 
     struct RunOptions {
         std::vector<std::string> words;
-        bool addLibraries = false;
+        std::optional<bool> libraries;
+        bool addLibraries = false;  // the spelling of earlier versions
     };
     auto runOptions = std::make_shared<RunOptions>();
     CLI::App* runCommand = commands.command(
@@ -425,10 +572,12 @@ void addLauncherCommands(Commands& commands) {
         "the program as given, blanks, quotes and empty ones included. " +
             std::string(DepartmentRule),
         "  kym run Design -- /usr/bin/xterm\n  kym run -- env\n  kym run Design -- sh -c 'echo \"$1\"' x \"a b\"\n"
-        "  kym run Design --add-libraries -- '${UGII_BASE_DIR}/ugii/refile'\n",
-        [&context, runOptions] { return run(context, runOptions->words, runOptions->addLibraries); });
-    runCommand->add_option("DEPT", runOptions->words, "The department")->expected(0, 1);
-    runCommand->add_flag("--add-libraries", runOptions->addLibraries, "Put ${UGII_BASE_DIR}/ugii in front of PATH");
+        "  kym run Design --libraries on -- '${UGII_BASE_DIR}/ugii/refile'\n",
+        [&context, runOptions] { return run(context, runOptions->words, runOptions->libraries.value_or(runOptions->addLibraries));
+        });
+    addDepartment(runCommand, "DEPT", runOptions->words, "The department")->expected(0, 1);
+    addSwitch(runCommand, "--libraries", runOptions->libraries, "Put ${UGII_BASE_DIR}/ugii in front of PATH (default off)");
+    runCommand->add_flag("--add-libraries", runOptions->addLibraries)->group("");
 }
 
 } // namespace KymTool

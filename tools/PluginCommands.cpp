@@ -14,6 +14,7 @@
 #include <boost/filesystem/operations.hpp>
 #include <algorithm>
 #include <memory>
+#include <optional>
 
 namespace KymTool {
 
@@ -201,7 +202,7 @@ void addPluginCommands(Commands& commands) {
     struct CreateOptions {
         std::string name;
         std::string type;
-        bool external = false;
+        std::optional<bool> external;
     };
     auto create = std::make_shared<CreateOptions>();
     CLI::App* createCommand = commands.command(
@@ -209,31 +210,32 @@ void addPluginCommands(Commands& commands) {
         "Create a plugin directory with its settings.dat, in the installation's plugins directory or, with "
         "--external, in the site's external plugins location for the active launch conventions.",
         "  kym plugin create cam --type Production\n  kym plugin create tools --external\n",
-        [&context, create] { return createPlugin(context, create->name, create->type, create->external); });
-    createCommand->add_option("NAME", create->name, "The plugin's directory name")->required();
+        [&context, create] { return createPlugin(context, create->name, create->type, create->external.value_or(false)); });
+    addPlugin(createCommand, "NAME", create->name, "The plugin's directory name")->required();
     createCommand->add_option("--type", create->type, "Site-wide (the default), Common, Development, Production or Test");
-    createCommand->add_flag("--external", create->external, "Create it in the site's external plugins location");
+    addSwitch(createCommand, "--external", create->external,
+              "Create it in the site's external plugins location (default off)");
 
     auto setType = std::make_shared<std::pair<std::string, std::string>>();
     CLI::App* setTypeCommand = commands.command(
         plugin, "set-type", "Change which departments a plugin applies to.", "  kym plugin set-type cam Development\n",
         [&context, setType] { return setPluginType(context, setType->first, setType->second); });
-    setTypeCommand->add_option("NAME", setType->first, "The plugin")->required();
+    addPlugin(setTypeCommand, "NAME", setType->first, "The plugin")->required();
     setTypeCommand->add_option("TYPE", setType->second, "Site-wide, Common, Development, Production or Test")->required();
 
     auto disable = std::make_shared<std::pair<std::string, std::string>>();
     CLI::App* disableCommand = commands.command(
         plugin, "disable", "Switch a plugin off for one department.", "  kym plugin disable Design cam\n",
         [&context, disable] { return switchPlugin(context, disable->first, disable->second, true); });
-    disableCommand->add_option("DEPT", disable->first, "The department")->required();
-    disableCommand->add_option("PLUGIN", disable->second, "The plugin")->required();
+    addDepartment(disableCommand, "DEPT", disable->first, "The department")->required();
+    addPlugin(disableCommand, "PLUGIN", disable->second, "The plugin")->required();
 
     auto enable = std::make_shared<std::pair<std::string, std::string>>();
     CLI::App* enableCommand = commands.command(
         plugin, "enable", "Switch a plugin on again for one department.", "  kym plugin enable Design cam\n",
         [&context, enable] { return switchPlugin(context, enable->first, enable->second, false); });
-    enableCommand->add_option("DEPT", enable->first, "The department")->required();
-    enableCommand->add_option("PLUGIN", enable->second, "The plugin")->required();
+    addDepartment(enableCommand, "DEPT", enable->first, "The department")->required();
+    addPlugin(enableCommand, "PLUGIN", enable->second, "The plugin")->required();
 }
 
 } // namespace KymTool

@@ -1,5 +1,6 @@
 // kym site show|set and kym sysinfo show|set.
 #include "Command.h"
+#include "LayerJson.h"
 #include "SiteAccess.h"
 
 #include "kym/SiteSettings.h"
@@ -62,21 +63,15 @@ const std::vector<SiteKey>& siteKeys() {
 }
 
 std::string siteKeyNames() {
-    std::vector<std::string> names;
-    for (const SiteKey& key : siteKeys()) names.push_back(key.key);
-    return boost::algorithm::join(names, ", ");
+    return boost::algorithm::join(siteSettingKeys(), ", ");
 }
 
 int showSite(Context& context) {
     prepareStores();
     Kym::SiteSettings& site = Kym::SiteInformation();
-    Json value = Json::object();
+    Json value = siteSettingsJson(site);
     Table table;
-    for (const SiteKey& key : siteKeys()) {
-        const std::string text = key.get(site);
-        value.set(key.key, key.isSwitch ? Json(text == "on") : Json(text));
-        table.add({std::string(key.key) + ":", text});
-    }
+    for (const SiteKey& key : siteKeys()) table.add({std::string(key.key) + ":", key.get(site)});
     value.set("file", native(site.dataFile()));
     context.print(value, [&](std::ostream& out) {
         out << "Site settings " << native(site.dataFile()) << "\n";
@@ -86,10 +81,15 @@ int showSite(Context& context) {
     return 0;
 }
 
-int setSite(Context& context, const std::string& name, const std::string& text) {
+const SiteKey& siteKey(const std::string& name) {
     const auto& keys = siteKeys();
     auto key = std::find_if(keys.begin(), keys.end(), [&name](const SiteKey& candidate) { return name == candidate.key; });
     if (key == keys.end()) throw UsageError("Unknown site setting '" + name + "': choose " + siteKeyNames() + ".");
+    return *key;
+}
+
+int setSite(Context& context, const std::string& name, const std::string& text) {
+    const SiteKey* key = &siteKey(name);
     Kym::SiteSettings& site = editSite();
     key->set(site, text);
     site.settingsChanged();
@@ -136,9 +136,15 @@ const std::vector<Member>& members() {
 }
 
 std::string memberNames() {
-    std::vector<std::string> names;
-    for (const Member& member : members()) names.push_back(member.name);
-    return boost::algorithm::join(names, ", ");
+    return boost::algorithm::join(systemInfoMembers(), ", ");
+}
+
+const Member& member(const std::string& name) {
+    const auto& list = members();
+    auto found = std::find_if(list.begin(), list.end(), [&name](const Member& candidate) { return name == candidate.name; });
+    if (found == list.end())
+        throw UsageError("Unknown system information member '" + name + "': choose " + memberNames() + ".");
+    return *found;
 }
 
 // A location that cannot be determined is shown with the reason.
@@ -153,12 +159,9 @@ std::string location(const std::function<fs::path()>& find) {
 int showSystemInfo(Context& context) {
     Kym::SystemInfo& info = Kym::SystemInformation();
     Json value = Json::object();
-    Json values = Json::object();
     Table table;
-    for (const Member& member : members()) {
-        values.set(member.name, info.*member.member);
-        table.add({std::string(member.name) + ":", info.*member.member});
-    }
+    for (const Member& member : members()) table.add({std::string(member.name) + ":", info.*member.member});
+    const Json values = systemInfoJson(info);
     value.set("members", values);
     value.set("file", native(info.dataFile()));
     const std::string install = location([] { return Kym::SystemInfo::installPath(); });
@@ -181,12 +184,9 @@ int showSystemInfo(Context& context) {
 }
 
 int setSystemInfo(Context& context, const std::string& name, const std::string& text) {
-    const auto& list = members();
-    auto member = std::find_if(list.begin(), list.end(), [&name](const Member& candidate) { return name == candidate.name; });
-    if (member == list.end())
-        throw UsageError("Unknown system information member '" + name + "': choose " + memberNames() + ".");
+    const Member& chosen = member(name);
     Kym::SystemInfo& info = editSystemInfo();
-    info.*member->member = text;
+    info.*chosen.member = text;
     info.settingsChanged();
     info.save();
     Json value = Json::object();
@@ -200,6 +200,41 @@ int setSystemInfo(Context& context, const std::string& name, const std::string& 
 }
 
 } // namespace
+
+Json siteSettingsJson(const Kym::SiteSettings& site) {
+    Json value = Json::object();
+    for (const SiteKey& key : siteKeys()) {
+        const std::string text = key.get(site);
+        value.set(key.key, key.isSwitch ? Json(text == "on") : Json(text));
+    }
+    return value;
+}
+
+std::vector<std::string> siteSettingKeys() {
+    std::vector<std::string> names;
+    for (const SiteKey& key : siteKeys()) names.push_back(key.key);
+    return names;
+}
+
+void setSiteSetting(Kym::SiteSettings& site, const std::string& key, const std::string& text) {
+    siteKey(key).set(site, text);
+}
+
+Json systemInfoJson(const Kym::SystemInfo& info) {
+    Json values = Json::object();
+    for (const Member& member : members()) values.set(member.name, info.*member.member);
+    return values;
+}
+
+std::vector<std::string> systemInfoMembers() {
+    std::vector<std::string> names;
+    for (const Member& member : members()) names.push_back(member.name);
+    return names;
+}
+
+void setSystemInfoMember(Kym::SystemInfo& info, const std::string& name, const std::string& text) {
+    info.*member(name).member = text;
+}
 
 void addSiteCommands(Commands& commands) {
     Context& context = commands.context();

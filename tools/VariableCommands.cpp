@@ -1,44 +1,28 @@
-// kym var list|set|unset: the variable lists of every layer and of the
+// kym var list|set|remove: the variable lists of every layer and of the
 // applications a layer holds.
 #include "Command.h"
+#include "LayerJson.h"
 #include "SiteAccess.h"
 
 #include <memory>
 
 namespace KymTool {
 
-namespace {
+const char* const VariableListNames[3] = {"common", "unix", "windows"};
 
-const char* const ListNames[] = {"common", "unix", "windows"};
-
-struct VariableList {
-    std::string name;  // common, unix or windows
-    Kym::EnvVariableListSource* source = nullptr;
-    // The records themselves: the table has no column for the comment.
-    std::vector<Kym::EnvironmentVariable>* records = nullptr;
-    std::string description;
-};
-
-VariableList variableList(Layer& layer, const std::string& appId, const std::string& listName) {
-    Kym::SettingsProtocol* owner = layer.variables;
-    std::string where = layer.description;
-    if (!appId.empty()) {
-        const int row = requireApplicationRow(layer, appId);
-        owner = &layer.applications->application(row);
-        where = "application " + appId + " of " + layer.description;
-    }
+VariableList variableList(Kym::SettingsProtocol& owner, const std::string& listName, const std::string& where) {
     VariableList list;
     list.name = listName;
     const std::vector<Kym::EnvironmentVariable>* records = nullptr;
     if (listName == "common") {
-        list.source = owner->commonVariables();
-        records = &owner->commonVariableList();
+        list.source = owner.commonVariables();
+        records = &owner.commonVariableList();
     } else if (listName == "unix") {
-        list.source = owner->unixVariables();
-        records = &owner->unixVariableList();
+        list.source = owner.unixVariables();
+        records = &owner.unixVariableList();
     } else if (listName == "windows") {
-        list.source = owner->winVariables();
-        records = &owner->winVariableList();
+        list.source = owner.winVariables();
+        records = &owner.winVariableList();
     } else {
         throw UsageError("Unknown variable list '" + listName + "': choose common, unix or windows.");
     }
@@ -48,10 +32,27 @@ VariableList variableList(Layer& layer, const std::string& appId, const std::str
     return list;
 }
 
-int rowOf(const VariableList& list, const std::string& name) {
+int variableRow(const VariableList& list, const std::string& name) {
     for (int row = 0; row < list.source->numberOfRowsInList(); ++row)
         if (boost::any_cast<std::string>(list.source->valueForListColumnRow("Name", row)) == name) return row;
     return -1;
+}
+
+Json variableJson(const Kym::EnvironmentVariable& variable) {
+    Json value = Json::object();
+    value.set("name", variable.name);
+    value.set("value", variable.value);
+    value.set("comment", variable.comment);
+    return value;
+}
+
+namespace {
+
+VariableList layerVariableList(Layer& layer, const std::string& appId, const std::string& listName) {
+    if (appId.empty()) return variableList(*layer.variables, listName, layer.description);
+    const int row = requireApplicationRow(layer, appId);
+    return variableList(layer.applications->application(row), listName,
+                        "application " + appId + " of " + layer.description);
 }
 
 struct Options {
@@ -64,21 +65,13 @@ struct Options {
     std::string list;
 };
 
-Json variableJson(const Kym::EnvironmentVariable& variable) {
-    Json value = Json::object();
-    value.set("name", variable.name);
-    value.set("value", variable.value);
-    value.set("comment", variable.comment);
-    return value;
-}
-
 int listVariables(Context& context, const Options& options) {
     Layer layer = openLayer(options.layer, Access::Read);
     std::vector<VariableList> lists;
     if (options.list.empty()) {
-        for (const char* name : ListNames) lists.push_back(variableList(layer, options.app, name));
+        for (const char* name : VariableListNames) lists.push_back(layerVariableList(layer, options.app, name));
     } else {
-        lists.push_back(variableList(layer, options.app, options.list));
+        lists.push_back(layerVariableList(layer, options.app, options.list));
     }
     Json value = Json::object();
     value.set("layer", options.layer);
@@ -108,8 +101,8 @@ int listVariables(Context& context, const Options& options) {
 int setVariable(Context& context, const Options& options) {
     if (options.name.empty()) throw std::runtime_error("A variable needs a name.");
     Layer layer = openLayer(options.layer, Access::Edit);
-    VariableList list = variableList(layer, options.app, options.list.empty() ? "common" : options.list);
-    int row = rowOf(list, options.name);
+    VariableList list = layerVariableList(layer, options.app, options.list.empty() ? "common" : options.list);
+    int row = variableRow(list, options.name);
     const bool replaced = row >= 0;
     if (!replaced) {
         list.source->insertRow(-1);
@@ -142,8 +135,8 @@ int setVariable(Context& context, const Options& options) {
 
 int unsetVariable(Context& context, const Options& options) {
     Layer layer = openLayer(options.layer, Access::Edit);
-    VariableList list = variableList(layer, options.app, options.list.empty() ? "common" : options.list);
-    const int row = rowOf(list, options.name);
+    VariableList list = layerVariableList(layer, options.app, options.list.empty() ? "common" : options.list);
+    const int row = variableRow(list, options.name);
     if (row < 0) throw std::runtime_error("Variable '" + options.name + "' is not in " + list.description + ".");
     list.source->deleteRows({row});
     layer.save();
@@ -175,13 +168,13 @@ void addVariableCommands(Commands& commands) {
                                   " With --app, the variables of that application of the layer. Each layer has "
                                   "three lists: common (all clients), unix and windows.";
     CLI::App* var = commands.group(&commands.root(), "var", "variable",
-                                   "List, set and unset the variables of a layer. " + layerHelp,
+                                   "List, set and remove the variables of a layer. " + layerHelp,
                                    "  kym var set site TC_DATA /data/tc\n"
                                    "  kym var set base PATH '$PATH:/opt/tools/bin' --list unix --comment \"site tools\"\n"
                                    "  kym var set dept:Design UGII_LANG german\n"
                                    "  kym var set plugin:cam CAM_DIR /opt/cam\n"
                                    "  kym var set base UGII_OPTION 1 --app nx\n"
-                                   "  kym var unset dept:Design UGII_LANG\n  kym var list base\n");
+                                   "  kym var remove dept:Design UGII_LANG\n  kym var list base\n");
 
     auto list = std::make_shared<Options>();
     CLI::App* listCommand = commands.command(var, "list", "List a layer's variables. " + layerHelp,
@@ -208,10 +201,11 @@ void addVariableCommands(Commands& commands) {
     addCommonOptions(setCommand, *set, false);
 
     auto unset = std::make_shared<Options>();
-    CLI::App* unsetCommand = commands.command(var, "unset", "Remove a variable from a list. " + layerHelp,
-                                              "  kym var unset dept:Design UGII_LANG\n"
-                                              "  kym var unset base PATH --list unix\n",
+    CLI::App* unsetCommand = commands.command(var, "remove", "Remove a variable from a list; 'unset' is the same. " + layerHelp,
+                                              "  kym var remove dept:Design UGII_LANG\n"
+                                              "  kym var remove base PATH --list unix\n",
                                               [&context, unset] { return unsetVariable(context, *unset); });
+    unsetCommand->alias("unset");
     unsetCommand->add_option("LAYER", unset->layer, LayerHelp)->required();
     unsetCommand->add_option("NAME", unset->name, "The variable")->required();
     addCommonOptions(unsetCommand, *unset, false);

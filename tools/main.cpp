@@ -87,6 +87,51 @@ bool parseSwitch(const std::string& text, const std::string& what) {
 
 namespace {
 
+// Leaves a word that names a layer of another kind as it is, for the command's own message.
+CLI::Validator withoutPrefix(const std::string& prefix, const std::string& alias) {
+    return CLI::Validator(
+        [prefix, alias](std::string& word) {
+            for (const std::string& kind : {prefix, alias})
+                if (!kind.empty() && word.size() > kind.size() + 1 && word.compare(0, kind.size() + 1, kind + ":") == 0) {
+                    word.erase(0, kind.size() + 1);
+                    break;
+                }
+            return std::string();
+        },
+        "", "");
+}
+
+} // namespace
+
+CLI::Option* addSwitch(CLI::App* command, const std::string& name, std::optional<bool>& into, const std::string& help) {
+    const std::string what = name.substr(name.rfind(',') + 1);
+    auto take = [&into, what](const CLI::results_t& results) {
+        const std::string text = results.empty() ? std::string() : results.front();
+        try {
+            into = text.empty() || parseSwitch(text, what);
+        } catch (const UsageError& error) {
+            throw CLI::ValidationError(error.what());
+        }
+        return true;
+    };
+    return command->add_option(name, CLI::callback_t(take), help)->expected(0, 1)->type_name("on|off");
+}
+
+CLI::Option* addDepartment(CLI::App* command, const std::string& name, std::string& into, const std::string& help) {
+    return command->add_option(name, into, help)->transform(withoutPrefix("dept", "department"));
+}
+
+CLI::Option* addDepartment(CLI::App* command, const std::string& name, std::vector<std::string>& into,
+                           const std::string& help) {
+    return command->add_option(name, into, help)->transform(withoutPrefix("dept", "department"));
+}
+
+CLI::Option* addPlugin(CLI::App* command, const std::string& name, std::string& into, const std::string& help) {
+    return command->add_option(name, into, help)->transform(withoutPrefix("plugin", ""));
+}
+
+namespace {
+
 const char* const Overview =
     "kym starts the CAD applications of a department with the environment that the site, base, plugin, "
     "common department, department and application settings make together, and edits each of these layers.";
@@ -104,9 +149,16 @@ const char* const Examples =
     "  kym app add dept:Design nx --program '${UGII_BASE_DIR}/ugii/ugraf' --category CAD\n"
     "  kym site set unix-install-path /opt/nx\n"
     "  kym doctor                       check the whole site\n"
-    "Every command takes --json (output for scripts), -v/-vv (log to standard error) and\n"
-    "--platform windows|posix (the launch conventions, default: this machine's). 'kym help COMMAND' explains one.\n"
-    "Exit status: 0 success, 1 failure (message on standard error), 2 wrong command line.";
+    "  kym export dept:Design > design.json    and back: kym import dept:Design design.json\n"
+    "Conventions of every command:\n"
+    "  LAYER is site, base, plugin:NAME or dept:NAME (sysinfo too for export, import and repair);\n"
+    "    where only a department fits (DEPT) its bare name does too, and so for a plugin.\n"
+    "  A setting that is on or off is --NAME on|off (--NAME alone is on); a table column takes on or off.\n"
+    "  'remove' (and 'unset') takes an entry out of a list; 'delete' deletes a department with its directory.\n"
+    "  --json prints the result as JSON for scripts; -v/-vv log to standard error;\n"
+    "  --platform windows|posix chooses the launch conventions (default: this machine's).\n"
+    "'kym help COMMAND' explains one. Exit status: 0 success, 1 failure (message on standard error),\n"
+    "2 wrong command line.";
 
 std::string commandPath(const CLI::App* app) {
     std::string path;
@@ -162,7 +214,7 @@ struct CommandFamily {
 
 const std::vector<CommandFamily>& commandFamilies() {
     static const std::vector<CommandFamily> families = {
-        {{"apps", "env", "command", "check", "launch", "run"}, addLauncherCommands},
+        {{"apps", "env", "diff", "command", "check", "launch", "run"}, addLauncherCommands},
         {{"departments", "dept", "department", "workdir"}, addDepartmentCommands},
         {{"var", "variable"}, addVariableCommands},
         {{"app", "application", "overlay"}, addApplicationCommands},
@@ -170,6 +222,7 @@ const std::vector<CommandFamily>& commandFamilies() {
         {{"site", "sysinfo"}, addSiteCommands},
         {{"doctor"}, addDoctorCommand},
         {{"repair"}, addRepairCommand},
+        {{"export", "import"}, addTransferCommands},
     };
     return families;
 }

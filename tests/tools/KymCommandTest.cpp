@@ -16,6 +16,7 @@
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
 #include <boost/locale/utf.hpp>
 #include <chrono>
 #include <fstream>
@@ -464,4 +465,195 @@ TEST_F(KymCommand, TableColumnsAreAlignedByTheWidthTheTextTakesOnScreen) {
                                             "  b\xC3\xBCro   B\xC3\xBCro \xC3\x98  [Design]\n"
                                             "  nx     NX      [Base KYM]\n"
                                             "  kanji  \xE8\xA8\xAD\xE8\xA8\x88    [Design]\n"));
+}
+
+TEST_F(KymCommand, LayersAndSwitchesHaveOneSpellingInEveryCommandAndTheEarlierOnesStillWork) {
+    makeDepartments();
+    ok({{"plugin", "create", "plugin:cam"},
+        {"app", "add", "base", "nx", "--program", "/bin/true"},
+        {"app", "add", "dept:Design", "now", "--libraries", "off", "--custom", "off", "--disabled"},
+        {"app", "add", "dept:Design", "before", "--no-libraries", "--no-custom", "--disabled", "on"},
+        {"workdir", "add", "dept:Design", "projects", "${HOME}"},
+        {"plugin", "disable", "dept:Design", "plugin:cam"},
+        {"overlay", "set", "Design", "Base KYM", "nx", "--disable"}});
+    const boost::json::value apps = parsedJson(out({"app", "list", "dept:Design", "--json"}));
+    boost::json::object now = apps.at_pointer("/applications/0").as_object();
+    boost::json::object before = apps.at_pointer("/applications/1").as_object();
+    now.erase("appId");
+    before.erase("appId");
+    EXPECT_EQ(now, before);
+    EXPECT_EQ(now.at("addNXLibs"), false);
+    EXPECT_EQ(now.at("noCustom"), true);
+    EXPECT_EQ(now.at("disable"), true);
+
+    const auto overlayDisabled = [this] {
+        return Kym::Configuration(department("Design"), true).settings()->getOverlay("Base KYM", "nx").disableApplication;
+    };
+    EXPECT_TRUE(overlayDisabled());
+    ok({{"overlay", "set", "dept:Design", "Base KYM", "nx", "--disabled", "off"}});
+    EXPECT_FALSE(overlayDisabled());
+    EXPECT_EQ(out({"workdir", "list", "Design"}), text("NAME      PATH\nprojects  ${HOME}\n"));
+    EXPECT_EQ(Kym::Configuration(department("Design"), true).settings()->disabledPluginList(),
+              std::vector<std::string>{"cam"});
+
+    ok({{"var", "set", "dept:Design", "A", "1"}, {"var", "set", "dept:Design", "B", "2"},
+        {"var", "remove", "dept:Design", "A"}, {"var", "unset", "dept:Design", "B"}});
+    EXPECT_EQ(out({"var", "list", "dept:Design"}), text("No variables in department Design.\n"));
+    EXPECT_EQ(printed(2, {"app", "add", "base", "x", "--custom", "maybe"}),
+              text("kym: Invalid value 'maybe' for --custom: give on or off.\n"
+                   "Usage: kym app add [OPTIONS] LAYER APPID\nRun 'kym help app add' for more.\n"));
+}
+
+TEST_F(KymCommand, ALayerExportedAndImportedElsewhereHoldsTheSameSettings) {
+    makeDepartments();
+    ok({{"dept", "create", "Tooling"},
+        {"plugin", "create", "cam"},
+        {"app", "add", "base", "nx", "--program", "/bin/true"},
+        {"var", "set", "dept:Design", "PROJECT", "/projects/design", "--comment", "project data"},
+        {"var", "set", "dept:Design", "PATH", "${PATH}:${PROJECT}/bin", "--list", "unix"},
+        {"app", "add", "dept:Design", "draft", "--program", "draft", "--libraries", "off", "--category", "CAD"},
+        {"var", "set", "dept:Design", "STANDARD", "ISO", "--app", "draft", "--list", "windows"},
+        {"workdir", "add", "Design", "projects", "${PROJECT}"},
+        {"overlay", "set", "Design", "Base KYM", "nx", "--category", "Design"},
+        {"plugin", "disable", "Design", "cam"},
+        {"var", "set", "dept:Tooling", "GONE", "1"}});
+    const std::string design = out({"export", "dept:Design"});
+    const fs::path file = site.root() / "design.json";
+    writeFile(file, design);
+    EXPECT_EQ(out({"import", "dept:Tooling", file.string()}),
+              text("Imported " + native(file) + " into department Tooling.\n"));
+
+    boost::json::value exported = parsedJson(design);
+    boost::json::value copied = parsedJson(out({"export", "dept:Tooling"}));
+    EXPECT_EQ(exported.as_object().erase("layer") + copied.as_object().erase("layer"), 2u);
+    EXPECT_EQ(copied, exported);
+    EXPECT_EQ(exported.at_pointer("/applications/0/variables/windows/0/name"), "STANDARD");
+    EXPECT_EQ(exported.at_pointer("/disabledPlugins/0"), "cam");
+    EXPECT_EQ(exported.at_pointer("/overlays/0/category"), "Design");
+
+    // The system information, changed in its document and read back.
+    boost::json::value info = parsedJson(out({"export", "sysinfo"}));
+    info.at_pointer("/members/PreviousCadVersionDirectory") = "NX3";
+    writeFile(file, boost::json::serialize(info));
+    ok({{"import", "sysinfo", file.string()}});
+    EXPECT_EQ(parsedJson(out({"sysinfo", "show", "--json"})).at_pointer("/members/PreviousCadVersionDirectory"), "NX3");
+}
+
+TEST_F(KymCommand, AnImportWithAnyProblemWritesNothingAndNamesEachProblem) {
+    makeDepartments();
+    ok({{"var", "set", "dept:Design", "KEEP", "1"}});
+    const fs::path settings = Kym::Configuration(department("Design"), true).settings()->dataFile();
+    const std::string before = readFile(settings);
+    const fs::path file = site.root() / "bad.json";
+    writeFile(file, R"({"format": "kym layer", "version": 1,
+        "variables": {"common": [{"name": "GOOD", "value": "1"}, {"name": "1BAD", "value": "x"}],
+                      "unix": [{"name": "ODD", "value": "50%"}]},
+        "applications": [{"appId": "two words"}, {"description": "no id"}],
+        "disabledPlugins": ["nosuch"], "workDirectories": [{"name": "w", "path": 7}], "colour": "red"})");
+    EXPECT_EQ(failure({"import", "dept:Design", file.string()}),
+              text("kym: Nothing imported into department Design: " + native(file) + " has 7 problems:\n"
+                   "  variables.common[1]: Invalid variable name '1BAD' in the common list of department Design: a name "
+                   "holds letters, digits and '_' (a '#' only first) and starts with neither a digit nor '_'.\n"
+                   "  variables.unix[0]: Invalid value '50%' for variable 'ODD' in the unix list of department Design: "
+                   "a value holds its '%' signs in pairs and closes every '{' with a '}'.\n"
+                   "  applications[0]: Invalid application identifier 'two words': give a word without blanks.\n"
+                   "  applications[1].appId: is missing\n"
+                   "  workDirectories[0].path: a text \"...\" is needed\n"
+                   "  disabledPlugins[0]: No plugin named 'nosuch' ('kym plugin list' lists them).\n"
+                   "  colour: not part of department Design: it holds format, version, layer, variables, "
+                   "applications, workDirectories, overlays, disabledPlugins.\n"));
+    EXPECT_EQ(readFile(settings), before);
+
+    writeFile(file, "{\"format\": \"kym layer\",\n\"variables\": [");
+    EXPECT_EQ(failure({"import", "dept:Design", file.string()}),
+              text("kym: Cannot import " + native(file) + ": it is not a JSON document (line 2: incomplete JSON).\n"));
+    writeFile(file, "{\"variables\": {}}");
+    EXPECT_EQ(failure({"import", "base", file.string()}),
+              text("kym: Cannot import " + native(file) + ": it is not a layer that kym exported (its \"format\" is "
+                   "not \"kym layer\").\n"));
+    EXPECT_EQ(readFile(settings), before);
+}
+
+TEST_F(KymCommand, StartScriptsBecomeTheLayersVariablesAndEveryOtherLineIsReported) {
+    makeDepartments();
+    ok({{"var", "set", "dept:Design", "UGII_LANG", "english", "--list", "windows"}});
+    const fs::path batch = site.root() / "start_nx.bat";
+    writeFile(batch, "@echo off\r\n"
+                     "rem Design's NX\r\n"
+                     "set UGII_LANG=german\r\n"
+                     "set \"PROJECT=D:\\projects\\design\"\r\n"
+                     "SET PATH=%UGII_BASE_DIR%\\ugii;%PATH%\r\n"
+                     "set PATH=%PATH%;%PROJECT%\\bin\r\n"
+                     "set SHARE=100%%%%\r\n"
+                     "set HERE=%~dp0\r\n"
+                     "start \"\" \"%UGII_BASE_DIR%\\ugii\\ugraf.exe\"\r\n");
+    EXPECT_EQ(out({"import", "dept:Design", batch.string()}),
+              text("Imported 5 variables from " + native(batch) + " into the windows list of department Design.\n"
+                   "Left out, not understood (2 lines):\n"
+                   "  line 8:  set HERE=%~dp0                             (the reference %~dp0 has no counterpart in kym)\n"
+                   "  line 9:  start \"\" \"%UGII_BASE_DIR%\\ugii\\ugraf.exe\"  (not a set NAME=VALUE line)\n"));
+    const fs::path shell = site.root() / "start_nx.sh";
+    writeFile(shell, "#!/bin/sh\n"
+                     "export UGII_LANG=german\n"
+                     "PROJECT=\"/projects/design\"; export PROJECT\n"
+                     "export PATH=$UGII_BASE_DIR/ugii:${PATH} # the CAD system first\n"
+                     "unset UGII_TRACE\n"
+                     "export UGII_HOST=`hostname`\n"
+                     "exec \"$UGII_BASE_DIR/ugii/ugraf\" \"$@\"\n");
+    EXPECT_EQ(out({"import", "dept:Design", shell.string()}),
+              text("Imported 4 variables from " + native(shell) + " into the unix list of department Design.\n"
+                   "Left out, not understood (2 lines):\n"
+                   "  line 6:  export UGII_HOST=`hostname`            (command substitution has no counterpart in kym)\n"
+                   "  line 7:  exec \"$UGII_BASE_DIR/ugii/ugraf\" \"$@\"  (not a NAME=VALUE or export line)\n"));
+
+    const Kym::Configuration design(department("Design"), true);
+    EXPECT_EQ(variableTexts(design.settings()->winVariableList()),
+              (std::vector<std::string>{"UGII_LANG=german", "PROJECT=D:\\projects\\design",
+                                        "PATH=${UGII_BASE_DIR}\\ugii;${PATH}", "PATH=${PATH};${PROJECT}\\bin",
+                                        "SHARE=100%%"}));
+    EXPECT_EQ(variableTexts(design.settings()->unixVariableList()),
+              (std::vector<std::string>{"UGII_LANG=german", "PROJECT=/projects/design",
+                                        "PATH=${UGII_BASE_DIR}/ugii:${PATH}", "UGII_TRACE="}));
+
+    // A value kym would refuse stops the whole script.
+    const std::string saved = readFile(design.settings()->dataFile());
+    writeFile(batch, "set FIRST=1\r\nset RATE=50%%\r\n");
+    EXPECT_EQ(failure({"import", "dept:Design", batch.string()}),
+              text("kym: Nothing imported into the windows list of department Design:\n  " + native(batch) +
+                   " line 2: Invalid value '50%' for variable 'RATE': a value holds its '%' signs in pairs and closes "
+                   "every '{' with a '}'.\n"));
+    EXPECT_EQ(readFile(design.settings()->dataFile()), saved);
+}
+
+TEST_F(KymCommand, DiffShowsOnlyWhatDiffersBetweenTwoDepartmentsOrApplicationsWithTheLayerThatSetIt) {
+    makeDepartments();
+    ok({{"dept", "create", "Tooling"},
+        {"app", "add", "base", "nx", "--program", "/bin/true"},
+        {"app", "add", "base", "viewer", "--program", "/bin/true"},
+        {"var", "set", "base", "UGII_LANG", "english"},
+        {"var", "set", "dept:Design", "UGII_LANG", "german"},
+        {"var", "set", "dept:Tooling", "ONLY_TOOLING", "1"},
+        {"var", "set", "base", "VIEW_MODE", "fast", "--app", "viewer"}});
+    const std::string departments = out({"diff", "Design", "Tooling"});
+    EXPECT_TRUE(boost::contains(departments, text("UGII_LANG\n    Design   german   department\n"
+                                                  "    Tooling  english  base\n")))
+        << departments;
+    EXPECT_TRUE(boost::contains(departments, text("ONLY_TOOLING\n    Design   (not set)\n    Tooling  1          department\n")))
+        << departments;
+    EXPECT_FALSE(boost::contains(departments, "UGII_BASE_DIR")) << departments;
+
+    // The application's own variables, and a left-out department: the one named last.
+    ok({{"apps", "Tooling"}});
+    EXPECT_EQ(out({"diff", "nx", "viewer"}),
+              text("1 variable differs between Tooling nx and Tooling viewer (value, then the layer that set it):\n"
+                   "VIEW_MODE\n    Tooling nx      (not set)\n    Tooling viewer  fast       application\n"));
+    const boost::json::value json = parsedJson(out({"diff", "Design", "Tooling", "nx", "--json"}));
+    EXPECT_EQ(json.at("left"), (boost::json::object{{"department", "Design"}, {"application", "nx"}}));
+    const boost::json::array& differences = json.at("differences").as_array();
+    const auto lang = std::find_if(differences.begin(), differences.end(),
+                                   [](const boost::json::value& entry) { return entry.at("name") == "UGII_LANG"; });
+    ASSERT_NE(lang, differences.end());
+    EXPECT_EQ(*lang, (boost::json::object{{"name", "UGII_LANG"},
+                                          {"left", {{"value", "german"}, {"layer", "department"}}},
+                                          {"right", {{"value", "english"}, {"layer", "base"}}}}));
 }
