@@ -39,3 +39,5 @@ show launch design drafting --workdir projects
 sleep 1
 echo
 echo "Try it yourself: source $site/environment.sh, then $kym --help."
+echo "In the browser: source $site/environment.sh, then $kym serve --open"
+echo "(or $kym serve, and open the address it prints): the launcher and the configure program of the site."

@@ -8,7 +8,8 @@ packages=(build-essential cmake pkg-config
   libarchive-dev libpugixml-dev libspdlog-dev libfmt-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   clang libclang-rt-dev
-  tar gzip util-linux hyperfine)
+  tar gzip util-linux hyperfine
+  chromium)
 if [ "${1:-}" = "--windows" ]; then
   packages+=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine wine64
     googletest dpkg-dev bison xz-utils ninja-build)
@@ -17,11 +18,16 @@ missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
+sudo_cmd=""
+[ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
+export DEBIAN_FRONTEND=noninteractive
 if [ ${#missing[@]} -gt 0 ]; then
   echo "Installing: ${missing[*]}"
-  sudo_cmd=""
-  [ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
-  export DEBIAN_FRONTEND=noninteractive
   $sudo_cmd apt-get update -qq
   $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+# The browser tests run Playwright, which needs Node.js 20 or newer, with npm.
+if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+  echo "Installing: nodejs npm"
+  $sudo_cmd apt-get install -y -qq --no-install-recommends nodejs npm >/dev/null
 fi

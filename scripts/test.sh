@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The test command. Installs missing packages, then configures, builds and
 # runs the whole test suite three times, with warnings as errors:
-#   build/          the normal build, its tests run again as user nobody
+#   build/          the normal build, its tests run again as user nobody,
+#                   and kym serve in Chromium (Playwright, tests/browser)
 #   build-asan/     AddressSanitizer + UBSan, with LeakSanitizer on
 #   build-windows/  64-bit Windows, cross-built with mingw-w64 and run under
 #                   Wine (scripts/test-windows.sh)
@@ -122,8 +123,34 @@ count_tests() {
   note "$phase" $((SECONDS - start)) "$result: $line"
 }
 
+# test_browser: kym serve in Debian's Chromium, driven by Playwright (tests/browser).
+test_browser() {
+  local start=$SECONDS log="$build_dir/browser-tests.log" result="ok" node_major
+  echo "=== [browser] Playwright with Debian's Chromium"
+  node_major="$(node -p 'process.versions.node.split(".")[0]' 2>/dev/null || echo 0)"
+  if [ "$node_major" -lt 20 ]; then
+    note "browser (Playwright)" 0 "FAILED: Playwright needs Node.js 20 or newer; this machine has $(node --version 2>/dev/null || echo none)"
+    status=1
+    return
+  fi
+  if ! (cd tests/browser && npm ci --no-audit --no-fund --loglevel=error &&
+    KYM="$build_dir/tools/kym" KYM_BROWSER_OUTPUT="$build_dir/browser-results" \
+      KYM_SCREENSHOT_DIR="$build_dir/browser-screenshots" npx playwright test) 2>&1 | tee "$log"; then
+    result="FAILED"
+    status=1
+  fi
+  local passed failed
+  passed="$(grep -Eo '^ +[0-9]+ passed' "$log" | grep -Eo '[0-9]+' | tail -n 1 || true)"
+  failed="$(grep -Eo '^ +[0-9]+ failed' "$log" | grep -Eo '[0-9]+' | tail -n 1 || true)"
+  total_passed=$((total_passed + ${passed:-0}))
+  total_failed=$((total_failed + ${failed:-0}))
+  [ -n "$passed$failed" ] || { result="FAILED"; status=1; }
+  note "browser (Playwright)" $((SECONDS - start)) "$result: ${passed:-0} passed, ${failed:-0} failed"
+}
+
 build_and_test normal "$build_dir" -DKYM_WERROR=ON
 test_as_nobody "$build_dir"
+test_browser
 build_and_test asan "$asan_dir" -DKYM_SANITIZE=ON -DKYM_WERROR=ON \
   -DCMAKE_BUILD_TYPE=Debug -DKYM_BUILD_BENCH=OFF
 

@@ -40,6 +40,12 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// What a command was to change was saved by someone else since it was read: status 3.
+class LayerChanged : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
 // A command's result; doctor answers 1 when it found problems.
 using Action = std::function<int()>;
 
@@ -75,6 +81,7 @@ void addSiteCommands(Commands& commands);
 void addDoctorCommand(Commands& commands);
 void addRepairCommand(Commands& commands);
 void addTransferCommands(Commands& commands);
+void addServeCommand(Commands& commands);
 
 // Text of a yes/no setting: on/off, true/false, yes/no, 1/0, any case.
 bool parseSwitch(const std::string& text, const std::string& what);

@@ -10,14 +10,19 @@
 
 #include "base/FileManager.h"
 
+#include <boost/filesystem/operations.hpp>
+
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/join.hpp>
+#include <boost/crc.hpp>
 #include <boost/json.hpp>
 
 #include <algorithm>
+#include <iomanip>
 #include <memory>
 #include <optional>
 #include <set>
+#include <sstream>
 
 namespace KymTool {
 
@@ -39,16 +44,36 @@ Json variablesJson(Kym::SettingsProtocol& owner) {
     return lists;
 }
 
+// What the layer's file holds now, in short: an import given the revision
+// that an export printed refuses to replace what another writer saved since.
+std::string revision(const fs::path& file) {
+    boost::crc_32_type crc;
+    std::string bytes;
+    boost::system::error_code error;
+    if (fs::exists(file, error)) bytes = Base::FileManager::readFile(file);
+    crc.process_bytes(bytes.data(), bytes.size());
+    std::ostringstream text;
+    text << std::hex << std::setw(8) << std::setfill('0') << crc.checksum() << '-' << std::dec << bytes.size();
+    return text.str();
+}
+
+// The file of a layer; the system information has no Layer.
+fs::path layerFile(const Layer* layer) {
+    return layer ? layer->file : Kym::SystemInformation().dataFile();
+}
+
 Json exportDocument(const std::string& layerName) {
     Json document = Json::object();
     document.set("format", Format);
     document.set("version", Version);
     document.set("layer", layerName);
     if (layerName == "sysinfo") {
+        document.set("revision", revision(layerFile(nullptr)));
         document.set("members", systemInfoJson(Kym::SystemInformation()));
         return document;
     }
     Layer layer = openLayer(layerName, Access::Read);
+    document.set("revision", revision(layerFile(&layer)));
     if (layerName == "site") document.set("settings", siteSettingsJson(Kym::SiteInformation()));
     document.set("variables", variablesJson(*layer.variables));
     if (layer.applications) {
@@ -326,7 +351,8 @@ json::value parseDocument(const fs::path& file, const std::string& text) {
 
 // The whole document is applied to the layer in memory and saved only when
 // every part of it was accepted.
-int importDocument(Context& context, const std::string& layerName, const fs::path& file, const std::string& text) {
+int importDocument(Context& context, const std::string& layerName, const fs::path& file, const std::string& text,
+                   const std::string& expectedRevision) {
     const json::value document = parseDocument(file, text);
     Problems problems;
     const Fields top(document, "", problems);
@@ -338,7 +364,7 @@ int importDocument(Context& context, const std::string& layerName, const fs::pat
         throw std::runtime_error("Cannot import " + native(file) + ": it was written by a newer kym (version " +
                                  json::serialize(*version) + "; this kym reads version " + std::to_string(Version) + ").");
 
-    std::vector<std::string> known = {"format", "version", "layer"};
+    std::vector<std::string> known = {"format", "version", "layer", "revision"};
     std::function<void()> save;
     std::string description;
     std::optional<Layer> layer;
@@ -374,6 +400,13 @@ int importDocument(Context& context, const std::string& layerName, const fs::pat
         }
     }
     top.onlyKeys(known, "not part of " + description + ": it holds ");
+    // Read under the layer's locks: nobody can save between this check and the write.
+    const fs::path target = layerFile(layer ? &*layer : nullptr);
+    if (!expectedRevision.empty() && revision(target) != expectedRevision)
+        throw LayerChanged("Nothing imported into " + description + ": " + native(target) +
+                           " was saved by someone else after revision " + expectedRevision +
+                           " was read. Export it again and repeat the changes, or import without --revision to "
+                           "replace it.");
     if (!problems.empty())
         throw std::runtime_error("Nothing imported into " + description + ": " + native(file) + " has " +
                                  std::to_string(problems.list().size()) +
@@ -466,6 +499,7 @@ struct ImportOptions {
     std::string layer;
     std::string file;
     std::string list;
+    std::string revision;
 };
 
 int importFile(Context& context, const ImportOptions& options) {
@@ -479,7 +513,7 @@ int importFile(Context& context, const ImportOptions& options) {
     const ScriptKind kind = scriptKind(file);
     if (kind != ScriptKind::None) return importScript(context, options.layer, file, text, kind, options.list);
     if (!options.list.empty()) throw UsageError("--list applies to start scripts (.bat, .cmd, .sh) only.");
-    return importDocument(context, options.layer, file, text);
+    return importDocument(context, options.layer, file, text, options.revision);
 }
 
 } // namespace
@@ -513,6 +547,9 @@ void addTransferCommands(Commands& commands) {
     importCommand->add_option("LAYER", imported->layer, layers)->required();
     importCommand->add_option("FILE", imported->file, "A JSON document of kym export, or a .bat, .cmd or .sh script")
         ->required();
+    importCommand->add_option("--revision", imported->revision,
+                              "Import only if the layer's file is still as at this revision (the \"revision\" that "
+                              "'kym export' printed); otherwise fail with status 3 and write nothing");
     importCommand->add_option("--list", imported->list,
                               "For a start script: common, unix or windows (default: windows for .bat and .cmd, "
                               "unix for .sh)");

@@ -12,7 +12,9 @@
 #include "base/plist/DocumentCache.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
+#include <boost/json/parse.hpp>
 #include <algorithm>
+#include <fstream>
 #include <iostream>
 
 namespace KymTool {
@@ -158,7 +160,7 @@ const char* const Examples =
     "  --json prints the result as JSON for scripts; -v/-vv log to standard error;\n"
     "  --platform windows|posix chooses the launch conventions (default: this machine's).\n"
     "'kym help COMMAND' explains one. Exit status: 0 success, 1 failure (message on standard error),\n"
-    "2 wrong command line.";
+    "2 wrong command line, 3 the settings changed since they were read (kym import --revision).";
 
 std::string commandPath(const CLI::App* app) {
     std::string path;
@@ -223,6 +225,7 @@ const std::vector<CommandFamily>& commandFamilies() {
         {{"doctor"}, addDoctorCommand},
         {{"repair"}, addRepairCommand},
         {{"export", "import"}, addTransferCommands},
+        {{"serve"}, addServeCommand},
     };
     return families;
 }
@@ -257,6 +260,10 @@ void keepSettingsTables() {
 
 const char* const RepairHint = "'kym repair LAYER' replaces it deliberately, keeping a copy.";
 
+// Where a failure is reported: standard error, or the result file of a
+// program that runs kym for its answer (kym serve).
+std::ostream* errorOutput = &std::cerr;
+
 // A failure, with --json, is one JSON object on standard error, so that a
 // script finds it on its own line after any log lines.
 int printError(const std::string& message, int status, const std::string& hint = "") {
@@ -264,8 +271,27 @@ int printError(const std::string& message, int status, const std::string& hint =
     error.set("error", withoutTrailingNewlines(message));
     if (!hint.empty()) error.set("hint", hint);
     error.set("status", status);
-    std::cerr << error.line() << std::endl;
+    *errorOutput << error.line() << std::endl;
     return status;
+}
+
+// kym --request FILE --result FILE: the command line is the JSON array of
+// strings in the request, and what the command prints, its error included,
+// goes to the result file. A program that runs kym so passes any text
+// unchanged on every system, and whatever a started application prints
+// stays on the terminal, apart from the answer.
+bool takeRequest(std::vector<std::string>& arguments, std::ofstream& result, Context& context) {
+    if (arguments.size() != 4 || arguments[0] != "--request" || arguments[2] != "--result") return false;
+    const std::string request = Base::FileManager::readFile(arguments[1]);
+    const boost::json::value words = boost::json::parse(request);
+    result.open(arguments[3], std::ios::binary | std::ios::trunc);
+    if (!result) throw std::runtime_error("Cannot write the result file " + arguments[3] + ".");
+    arguments.clear();
+    for (const boost::json::value& word : words.as_array()) arguments.emplace_back(word.as_string());
+    context.out = &result;
+    context.err = &result;
+    errorOutput = &result;
+    return true;
 }
 
 // Whether --json was given, also when the command line failed to parse before reaching it.
@@ -297,6 +323,13 @@ int main(int argc, char** argv) {
     using namespace KymTool;
     Context context;
     std::vector<std::string> arguments(argv + 1, argv + argc);
+    std::ofstream result;
+    try {
+        takeRequest(arguments, result, context);
+    } catch (const std::exception& error) {
+        std::cerr << "kym: the request cannot be read: " << error.what() << std::endl;
+        return 2;
+    }
     context.programCommand = splitProgramCommand(arguments);
 
     CLI::App root(Overview, "kym");
@@ -372,6 +405,11 @@ int main(int argc, char** argv) {
         std::cerr << "kym: " << error.what() << "\n";
         printUsage(std::cerr, leaf);
         return 2;
+    } catch (const LayerChanged& error) {
+        std::cout.flush();
+        if (context.json) return printError(error.what(), 3);
+        std::cerr << "kym: " << error.what() << std::endl;
+        return 3;
     } catch (const Base::SettingsFileDamaged& error) {
         std::cout.flush();
         if (context.json) return printError(error.what(), 1, RepairHint);
