@@ -83,6 +83,10 @@ void addRepairCommand(Commands& commands);
 void addTransferCommands(Commands& commands);
 void addServeCommand(Commands& commands);
 
+// Asks on a terminal whether to delete `what` ("department Design"); without
+// one, --yes (`yes`) must have been given. Throws when not confirmed.
+void confirmDeletion(const Context& context, const std::string& what, const std::string& consequence, bool yes);
+
 // Text of a yes/no setting: on/off, true/false, yes/no, 1/0, any case.
 bool parseSwitch(const std::string& text, const std::string& what);
 

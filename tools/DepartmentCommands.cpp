@@ -241,13 +241,6 @@ int renameDepartment(Context& context, const std::string& oldName, const std::st
     return 0;
 }
 
-bool confirm(Context& context, const std::string& question) {
-    *context.err << question << " [y/N] " << std::flush;
-    std::string answer;
-    if (!std::getline(std::cin, answer)) return false;
-    return answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes" || answer == "YES";
-}
-
 int deleteDepartment(Context& context, const std::string& name, bool yes, bool force) {
     Kym::ConfigurationManager::checkDepartmentName(name);
     Kym::ConfigurationManager manager = scanDepartments();
@@ -262,13 +255,7 @@ int deleteDepartment(Context& context, const std::string& name, bool yes, bool f
                                  ", which would lose the settings they share through it; nothing was deleted. "
                                  "Name another common department for them first ('kym dept set DEPT common NAME'), "
                                  "or delete it anyway with --force.");
-    if (!yes) {
-        if (!context.inputIsTerminal())
-            throw std::runtime_error("Deleting department '" + name +
-                                     "' removes all its releases; without a terminal to ask on, confirm with --yes.");
-        if (!confirm(context, "Delete department " + name + " and all its releases?"))
-            throw std::runtime_error("Department '" + name + "' was not deleted.");
-    }
+    confirmDeletion(context, "department '" + name + "'", "removes all its releases", yes);
     const fs::path leftover = manager.deleteConfiguration(index);
     const std::vector<std::string> orphans = dependents(manager, name);
 

@@ -1,4 +1,4 @@
-// kym plugin list|create|set-type|disable|enable.
+// kym plugin list|create|delete|set-type|disable|enable.
 #include "Command.h"
 #include "SiteAccess.h"
 
@@ -183,6 +183,30 @@ int switchPlugin(Context& context, const std::string& departmentName, const std:
     return 0;
 }
 
+// The directory is first moved out of the plugins directory, where every
+// entry counts as a plugin, so that no command ever reads half a plugin.
+int deletePlugin(Context& context, const std::string& name, bool yes) {
+    const fs::path directory = findPlugin(name).path();
+    confirmDeletion(context, "plugin '" + name + "'", "removes " + native(directory) + " with all it holds", yes);
+    const fs::path aside =
+        directory.parent_path().parent_path() / fs::unique_path(".kym deleting plugin " + name + " %%%%%%%%");
+    Base::FileManager::moveDirectory(directory, aside);
+    boost::system::error_code error;
+    fs::remove_all(aside, error);
+
+    Json value = Json::object();
+    value.set("deleted", name);
+    value.set("path", native(directory));
+    if (error) value.set("leftover", native(aside));
+    context.print(value, [&](std::ostream& out) {
+        out << "Deleted plugin " << name << " (" << native(directory) << ").\n";
+        if (error)
+            out << "Warning: not all of its files could be removed (" << error.message() << "); what is left is in "
+                << native(aside) << ", which no plugin list shows: remove it by hand.\n";
+    });
+    return 0;
+}
+
 } // namespace
 
 void addPluginCommands(Commands& commands) {
@@ -215,6 +239,20 @@ void addPluginCommands(Commands& commands) {
     createCommand->add_option("--type", create->type, "Site-wide (the default), Common, Development, Production or Test");
     addSwitch(createCommand, "--external", create->external,
               "Create it in the site's external plugins location (default off)");
+
+    struct DeleteOptions {
+        std::string name;
+        bool yes = false;
+    };
+    auto deleted = std::make_shared<DeleteOptions>();
+    CLI::App* deleteCommand = commands.command(
+        plugin, "delete",
+        "Delete a plugin with its directory. Asks on a terminal; elsewhere --yes is required. Departments that "
+        "disabled it keep its name in their list, which does no harm.",
+        "  kym plugin delete cam\n  kym plugin delete plugin:tools --yes\n",
+        [&context, deleted] { return deletePlugin(context, deleted->name, deleted->yes); });
+    addPlugin(deleteCommand, "NAME", deleted->name, "The plugin")->required();
+    deleteCommand->add_flag("-y,--yes", deleted->yes, "Do not ask");
 
     auto setType = std::make_shared<std::pair<std::string, std::string>>();
     CLI::App* setTypeCommand = commands.command(

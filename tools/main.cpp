@@ -80,6 +80,19 @@ const Action* Commands::chosen(CLI::App*& leaf) const {
     return found == mActions.end() ? nullptr : &found->second;
 }
 
+void confirmDeletion(const Context& context, const std::string& what, const std::string& consequence, bool yes) {
+    if (yes) return;
+    if (!context.inputIsTerminal())
+        throw std::runtime_error("Deleting " + what + " " + consequence + "; without a terminal to ask on, confirm with --yes.");
+    *context.err << "Delete " << what << "? It " << consequence << ". [y/N] " << std::flush;
+    std::string answer;
+    const bool agreed = std::getline(std::cin, answer) &&
+                        (answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes" || answer == "YES");
+    std::string sentence = what + " was not deleted.";
+    sentence[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(sentence[0])));
+    if (!agreed) throw std::runtime_error(sentence);
+}
+
 bool parseSwitch(const std::string& text, const std::string& what) {
     const std::string lower = boost::algorithm::to_lower_copy(text);
     if (lower == "on" || lower == "true" || lower == "yes" || lower == "1") return true;

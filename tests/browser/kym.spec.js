@@ -142,7 +142,7 @@ test('of two administrators editing one department the second is told and loses 
   expect(variables).toMatch(/UGII_JOURNAL_DIR +\/shared\/journals/);
 });
 
-test('an administrator creates a department and deletes it', async ({ page, site }) => {
+test('an administrator creates and deletes a department and a plugin', async ({ page, site }) => {
   await page.goto(site.url);
   await page.getByRole('tab', { name: 'Configure' }).click();
   const form = page.getByRole('group', { name: 'New department' });
@@ -161,4 +161,17 @@ test('an administrator creates a department and deletes it', async ({ page, site
   await expect(page.getByRole('status').filter({ hasText: 'Done: Delete a department.' })).toBeVisible();
   expect(site.kym('departments')).not.toContain('assembly');
   await expect(page.getByLabel('Layer').getByRole('option', { name: 'Department assembly' })).toHaveCount(0);
+
+  const plugin = page.getByRole('group', { name: 'New plugin' });
+  await plugin.getByLabel('Name').fill('probe');
+  await plugin.getByLabel('Type').selectOption('Production');
+  await plugin.getByRole('button', { name: 'Create plugin' }).click();
+  await expect(page.getByLabel('Layer').getByRole('option', { name: 'Plugin probe' })).toHaveCount(1);
+  expect(site.kym('plugin', 'list')).toMatch(/probe +Production +internal/);
+  const removePlugin = page.getByRole('group', { name: 'Delete a plugin' });
+  await removePlugin.getByLabel('Plugin', { exact: true }).selectOption('probe');
+  await removePlugin.getByLabel('Delete it with its directory').check();
+  await removePlugin.getByRole('button', { name: 'Delete plugin' }).click();
+  await expect(page.getByLabel('Layer').getByRole('option', { name: 'Plugin probe' })).toHaveCount(0);
+  expect(site.kym('plugin', 'list')).not.toContain('probe');
 });

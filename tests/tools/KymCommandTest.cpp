@@ -284,6 +284,11 @@ TEST_F(KymCommand, PluginsAreCreatedAndSwitchedPerDepartment) {
 
     EXPECT_EQ(Kym::Configuration(department("Design"), true).settings()->disabledPluginList(),
               (std::vector<std::string>{"pdm", "extra"}));
+
+    EXPECT_EQ(out({"plugin", "delete", "extra", "--yes"}),
+              text("Deleted plugin extra (" + native(external / "extra") + ").\n"));
+    EXPECT_TRUE(fs::is_empty(external));
+    EXPECT_FALSE(boost::contains(out({"plugin", "list"}), "extra"));
 }
 
 TEST_F(KymCommand, DoctorReportsEveryProblemWithTheFileAtFault) {
@@ -560,7 +565,7 @@ TEST_F(KymCommand, AnImportWithAnyProblemWritesNothingAndNamesEachProblem) {
                    "  applications[1].appId: is missing\n"
                    "  workDirectories[0].path: a text \"...\" is needed\n"
                    "  disabledPlugins[0]: No plugin named 'nosuch' ('kym plugin list' lists them).\n"
-                   "  colour: not part of department Design: it holds format, version, layer, variables, "
+                   "  colour: not part of department Design: it holds format, version, layer, revision, variables, "
                    "applications, workDirectories, overlays, disabledPlugins.\n"));
     EXPECT_EQ(readFile(settings), before);
 

@@ -86,6 +86,8 @@ async function loadSite() {
     choice.replaceChildren(...(none ? [el('option', { value: '', text: none })] : []),
       ...departments.map((department) => el('option', { value: department.name, text: department.name })));
   }
+  for (const choice of document.querySelectorAll('.plugin-choice'))
+    choice.replaceChildren(...plugins.map((plugin) => el('option', { value: plugin.name, text: plugin.name })));
   fillLayers();
   if (current) await showApplications(current.name);
 }
@@ -460,5 +462,6 @@ onSubmit('delete-department', (data) => ['dept', 'delete', data.get('name'), '--
   ...(data.get('force') ? ['--force'] : [])]);
 onSubmit('create-plugin', (data) => ['plugin', 'create', data.get('name'), '--type', data.get('type'),
   '--external', data.get('external') ? 'on' : 'off']);
+onSubmit('delete-plugin', (data) => ['plugin', 'delete', data.get('name'), '--yes']);
 
 loadSite().catch((error) => say($('launch-result'), error.message, true));
