@@ -23,6 +23,7 @@ for number in $(seq 1 497); do
 done
 echo "Departments: $("$kym" departments --json | grep -c '"name"')"
 
+rm -f "$work/serve.out"
 "$kym" serve >"$work/serve.out" 2>"$work/serve.err" &
 server=$!
 trap 'kill -INT $server 2>/dev/null || true' EXIT

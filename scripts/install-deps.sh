@@ -26,7 +26,7 @@ if [ ${#missing[@]} -gt 0 ]; then
   $sudo_cmd apt-get update -qq
   $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
-# The browser tests run Playwright, which needs Node.js 20 or newer, with npm.
+# The browser tests run Playwright, which needs Node.js 18 or newer (Debian 12 has 18), with npm.
 if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
   echo "Installing: nodejs npm"
   $sudo_cmd apt-get install -y -qq --no-install-recommends nodejs npm >/dev/null

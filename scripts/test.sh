@@ -128,8 +128,8 @@ test_browser() {
   local start=$SECONDS log="$build_dir/browser-tests.log" result="ok" node_major
   echo "=== [browser] Playwright with Debian's Chromium"
   node_major="$(node -p 'process.versions.node.split(".")[0]' 2>/dev/null || echo 0)"
-  if [ "$node_major" -lt 20 ]; then
-    note "browser (Playwright)" 0 "FAILED: Playwright needs Node.js 20 or newer; this machine has $(node --version 2>/dev/null || echo none)"
+  if [ "$node_major" -lt 18 ]; then
+    note "browser (Playwright)" 0 "FAILED: Playwright needs Node.js 18 or newer; this machine has $(node --version 2>/dev/null || echo none)"
     status=1
     return
   fi

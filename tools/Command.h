@@ -24,6 +24,8 @@ struct Context {
     std::vector<std::string> programCommand;
     std::ostream* out = &std::cout;
     std::ostream* err = &std::cerr;
+    // Run for another program's answer (kym --request): no progress lines.
+    bool answering = false;
 
     bool inputIsTerminal() const;
     bool errorIsTerminal() const;

@@ -14,7 +14,6 @@
 
 #include "base/Environment.h"
 #include "base/FileManager.h"
-#include "base/Platform.h"
 #include "base/Task.h"
 
 #include <boost/algorithm/string/join.hpp>
@@ -29,6 +28,7 @@
 #include <array>
 #include <atomic>
 #include <iostream>
+#include <mutex>
 #include <random>
 #include <sstream>
 
@@ -92,6 +92,8 @@ public:
     }
 
     void setPort(unsigned short port) { mPort = port; }
+    // Private to the user; removed when the server stops.
+    const fs::path& folder() const { return mWork; }
     std::string address() const { return "http://127.0.0.1:" + std::to_string(mPort) + "/" + mSecret + "/"; }
 
     HttpResponse handle(const HttpRequest& request) {
@@ -178,8 +180,12 @@ private:
         int status = -1;
         try {
             namespace bp = boost::process;
+            // One start at a time: a child started meanwhile would inherit the
+            // other's descriptors, and its request wait for the other child.
+            std::unique_lock<std::mutex> starting(mStarting);
             bp::child child(mProgram, bp::args({"--request", request.string(), "--result", result.string()}),
                             bp::std_in < bp::null);
+            starting.unlock();
             child.wait();
             status = child.exit_code();
         } catch (const std::exception& error) {
@@ -207,16 +213,22 @@ private:
     fs::path mWork;
     unsigned short mPort = 0;
     std::atomic<unsigned long> mRequests{0};
+    std::mutex mStarting;
 };
 
 // The site's browser where one is set (the Unix clients'); otherwise what
-// the system opens addresses with.
-void openInBrowser(const std::string& address) {
+// Windows opens addresses with. The browser gets a file that leads to the
+// address, not the address: a command line is visible to every local user.
+void openInBrowser(const std::string& address, const fs::path& folder) {
+    const fs::path page = folder / "open.html";
+    Base::FileManager::writeFileAtomically(
+        page, "<!doctype html><meta charset=\"utf-8\"><meta http-equiv=\"refresh\" content=\"0; url=" + address +
+                  "\"><title>kym</title><a href=\"" + address + "\">Open kym</a>\n");
     fs::path browser = Kym::SiteInformation().getWebBrowser();
+    const std::string systemRoot = Base::Environment::getEnvVariable("SystemRoot");
     boost::system::error_code error;
-    if (!fs::exists(browser, error) && Base::Platform::current().isWindows())
-        browser = fs::path(Base::Environment::getEnvVariable("SystemRoot")) / "explorer.exe";
-    Base::Task(browser, {address});
+    if (!fs::exists(browser, error) && !systemRoot.empty()) browser = fs::path(systemRoot) / "explorer.exe";
+    Base::Task(browser, {page.string()});
 }
 
 struct ServeOptions {
@@ -234,7 +246,7 @@ int serve(Context& context, const ServeOptions& options) {
                      " to this machine only; Ctrl-C stops.");
     if (options.open) {
         try {
-            openInBrowser(api.address());
+            openInBrowser(api.address(), api.folder());
         } catch (const std::exception& error) {
             *context.err << "kym: the browser did not start (" << error.what() << "); open the address above."
                          << std::endl;

@@ -225,6 +225,7 @@ Layer openLayer(const std::string& layerName, Access access) {
         layer.description = "the site settings";
         layer.file = site.dataFile();
         layer.variables = &site;
+        layer.settingsFile = &site.settingsFile();
         layer.save = [&site] { site.save(); };
     } else if (layerName == "base") {
         Kym::BaseSettings& base = edit ? editBase() : Kym::BaseInformation();
@@ -232,6 +233,7 @@ Layer openLayer(const std::string& layerName, Access access) {
         layer.file = base.dataFile();
         layer.variables = &base;
         layer.applications = base.applications();
+        layer.settingsFile = &base.settingsFile();
         layer.save = [&base] { base.save(); };
     } else if (kind == "plugin" && !name.empty()) {
         Kym::PluginSettings& plugin = edit ? editPlugin(name) : findPlugin(name);
@@ -239,6 +241,7 @@ Layer openLayer(const std::string& layerName, Access access) {
         layer.file = plugin.dataFile();
         layer.variables = &plugin;
         layer.applications = plugin.applications();
+        layer.settingsFile = &plugin.settingsFile();
         layer.save = [&plugin] { plugin.save(); };
     } else if ((kind == "dept" || kind == "department") && !name.empty()) {
         layer.department = edit ? editDepartment(name) : loadDepartment(name);
@@ -248,6 +251,7 @@ Layer openLayer(const std::string& layerName, Access access) {
         layer.file = department->settings()->dataFile();
         layer.variables = department->settings();
         layer.applications = department->settings()->applications();
+        layer.settingsFile = &department->settings()->settingsFile();
         layer.save = [department] { department->save(); };
     } else {
         throw UsageError("Unknown layer '" + layerName + "': " + LayerHelp);

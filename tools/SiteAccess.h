@@ -12,6 +12,8 @@
 #include "kym/SiteSettings.h"
 #include "kym/SystemInfo.h"
 
+#include "base/SettingsFile.h"
+
 #include <boost/filesystem/path.hpp>
 #include <functional>
 #include <memory>
@@ -75,6 +77,8 @@ void checkDepartmentType(const std::string& type);
 struct Layer {
     std::string description;  // "base settings", "plugin cam", "department Design"
     fs::path file;
+    // What was read of the file: its content's identity.
+    const Base::SettingsFile* settingsFile = nullptr;
     Kym::SettingsProtocol* variables = nullptr;
     Kym::ApplicationListSource* applications = nullptr;  // null for the site
     std::function<void()> save;

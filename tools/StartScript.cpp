@@ -1,5 +1,7 @@
 #include "StartScript.h"
 
+#include "kym/EnvironmentVariable.h"
+
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/predicate.hpp>
 #include <boost/algorithm/string/trim.hpp>
@@ -11,17 +13,31 @@ namespace KymTool {
 
 namespace {
 
-const boost::regex VariableName("[A-Za-z_#][A-Za-z0-9_#]*");
+// A reference: what %NAME% and $NAME may name.
+const boost::regex ReferenceName("[A-Za-z_#][A-Za-z0-9_#]*");
 
-// Calls `line` with each line's number and text, without a line end.
+// Calls `line` with each line's number and text, without a line end; with
+// `continued`, a line that ends in a backslash goes on in the next one.
 template <class Function>
-void eachLine(const std::string& text, Function line) {
+void eachLine(const std::string& text, bool continued, Function line) {
     std::istringstream in(text);
     std::string current;
+    std::string whole;
+    int first = 0;
     for (int number = 1; std::getline(in, current); ++number) {
         if (!current.empty() && current.back() == '\r') current.pop_back();
-        line(number, current);
+        if (whole.empty()) first = number;
+        const std::size_t backslashes = current.size() - current.find_last_not_of('\\') - 1;
+        if (continued && current.find_last_not_of('\\') != std::string::npos && backslashes % 2 == 1) {
+            current.pop_back();
+            whole += current;
+            continue;
+        }
+        whole += current;
+        line(first, whole);
+        whole.clear();
     }
+    if (!whole.empty()) line(first, whole);
 }
 
 // A value cannot be kept when a reference in it is something only the
@@ -47,7 +63,7 @@ Value batchValue(const std::string& raw) {
         }
         const std::size_t end = raw.find('%', at + 1);
         const std::string name = end == std::string::npos ? std::string() : raw.substr(at + 1, end - at - 1);
-        if (!boost::regex_match(name, VariableName)) {
+        if (!boost::regex_match(name, ReferenceName)) {
             value.problem = "the reference " + raw.substr(at, end == std::string::npos ? 5 : end - at + 1) +
                             " has no counterpart in kym";
             return value;
@@ -117,7 +133,9 @@ Value shellValue(const std::string& raw) {
 }
 
 void add(StartScript& script, int line, const std::string& text, const std::string& name, const Value& value) {
-    if (!value.problem.empty())
+    if (!Kym::EnvVariableListSource::isValidName(name))
+        script.skipped.push_back({line, text, "'" + name + "' is not a name kym keeps"});
+    else if (!value.problem.empty())
         script.skipped.push_back({line, text, value.problem});
     else
         script.assignments.push_back({line, name, value.text});
@@ -130,7 +148,7 @@ StartScript readBatchScript(const std::string& text) {
     // set NAME=VALUE, set "NAME=VALUE", after an optional @.
     const boost::regex assignment("@?\\s*set\\s+(\"?)([^=\"/][^=\"]*)=(.*)", boost::regex::icase);
     const boost::regex harmless("@?\\s*(echo\\s+(off|on)|setlocal|endlocal|rem(\\s.*)?|::.*)", boost::regex::icase);
-    eachLine(text, [&](int number, const std::string& line) {
+    eachLine(text, false, [&](int number, const std::string& line) {
         const std::string trimmed = boost::algorithm::trim_copy(line);
         if (trimmed.empty() || trimmed == "@" || boost::regex_match(trimmed, harmless)) return;
         boost::smatch match;
@@ -151,10 +169,6 @@ StartScript readBatchScript(const std::string& text) {
         } else {
             boost::algorithm::trim_right(raw);
         }
-        if (!boost::regex_match(name, VariableName)) {
-            script.skipped.push_back({number, line, "'" + name + "' is not a variable name kym keeps"});
-            return;
-        }
         add(script, number, line, name, batchValue(raw));
     });
     return script;
@@ -166,7 +180,7 @@ StartScript readShellScript(const std::string& text) {
     const boost::regex assignment("(?:export\\s+)?([A-Za-z_][A-Za-z0-9_]*)=(.*?)(?:;\\s*export\\s+\\1)?\\s*");
     const boost::regex exportOnly("export(\\s+[A-Za-z_][A-Za-z0-9_]*)+\\s*(#.*)?");
     const boost::regex unset("unset\\s+([A-Za-z_][A-Za-z0-9_]*)\\s*(#.*)?");
-    eachLine(text, [&](int number, const std::string& line) {
+    eachLine(text, true, [&](int number, const std::string& line) {
         const std::string trimmed = boost::algorithm::trim_copy(line);
         if (trimmed.empty() || trimmed[0] == '#' || boost::regex_match(trimmed, exportOnly)) return;
         boost::smatch match;

@@ -8,13 +8,14 @@
 #include "kym/ConfigurationSettings.h"
 #include "kym/WorkDirectory.h"
 
+#include "base/FileIdentity.h"
 #include "base/FileManager.h"
+#include "base/SettingsFile.h"
 
 #include <boost/filesystem/operations.hpp>
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/join.hpp>
-#include <boost/crc.hpp>
 #include <boost/json.hpp>
 
 #include <algorithm>
@@ -44,22 +45,18 @@ Json variablesJson(Kym::SettingsProtocol& owner) {
     return lists;
 }
 
-// What the layer's file holds now, in short: an import given the revision
-// that an export printed refuses to replace what another writer saved since.
-std::string revision(const fs::path& file) {
-    boost::crc_32_type crc;
-    std::string bytes;
-    boost::system::error_code error;
-    if (fs::exists(file, error)) bytes = Base::FileManager::readFile(file);
-    crc.process_bytes(bytes.data(), bytes.size());
+// A layer's revision is the identity of its file's content: export gives
+// that of what it read, and an import given it refuses to replace what
+// another writer saved since.
+std::string revision(const Base::FileIdentity& identity) {
+    if (!identity.exists()) return "none";
     std::ostringstream text;
-    text << std::hex << std::setw(8) << std::setfill('0') << crc.checksum() << '-' << std::dec << bytes.size();
+    text << std::hex << std::setw(16) << std::setfill('0') << identity.contentHash();
     return text.str();
 }
 
-// The file of a layer; the system information has no Layer.
-fs::path layerFile(const Layer* layer) {
-    return layer ? layer->file : Kym::SystemInformation().dataFile();
+const Base::SettingsFile& layerSettingsFile(const Layer* layer) {
+    return layer ? *layer->settingsFile : Kym::SystemInformation().settingsFile();
 }
 
 Json exportDocument(const std::string& layerName) {
@@ -68,12 +65,12 @@ Json exportDocument(const std::string& layerName) {
     document.set("version", Version);
     document.set("layer", layerName);
     if (layerName == "sysinfo") {
-        document.set("revision", revision(layerFile(nullptr)));
+        document.set("revision", revision(layerSettingsFile(nullptr).readIdentity()));
         document.set("members", systemInfoJson(Kym::SystemInformation()));
         return document;
     }
     Layer layer = openLayer(layerName, Access::Read);
-    document.set("revision", revision(layerFile(&layer)));
+    document.set("revision", revision(layerSettingsFile(&layer).readIdentity()));
     if (layerName == "site") document.set("settings", siteSettingsJson(Kym::SiteInformation()));
     document.set("variables", variablesJson(*layer.variables));
     if (layer.applications) {
@@ -401,8 +398,8 @@ int importDocument(Context& context, const std::string& layerName, const fs::pat
     }
     top.onlyKeys(known, "not part of " + description + ": it holds ");
     // Read under the layer's locks: nobody can save between this check and the write.
-    const fs::path target = layerFile(layer ? &*layer : nullptr);
-    if (!expectedRevision.empty() && revision(target) != expectedRevision)
+    const fs::path target = layerSettingsFile(layer ? &*layer : nullptr).path();
+    if (!expectedRevision.empty() && revision(Base::FileIdentity::ofFile(target)) != expectedRevision)
         throw LayerChanged("Nothing imported into " + description + ": " + native(target) +
                            " was saved by someone else after revision " + expectedRevision +
                            " was read. Export it again and repeat the changes, or import without --revision to "
@@ -511,7 +508,11 @@ int importFile(Context& context, const ImportOptions& options) {
         throw std::runtime_error("Cannot import " + native(file) + ": " + error.what());
     }
     const ScriptKind kind = scriptKind(file);
-    if (kind != ScriptKind::None) return importScript(context, options.layer, file, text, kind, options.list);
+    if (kind != ScriptKind::None) {
+        if (!options.revision.empty())
+            throw UsageError("--revision applies to documents of kym export only, not to start scripts.");
+        return importScript(context, options.layer, file, text, kind, options.list);
+    }
     if (!options.list.empty()) throw UsageError("--list applies to start scripts (.bat, .cmd, .sh) only.");
     return importDocument(context, options.layer, file, text, options.revision);
 }

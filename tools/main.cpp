@@ -38,7 +38,7 @@ void Context::print(const Json& value, const std::function<void(std::ostream&)>&
 }
 
 void Context::progress(const std::string& text) const {
-    if (errorIsTerminal()) *err << text << std::endl;
+    if (!answering && errorIsTerminal()) *err << text << std::endl;
 }
 
 namespace {
@@ -165,6 +165,7 @@ const char* const Examples =
     "  kym site set unix-install-path /opt/nx\n"
     "  kym doctor                       check the whole site\n"
     "  kym export dept:Design > design.json    and back: kym import dept:Design design.json\n"
+    "  kym serve --open                 launching and configuring in a browser\n"
     "Conventions of every command:\n"
     "  LAYER is site, base, plugin:NAME or dept:NAME (sysinfo too for export, import and repair);\n"
     "    where only a department fits (DEPT) its bare name does too, and so for a plugin.\n"
@@ -303,6 +304,7 @@ bool takeRequest(std::vector<std::string>& arguments, std::ofstream& result, Con
     for (const boost::json::value& word : words.as_array()) arguments.emplace_back(word.as_string());
     context.out = &result;
     context.err = &result;
+    context.answering = true;
     errorOutput = &result;
     return true;
 }

@@ -95,7 +95,7 @@ test('an administrator edits a variable, saves, and kym env shows it', async ({ 
   await openLayer(page, 'Department design');
   await page.getByLabel('Value of UGII_LANG in the common list of Department design').fill('french');
   await page.getByRole('button', { name: 'Save' }).click();
-  await expect(page.getByRole('status').filter({ hasText: 'Saved.' })).toBeVisible();
+  await expect(page.getByRole('status').filter({ hasText: /^Saved\.$/ })).toBeVisible();
   expect(site.kym('env', 'design', 'drafting')).toContain('\nUGII_LANG=french\n');
   await page.screenshot({ path: path.join(screenshots, 'configure.png'), fullPage: true });
 });
@@ -124,7 +124,7 @@ test('of two administrators editing one department the second is told and loses 
   }
   await first.getByLabel('Value of UGII_LANG in the common list of Department design').fill('french');
   await first.getByRole('button', { name: 'Save' }).click();
-  await expect(first.getByRole('status').filter({ hasText: 'Saved.' })).toBeVisible();
+  await expect(first.getByRole('status').filter({ hasText: /^Saved\.$/ })).toBeVisible();
 
   const journals = 'Value of UGII_JOURNAL_DIR in the common list of Department design';
   await second.getByLabel(journals).fill('/shared/journals');
@@ -135,7 +135,7 @@ test('of two administrators editing one department the second is told and loses 
   await expect(second.getByLabel('Value of UGII_LANG in the common list of Department design')).toHaveValue('french');
   await expect(second.getByLabel(journals)).toHaveValue('/shared/journals');
   await second.getByRole('button', { name: 'Save' }).click();
-  await expect(second.getByRole('status').filter({ hasText: 'Saved.' })).toBeVisible();
+  await expect(second.getByRole('status').filter({ hasText: /^Saved\.$/ })).toBeVisible();
 
   const variables = site.kym('var', 'list', 'dept:design');
   expect(variables).toMatch(/UGII_LANG +french/);

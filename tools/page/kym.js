@@ -54,7 +54,10 @@ function selectTab(tab) {
   }
   tab.focus();
   // The layers are read when the Configure face is first shown.
-  if (tab === tabs[1] && !editing) loadLayer(false);
+  if (tab === tabs[1]) {
+    fillConfigureLists();
+    if (!editing) loadLayer(false);
+  }
 }
 for (const tab of tabs) {
   tab.addEventListener('click', () => selectTab(tab));
@@ -81,6 +84,17 @@ async function loadSite() {
   const current = departments.find((department) => department.name === before) ||
     departments.find((department) => department.current) || departments[0];
   if (current) select.value = current.name;
+  configureListsFilled = false;
+  if (!$('configure').hidden) fillConfigureLists();
+  if (current && current.name !== shownName) await showApplications(current.name);
+}
+
+// The lists of the Configure face, filled when it is shown: a large site
+// has thousands of entries that the Launch face does not need.
+let configureListsFilled = false;
+function fillConfigureLists() {
+  if (configureListsFilled) return;
+  configureListsFilled = true;
   for (const choice of document.querySelectorAll('.department-choice')) {
     const none = choice.dataset.none;
     choice.replaceChildren(...(none ? [el('option', { value: '', text: none })] : []),
@@ -89,19 +103,37 @@ async function loadSite() {
   for (const choice of document.querySelectorAll('.plugin-choice'))
     choice.replaceChildren(...plugins.map((plugin) => el('option', { value: plugin.name, text: plugin.name })));
   fillLayers();
-  if (current) await showApplications(current.name);
+}
+
+// On opening, the applications of the department used last are asked for
+// beside the lists, so that they show without waiting for those.
+async function openPage() {
+  const site = loadSite();
+  try {
+    const offered = await kym('apps');
+    if (shownName === null) {
+      if (!$('launch-department').value)
+        $('launch-department').replaceChildren(el('option', { value: offered.department, text: offered.department }));
+      await showApplications(offered.department, offered);
+    }
+  } catch (ignored) {
+    // No department used before: the list chooses one.
+  }
+  await site;
 }
 
 // Only the answer for the department chosen last is shown, however the answers arrive.
 let shownDepartment = 0;
+let shownName = null;
 
-async function showApplications(name) {
+async function showApplications(name, answered) {
   const list = $('launch-apps');
   const request = ++shownDepartment;
+  shownName = name;
   $('launch-env').hidden = true;
   say($('launch-result'), '');
   try {
-    const [offered, directories] = await Promise.all([kym('apps', name), kym('workdir', 'list', name)]);
+    const [offered, directories] = await Promise.all([answered || kym('apps', name), kym('workdir', 'list', name)]);
     if (request !== shownDepartment) return;
     $('launch-description').textContent = offered.description;
     $('launch-workdir').replaceChildren(el('option', { value: '', text: 'Home directory' }),
@@ -217,11 +249,21 @@ function apply(documentValue, edit) {
     if (!edit.on && at >= 0) list.splice(at, 1);
     return;
   }
+  // The row is the n-th of those with its key: a list may hold a name twice.
   const key = keyOf[kindOf(edit.path)];
-  const index = list.findIndex((row) => key(row) === edit.key);
+  let seen = 0;
+  const index = list.findIndex((row) => key(row) === edit.key && seen++ === edit.occurrence);
   if (edit.op === 'add') list.push(structuredClone(edit.row));
   else if (edit.op === 'remove' && index >= 0) list.splice(index, 1);
   else if (edit.op === 'set' && index >= 0) list[index][edit.field] = edit.value;
+}
+
+// Where a row stands among those of the same key, as the edits find it again.
+function identity(path, row) {
+  const key = keyOf[kindOf(path)];
+  const list = listAt(editing.document, path);
+  const mine = key(row);
+  return { key: mine, occurrence: list.slice(0, list.indexOf(row)).filter((other) => key(other) === mine).length };
 }
 
 function edit(change) {
@@ -253,12 +295,15 @@ async function loadLayer(keepEdits) {
   }
 }
 
+const keyFields = ['name', 'appId', 'configuration'];
+
 function textCell(path, row, field, place, label) {
   return el('td', { className: field === 'value' ? 'value' : '' }, el('input', {
     type: 'text', value: row[field] === undefined ? '' : row[field], 'aria-label': label, 'data-place': place,
     onchange: (event) => {
-      const key = keyOf[kindOf(path)](row);
-      edit({ op: 'set', path, key, field, value: event.target.value });
+      edit({ op: 'set', path, ...identity(path, row), field, value: event.target.value });
+      // The names of the row's controls, and the paths of an application's lists, follow its key.
+      if (keyFields.includes(field)) renderLayer();
     },
   }));
 }
@@ -266,14 +311,14 @@ function textCell(path, row, field, place, label) {
 function flagCell(path, row, field, place, label) {
   return el('td', {}, el('input', {
     type: 'checkbox', checked: Boolean(row[field]), 'aria-label': label, 'data-place': place,
-    onchange: (event) => edit({ op: 'set', path, key: keyOf[kindOf(path)](row), field, value: event.target.checked }),
+    onchange: (event) => edit({ op: 'set', path, ...identity(path, row), field, value: event.target.checked }),
   }));
 }
 
 function removeCell(path, row, label) {
   return el('td', {}, el('button', {
     type: 'button', text: 'Remove', 'aria-label': 'Remove ' + label,
-    onclick: () => { edit({ op: 'remove', path, key: keyOf[kindOf(path)](row) }); renderLayer(); },
+    onclick: () => { edit({ op: 'remove', path, ...identity(path, row) }); renderLayer(); },
   }));
 }
 
@@ -322,6 +367,13 @@ function keyValueTable(title, key, place) {
 }
 
 function renderLayer() {
+  const focused = document.activeElement && document.activeElement.dataset ? document.activeElement.dataset.place : null;
+  drawLayer();
+  const again = focused && document.querySelector('[data-place="' + focused + '"]');
+  if (again) again.focus();
+}
+
+function drawLayer() {
   const view = $('layer-view');
   const documentValue = editing.document;
   const where = $('layer').selectedOptions[0] ? $('layer').selectedOptions[0].textContent : editing.layer;
@@ -392,21 +444,23 @@ async function save() {
   $('problems').hidden = true;
   $('conflict').hidden = true;
   renderLayer();
+  const saved = editing.edits.length;
   try {
     await post('api/import', { layer: editing.layer, document: editing.document, revision: editing.revision });
-    editing.edits = [];
-    await loadLayer(false);
-    say($('configure-status'), 'Saved.');
+    // Edits made while the save was under way are kept for the next one.
+    editing.edits = editing.edits.slice(saved);
+    await loadLayer(true);
+    say($('configure-status'), editing && editing.edits.length ? 'Saved; newer edits are not saved yet.' : 'Saved.');
   } catch (error) {
     if (error.status === 409) {
       $('conflict-text').textContent = 'Another administrator saved this layer after you opened it. Your edits are ' +
         'still here, not saved. Reload to see what they saved, with your edits on top, and save again.';
       $('conflict').hidden = false;
       $('reload-keep').focus();
-    } else if (error.status === 422) {
+    } else if (error.status === 422 && error.message.includes('\n')) {
       showProblems(error.message);
     }
-    say($('configure-status'), 'Not saved.', true);
+    say($('configure-status'), 'Not saved: ' + error.message.split('\n')[0], true);
   }
 }
 
@@ -427,15 +481,34 @@ async function doctor() {
     el('ul', {}, ...checked.problems.map((problem) => {
       const layer = layerOf(problem.file);
       return el('li', {}, layer ? el('a', { href: '#', text: problem.file,
-        onclick: (event) => { event.preventDefault(); $('layer').value = layer; loadLayer(false); } }) : problem.file,
+        onclick: (event) => {
+          event.preventDefault();
+          if (!mayDropEdits()) return;
+          $('layer').value = layer;
+          loadLayer(false);
+        } }) : problem.file,
       ': ' + problem.message);
     })));
   report.hidden = false;
 }
 
-$('layer').addEventListener('change', () => loadLayer(false));
+// Unsaved edits are dropped only when the user says so.
+let layerShown = '';
+function mayDropEdits() {
+  return !editing || !editing.edits.length ||
+    window.confirm('Your edits of ' + editing.layer + ' are not saved. Drop them?');
+}
+$('layer').addEventListener('focus', () => { layerShown = $('layer').value; });
+$('layer').addEventListener('change', () => {
+  if (mayDropEdits()) {
+    layerShown = $('layer').value;
+    loadLayer(false);
+  } else {
+    $('layer').value = layerShown;
+  }
+});
 $('save').addEventListener('click', save);
-$('reload').addEventListener('click', () => loadLayer(false));
+$('reload').addEventListener('click', () => { if (mayDropEdits()) loadLayer(false); });
 $('reload-keep').addEventListener('click', () => loadLayer(true));
 $('doctor').addEventListener('click', () => doctor().catch((error) => say($('configure-status'), error.message, true)));
 
@@ -449,7 +522,7 @@ function onSubmit(id, command) {
       say($('configure-status'), 'Done: ' + form.querySelector('legend').textContent + '.');
       form.reset();
       await loadSite();
-      await loadLayer(false);
+      await loadLayer(true);
     } catch (error) {
       say($('configure-status'), error.message, true);
     }
@@ -464,4 +537,4 @@ onSubmit('create-plugin', (data) => ['plugin', 'create', data.get('name'), '--ty
   '--external', data.get('external') ? 'on' : 'off']);
 onSubmit('delete-plugin', (data) => ['plugin', 'delete', data.get('name'), '--yes']);
 
-loadSite().catch((error) => say($('launch-result'), error.message, true));
+openPage().catch((error) => say($('launch-result'), error.message, true));
