@@ -60,6 +60,7 @@ test('an engineer starts an application with the keyboard alone and sees its rep
   await page.goto(site.url);
   await expect(page.getByRole('heading', { name: 'CAD' })).toBeVisible();
   const department = page.getByRole('tabpanel', { name: 'Launch' }).getByLabel('Department');
+  await expect(department.getByRole('option')).toHaveCount(3);
   await tabTo(page, department);
   await page.keyboard.press('End');
   await expect(department).toHaveValue('tooling');

@@ -105,21 +105,17 @@ function fillConfigureLists() {
   fillLayers();
 }
 
-// On opening, the applications of the department used last are asked for
-// beside the lists, so that they show without waiting for those.
+// On opening, the applications of the department used last come first, on
+// their own: every other request would compete with them for the machine.
 async function openPage() {
-  const site = loadSite();
   try {
     const offered = await kym('apps');
-    if (shownName === null) {
-      if (!$('launch-department').value)
-        $('launch-department').replaceChildren(el('option', { value: offered.department, text: offered.department }));
-      await showApplications(offered.department, offered);
-    }
+    $('launch-department').replaceChildren(el('option', { value: offered.department, text: offered.department }));
+    await showApplications(offered.department, offered);
   } catch (ignored) {
     // No department used before: the list chooses one.
   }
-  await site;
+  await loadSite();
 }
 
 // Only the answer for the department chosen last is shown, however the answers arrive.
@@ -133,11 +129,10 @@ async function showApplications(name, answered) {
   $('launch-env').hidden = true;
   say($('launch-result'), '');
   try {
-    const [offered, directories] = await Promise.all([answered || kym('apps', name), kym('workdir', 'list', name)]);
+    const offered = await (answered || kym('apps', name));
     if (request !== shownDepartment) return;
     $('launch-description').textContent = offered.description;
-    $('launch-workdir').replaceChildren(el('option', { value: '', text: 'Home directory' }),
-      ...directories.workDirectories.map((directory) => el('option', { value: directory.name, text: directory.name })));
+    showWorkDirectories(name, request);
     const groups = [];
     for (const application of offered.applications) {
       const category = application.category || '(no category)';
@@ -152,6 +147,18 @@ async function showApplications(name, answered) {
     if (request !== shownDepartment) return;
     list.replaceChildren();
     say($('launch-result'), error.message, true);
+  }
+}
+
+async function showWorkDirectories(name, request) {
+  const select = $('launch-workdir');
+  select.replaceChildren(el('option', { value: '', text: 'Home directory' }));
+  try {
+    const directories = await kym('workdir', 'list', name);
+    if (request !== shownDepartment) return;
+    select.append(...directories.workDirectories.map((directory) => el('option', { value: directory.name, text: directory.name })));
+  } catch (error) {
+    if (request === shownDepartment) say($('launch-result'), error.message, true);
   }
 }
 
