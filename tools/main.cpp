@@ -14,6 +14,7 @@
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/json/parse.hpp>
 #include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <iostream>
 
@@ -88,9 +89,10 @@ void confirmDeletion(const Context& context, const std::string& what, const std:
     std::string answer;
     const bool agreed = std::getline(std::cin, answer) &&
                         (answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes" || answer == "YES");
+    if (agreed) return;
     std::string sentence = what + " was not deleted.";
     sentence[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(sentence[0])));
-    if (!agreed) throw std::runtime_error(sentence);
+    throw std::runtime_error(sentence);
 }
 
 bool parseSwitch(const std::string& text, const std::string& what) {
@@ -170,7 +172,8 @@ const char* const Examples =
     "  LAYER is site, base, plugin:NAME or dept:NAME (sysinfo too for export, import and repair);\n"
     "    where only a department fits (DEPT) its bare name does too, and so for a plugin.\n"
     "  A setting that is on or off is --NAME on|off (--NAME alone is on); a table column takes on or off.\n"
-    "  'remove' (and 'unset') takes an entry out of a list; 'delete' deletes a department with its directory.\n"
+    "  'remove' (and 'unset') takes an entry out of a list; 'delete' deletes a department or a plugin with\n"
+    "    its directory, and asks first (--yes where nobody can be asked).\n"
     "  --json prints the result as JSON for scripts; -v/-vv log to standard error;\n"
     "  --platform windows|posix chooses the launch conventions (default: this machine's).\n"
     "'kym help COMMAND' explains one. Exit status: 0 success, 1 failure (message on standard error),\n"
