@@ -133,6 +133,10 @@ test_browser() {
     status=1
     return
   fi
+  # npm trusts the certificates installed on the system too (a site's proxy has its own).
+  if [ -z "${NODE_EXTRA_CA_CERTS:-}" ] && [ -r /etc/ssl/certs/ca-certificates.crt ]; then
+    export NODE_EXTRA_CA_CERTS=/etc/ssl/certs/ca-certificates.crt
+  fi
   if ! (cd tests/browser && npm ci --no-audit --no-fund --loglevel=error &&
     KYM="$build_dir/tools/kym" KYM_BROWSER_OUTPUT="$build_dir/browser-results" \
       KYM_SCREENSHOT_DIR="$build_dir/browser-screenshots" npx playwright test) 2>&1 | tee "$log"; then
