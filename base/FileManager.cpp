@@ -11,6 +11,8 @@
 #include <boost/algorithm/string/split.hpp>
 #include <boost/filesystem/operations.hpp>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -21,6 +23,8 @@
 #include <io.h>
 #include <shlobj.h>
 #include <windows.h>
+// After windows.h, whose types it uses.
+#include <aclapi.h>
 #else
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -91,6 +95,7 @@ struct HandleCloser {
     }
 };
 
+
 // ERROR_SUCCESS when everyone who holds the file open lets it be deleted, else why not.
 DWORD deletionSharedByEveryHolder(const std::string& file) {
     const HANDLE probe = CreateFileA(file.c_str(), DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
@@ -126,7 +131,7 @@ public:
         for (int attempt = 0; attempt < 100 && error == ERROR_FILE_EXISTS; ++attempt) {
             const std::string name = "." + mTarget.filename().string() + "." + uniqueSuffix();
             const std::string candidate = (directory.empty() ? fs::path(name) : directory / name).string();
-            mHandle = CreateFileA(candidate.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
+            mHandle = CreateFileA(candidate.c_str(), GENERIC_WRITE | WRITE_DAC, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
                                   nullptr);
             if (mHandle != INVALID_HANDLE_VALUE) {
                 mPath = candidate;
@@ -151,8 +156,36 @@ public:
         return Failure();
     }
 
-    // A new file gets what any new file in its folder would get.
-    Failure setMode() { return Failure(); }
+    // The new file keeps what an administrator set on the file it replaces:
+    // its access control list and its hidden, system and archive attributes.
+    // A new settings file gets what any new file in its folder gets.
+    Failure setMode() {
+        const DWORD attributes = GetFileAttributesA(mTarget.string().c_str());
+        if (attributes == INVALID_FILE_ATTRIBUTES) return Failure();
+        PACL list = nullptr;
+        PSECURITY_DESCRIPTOR descriptor = nullptr;
+        DWORD error = GetNamedSecurityInfoA(mTarget.string().c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                                            nullptr, &list, nullptr, &descriptor);
+        if (error == ERROR_SUCCESS) {
+            SECURITY_DESCRIPTOR_CONTROL control = 0;
+            DWORD revision = 0;
+            GetSecurityDescriptorControl(descriptor, &control, &revision);
+            // Entries inherited from the folder stay inherited; a list cut off from it stays cut off.
+            const SECURITY_INFORMATION which =
+                DACL_SECURITY_INFORMATION | ((control & SE_DACL_PROTECTED) ? PROTECTED_DACL_SECURITY_INFORMATION
+                                                                           : UNPROTECTED_DACL_SECURITY_INFORMATION);
+            error = SetSecurityInfo(mHandle, SE_FILE_OBJECT, which, nullptr, nullptr, list, nullptr);
+            LocalFree(descriptor);
+        }
+        if (error != ERROR_SUCCESS) return windowsErrorText(error);
+        FILE_BASIC_INFO basic{};
+        basic.FileAttributes = attributes & (FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
+                                             FILE_ATTRIBUTE_NOT_CONTENT_INDEXED);
+        if (basic.FileAttributes == 0) basic.FileAttributes = FILE_ATTRIBUTE_NORMAL;
+        return SetFileInformationByHandle(mHandle, FileBasicInfo, &basic, sizeof(basic))
+                   ? Failure()
+                   : windowsErrorText(GetLastError());
+    }
 
     Failure sync() { return FlushFileBuffers(mHandle) ? Failure() : windowsErrorText(GetLastError()); }
 
@@ -162,45 +195,64 @@ public:
         return closed ? Failure() : windowsErrorText(GetLastError());
     }
 
-    // An existing file is replaced with ReplaceFile, which keeps its security
-    // settings and attributes. A file that is open cannot be replaced:
-    // readers that share its deletion (as readFile does) do not stop
-    // ReplaceFile; readers that do not (the C runtime's fopen) stop it while
-    // they hold the file, and as most let go at once, it is tried again for a
-    // short while.
+    // The new file takes the name in one step wherever the system can: a
+    // reader always finds the old content or the new, and one that holds the
+    // old file keeps reading it. Otherwise (older systems, Wine) the file is
+    // renamed over the target once no reader holds it, tried again for a
+    // short while; a target held all along by readers that share its
+    // deletion is replaced with ReplaceFile, which moves the old file aside
+    // first (a reader that opens the name at that instant finds no file).
     Failure renameOverTarget() {
         if (int fault = SystemCalls::renameFault(mTarget.string())) return errnoText(fault);
+        if (renameOverHolders()) {
+            mPath.clear();
+            return Failure();
+        }
         const std::string target = mTarget.string();
         const DWORD start = GetTickCount();
-        for (;;) {
-            DWORD error = ERROR_SUCCESS;
-            if (GetFileAttributesA(target.c_str()) == INVALID_FILE_ATTRIBUTES) {
-                if (MoveFileExA(mPath.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-                    break;
-                error = GetLastError();
-            } else if ((error = deletionSharedByEveryHolder(target)) == ERROR_SUCCESS) {
-                // Asked first, as Wine's ReplaceFile leaves a file behind each time such a reader stops it.
-                if (ReplaceFileA(target.c_str(), mPath.c_str(), nullptr, REPLACEFILE_IGNORE_MERGE_ERRORS, nullptr,
-                                 nullptr))
-                    break;
-                error = GetLastError();
-                if (error == ERROR_UNABLE_TO_MOVE_REPLACEMENT || error == ERROR_UNABLE_TO_MOVE_REPLACEMENT_2) {
-                    // The old file has left its name and the new one did not take it: the name never stays empty.
-                    if (MoveFileExA(mPath.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-                        break;
-                    const std::string kept = Platform::current().nativePath(mPath);
-                    mPath.clear();
-                    return windowsErrorText(GetLastError()) + "; the new content is kept in " + kept;
-                }
+        while (!MoveFileExA(mPath.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
+            DWORD error = GetLastError();
+            if (!isHeld(error)) return windowsErrorText(error);
+            if (GetTickCount() - start < RenameRetryMilliseconds) {
+                Sleep(RenameRetryPause);
+                continue;
             }
-            if (!isHeld(error) || GetTickCount() - start >= RenameRetryMilliseconds) return windowsErrorText(error);
-            Sleep(RenameRetryPause);
+            // Asked first, as Wine's ReplaceFile leaves a file behind each time such a reader stops it.
+            if ((error = deletionSharedByEveryHolder(target)) != ERROR_SUCCESS) return windowsErrorText(error);
+            if (ReplaceFileA(target.c_str(), mPath.c_str(), nullptr, REPLACEFILE_IGNORE_MERGE_ERRORS, nullptr, nullptr))
+                break;
+            error = GetLastError();
+            if (error != ERROR_UNABLE_TO_MOVE_REPLACEMENT && error != ERROR_UNABLE_TO_MOVE_REPLACEMENT_2)
+                return windowsErrorText(error);
+            // The old file has left its name and the new one did not take it: the name never stays empty.
+            if (MoveFileExA(mPath.c_str(), target.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) break;
+            const std::string kept = Platform::current().nativePath(mPath);
+            mPath.clear();
+            return windowsErrorText(GetLastError()) + "; the new content is kept in " + kept;
         }
         mPath.clear();
         return Failure();
     }
 
 private:
+    // The rename of Windows 10 and later on NTFS that replaces a file others hold open; false where it is not offered.
+    bool renameOverHolders() const {
+        const HANDLE handle = CreateFileA(mPath.c_str(), DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                          nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+        if (handle == INVALID_HANDLE_VALUE) return false;
+        const HandleCloser closer{handle};
+        // A full path: a bare name would be taken as relative to the working directory.
+        const std::wstring target = fs::absolute(mTarget).make_preferred().wstring();
+        std::vector<char> buffer(sizeof(FILE_RENAME_INFO) + target.size() * sizeof(wchar_t), '\0');
+        FILE_RENAME_INFO& rename = *reinterpret_cast<FILE_RENAME_INFO*>(buffer.data());
+        rename.Flags = FILE_RENAME_FLAG_REPLACE_IF_EXISTS | FILE_RENAME_FLAG_POSIX_SEMANTICS;
+        rename.FileNameLength = static_cast<DWORD>(target.size() * sizeof(wchar_t));
+        std::copy(target.begin(), target.end(), rename.FileName);
+        // FileRenameInfoEx, which the headers name only for newer targets than ours.
+        const auto renameInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(22);
+        return SetFileInformationByHandle(handle, renameInfoEx, &rename, static_cast<DWORD>(buffer.size()));
+    }
+
     fs::path mTarget;
     std::string mPath;
     HANDLE mHandle = INVALID_HANDLE_VALUE;
@@ -493,6 +545,11 @@ std::string FileManager::readFile(const path& file) {
 }
 
 #endif
+
+bool FileManager::isPlainName(const std::string& name) {
+    const bool blank = std::any_of(name.begin(), name.end(), [](unsigned char c) { return std::isspace(c); });
+    return !name.empty() && name != "." && name != ".." && !blank && name.find_first_of("/\\") == std::string::npos;
+}
 
 void FileManager::moveDirectory(const path& from, const path& to) {
     int error = SystemCalls::renameFault(to.string());

@@ -52,6 +52,9 @@ public:
     // new name (POSIX would silently replace an empty directory). Throws
     // BaseException naming both and the OS reason.
     static void moveDirectory(const path& from, const path& to);
+    // Whether the text names one entry of a directory the same way on every
+    // host and in every script: not empty, "." or "..", without blanks, '/' or '\\'.
+    static bool isPlainName(const std::string& name);
     // Reads a whole file, holding it so that a save may replace it meanwhile;
     // throws BaseException naming the file and the OS reason.
     static std::string readFile(const path& file);

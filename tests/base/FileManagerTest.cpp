@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -16,6 +17,9 @@
 
 #ifdef _WIN32
 #include <windows.h>
+// After windows.h, whose types they use.
+#include <aclapi.h>
+#include <sddl.h>
 #else
 #include <sys/stat.h>
 #endif
@@ -116,6 +120,71 @@ TEST(WriteFileAtomically, ReplacesAFileThatAReaderSharingItsDeletionHoldsOpenAnd
     }
     // The old file goes with its last reader.
     EXPECT_EQ(std::vector<std::string>{"site.dat"}, entries(dir.path()));
+}
+
+// The access list of a file as text, or why it could not be read.
+std::string accessListOf(const fs::path& file) {
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    const DWORD error = GetNamedSecurityInfoA(file.string().c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                                              nullptr, nullptr, nullptr, &descriptor);
+    if (error != ERROR_SUCCESS) return reason(error);
+    char* text = nullptr;
+    const BOOL converted = ConvertSecurityDescriptorToStringSecurityDescriptorA(descriptor, SDDL_REVISION_1,
+                                                                                DACL_SECURITY_INFORMATION, &text, nullptr);
+    const std::string result = converted ? text : reason(GetLastError());
+    if (converted) LocalFree(text);
+    LocalFree(descriptor);
+    return result;
+}
+
+TEST(WriteFileAtomically, ReadersAlwaysFindTheOldOrTheNewContentAndTheFileKeepsItsAccessListAndAttributes) {
+    KymTest::TempDir dir;
+    const fs::path target = dir / "site.dat";
+    KymTest::writeFile(target, "0");
+    // Everyone may do everything, and nothing is inherited from the folder.
+    const std::string accessList = "D:P(A;;FA;;;WD)";
+    PSECURITY_DESCRIPTOR wanted = nullptr;
+    ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorA(accessList.c_str(), SDDL_REVISION_1, &wanted,
+                                                                     nullptr));
+    PACL list = nullptr;
+    BOOL present = FALSE, defaulted = FALSE;
+    ASSERT_TRUE(GetSecurityDescriptorDacl(wanted, &present, &list, &defaulted));
+    ASSERT_EQ(DWORD(ERROR_SUCCESS),
+              SetNamedSecurityInfoA(const_cast<char*>(target.string().c_str()), SE_FILE_OBJECT,
+                                    DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                                    list, nullptr));
+    LocalFree(wanted);
+    // Wine keeps no access lists on most file systems; it makes them up from the file's mode.
+    const bool listsKept = accessListOf(target) == accessList;
+    ASSERT_TRUE(SetFileAttributesA(target.string().c_str(), FILE_ATTRIBUTE_HIDDEN));
+
+    std::atomic<bool> writing{true};
+    std::string missed;
+    // Read as the launches of many engineers read it: one read after another, each brief.
+    std::thread reader([&] {
+        while (writing) {
+            try {
+                FileManager::readFile(target);
+            } catch (const std::exception& failure) {
+                missed = failure.what();
+                return;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    const std::string saved = failureOf([&] {
+        for (int round = 1; round <= 100; ++round) FileManager::writeFileAtomically(target, std::to_string(round));
+    });
+    writing = false;
+    reader.join();
+    EXPECT_EQ("(nothing thrown)", saved);
+    EXPECT_EQ("", missed);
+    EXPECT_EQ("100", KymTest::readFile(target));
+
+    EXPECT_TRUE(GetFileAttributesA(target.string().c_str()) & FILE_ATTRIBUTE_HIDDEN);
+    if (listsKept) {
+        EXPECT_EQ(accessList, accessListOf(target));
+    }
 }
 
 TEST(WriteFileAtomically, WaitsBrieflyForAReaderThatDoesNotShareDeletionAndFailsCleanlyWhenItStays) {
