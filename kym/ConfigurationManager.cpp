@@ -1,5 +1,6 @@
 #include "kym/ConfigurationManager.h"
 
+#include "kym/PluginsManager.h"
 #include "kym/SystemInfo.h"
 
 #include "base/BaseException.h"
@@ -13,7 +14,6 @@
 #include <boost/filesystem/operations.hpp>
 #include <boost/regex.hpp>
 #include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -96,11 +96,21 @@ struct FileSnapshot {
     }
 };
 
+// The files as they were before an operation that failed half-way; a file that cannot be put back is logged.
+void putBack(const std::vector<FileSnapshot>& snapshots) {
+    for (const FileSnapshot& snapshot : snapshots) {
+        try {
+            snapshot.restore();
+        } catch (const std::exception& failure) {
+            BASE_LOG(Base::log::info()) << "Could not put back " << native(snapshot.file) << ": " << failure.what();
+        }
+    }
+}
+
 } // namespace
 
 void ConfigurationManager::checkDepartmentName(const std::string& name) {
-    const bool blank = std::any_of(name.begin(), name.end(), [](unsigned char c) { return std::isspace(c); });
-    if (name.empty() || name == "." || name == ".." || blank || name.find_first_of("/\\") != std::string::npos)
+    if (!Base::FileManager::isPlainName(name))
         throw std::runtime_error("Invalid department name '" + name +
                                  "': a department is a directory of the departments directory, named without "
                                  "blanks and without '/' or '\\'.");
@@ -299,14 +309,7 @@ std::vector<std::string> ConfigurationManager::renameConfigurationWithDependents
             config.save();
         }
     } catch (...) {
-        for (const FileSnapshot& snapshot : snapshots) {
-            try {
-                snapshot.restore();
-            } catch (const std::exception& failure) {
-                BASE_LOG(Base::log::info()) << "Could not put back " << native(snapshot.file) << ": "
-                                            << failure.what();
-            }
-        }
+        putBack(snapshots);
         mConfigurations = before;
         try {
             Base::FileManager::moveDirectory(to, from);
@@ -314,6 +317,66 @@ std::vector<std::string> ConfigurationManager::renameConfigurationWithDependents
             BASE_LOG(Base::log::info()) << "Could not rename department " << newName << " back to " << oldName
                                         << ": " << failure.what();
             mConfigurations[renamed].setPath(to);
+        }
+        throw;
+    }
+
+    std::vector<std::string> names;
+    for (std::size_t dependent : dependents) names.push_back(mConfigurations[dependent].name());
+    return names;
+}
+
+std::vector<std::string> ConfigurationManager::renamePluginWithDependents(const std::string& name,
+                                                                         const std::string& newName) {
+    PluginsManager& plugins = PluginsManagement();
+    PluginsManager::checkPluginName(newName);
+    const int index = plugins.indexOfPlugin(name);
+    if (index < 0) throw std::runtime_error("No plugin named '" + name + "'.");
+    if (newName == name) return {};
+
+    // Every department is held and checked, so that none names the plugin unseen.
+    std::vector<std::unique_ptr<Base::FileLock>> locks;
+    std::vector<std::size_t> dependents;
+    std::vector<FileSnapshot> snapshots;
+    const std::string owner = PluginSettings::configurationNameFor(name);
+    for (std::size_t at = 0; at < mConfigurations.size(); ++at) {
+        const ConfigurationSettings& settings = *mConfigurations[at].settings();
+        if (!mConfigurations[at].isUpdated()) continue;
+        locks.push_back(std::make_unique<Base::FileLock>(settings.dataFile()));
+        const std::string refusal =
+            "Plugin '" + name + "' is not renamed, as department '" + mConfigurations[at].name() + "' may name it: ";
+        try {
+            settings.settingsFile().checkWritable();
+        } catch (const Base::SettingsFileDamaged& damaged) {
+            throw Base::SettingsFileDamaged(refusal + damaged.what());
+        } catch (const Base::SettingsFileChanged& changed) {
+            throw Base::SettingsFileChanged(refusal + changed.what());
+        }
+        const std::vector<ApplicationOverlay>& overlays = settings.overlays();
+        if (settings.isPluginDisabled(name) ||
+            std::any_of(overlays.begin(), overlays.end(),
+                        [&](const ApplicationOverlay& overlay) { return overlay.configurationName == owner; })) {
+            dependents.push_back(at);
+            snapshots.push_back(FileSnapshot::of(settings.dataFile()));
+        }
+    }
+
+    const std::vector<Configuration> before = mConfigurations;
+    plugins.renamePlugin(index, newName);
+    try {
+        for (std::size_t dependent : dependents) {
+            ConfigurationSettings& settings = *mConfigurations[dependent].settings();
+            settings.renamePluginReferences(name, newName);
+            settings.save();
+        }
+    } catch (...) {
+        putBack(snapshots);
+        mConfigurations = before;
+        try {
+            plugins.renamePlugin(index, name);
+        } catch (const std::exception& failure) {
+            BASE_LOG(Base::log::info()) << "Could not rename plugin " << newName << " back to " << name << ": "
+                                        << failure.what();
         }
         throw;
     }

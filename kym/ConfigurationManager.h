@@ -67,6 +67,14 @@ public:
     // back, the directory moves back, and the save's error is thrown. Returns
     // the names of those departments.
     std::vector<std::string> renameConfigurationWithDependents(int index, const std::string& newName);
+    // Renames the plugin of the registry (PluginsManager::renamePlugin) and,
+    // in every updated department, its entry among the disabled plugins and
+    // the overlays of its applications. Every department's settings file is
+    // locked and checked first: one that did not read or that another writer
+    // changed stops the rename before anything moves. When a save fails,
+    // those already written are put back, the directory moves back, and the
+    // save's error is thrown. Returns the names of the departments changed.
+    std::vector<std::string> renamePluginWithDependents(const std::string& name, const std::string& newName);
     // Takes the directory out of the departments in one step (into a hidden
     // work directory), then removes it with all releases. A removal that
     // fails is logged and leaves that work directory, which is returned

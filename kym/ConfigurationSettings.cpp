@@ -243,6 +243,23 @@ void ConfigurationSettings::removeOverlay(const std::string& configurationName, 
     mNeedsSaving = true;
 }
 
+bool ConfigurationSettings::renamePluginReferences(const std::string& from, const std::string& to) {
+    bool changed = false;
+    for (std::string& plugin : mDisabledPlugins)
+        if (plugin == from) {
+            plugin = to;
+            changed = true;
+        }
+    const std::string owner = PluginSettings::configurationNameFor(from);
+    for (ApplicationOverlay& overlay : mOverlays)
+        if (overlay.configurationName == owner) {
+            overlay.configurationName = PluginSettings::configurationNameFor(to);
+            changed = true;
+        }
+    if (changed) mNeedsSaving = true;
+    return changed;
+}
+
 void ConfigurationSettings::mergeEnvVariables(std::vector<EnvironmentVariable>& vars) const {
     mergeUserEnvVariables(vars);
 }

@@ -96,6 +96,9 @@ public:
     ApplicationOverlay getOverlay(const std::string& configurationName, const std::string& applicationId);
     void setOverlay(const ApplicationOverlay& overlay);
     void removeOverlay(const std::string& configurationName, const std::string& applicationId);
+    // Makes the plugin's entry among the disabled plugins and the overlays of
+    // its applications name it by its new name; whether anything changed.
+    bool renamePluginReferences(const std::string& from, const std::string& to);
 
     void mergeEnvVariables(std::vector<EnvironmentVariable>& vars) const;
 

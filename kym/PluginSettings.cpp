@@ -63,6 +63,11 @@ PluginSettings& PluginSettings::operator=(const PluginSettings& other) {
 
 PluginSettings::~PluginSettings() = default;
 
+void PluginSettings::setPath(const fs::path& dir) {
+    mDirectory = dir;
+    mDataFile.setPath(dir / DataFileName);
+}
+
 std::string PluginSettings::name() const {
     return mDirectory.filename().string();
 }
@@ -127,7 +132,7 @@ bool PluginSettings::needsSaving() const {
 }
 
 const std::vector<ConfigApplication>& PluginSettings::applicationList() {
-    const std::string configurationName = name() + " Plugin";
+    const std::string configurationName = configurationNameFor(name());
     for (ConfigApplication& application : mApplications) application.setConfigurationName(configurationName);
     return mApplications;
 }

@@ -59,13 +59,19 @@ public:
     bool needsSaving() const;
     void setNeedsSaving(bool needsSaving) { mNeedsSaving = needsSaving; }
 
-    // Every application stamped with the configuration name name() + " Plugin".
+    // The configuration name of a plugin's applications and of the overlays of them.
+    static std::string configurationNameFor(const std::string& pluginName) { return pluginName + " Plugin"; }
+    // Every application stamped with configurationNameFor(name()).
     const std::vector<ConfigApplication>& applicationList();
     ApplicationListSource* applications();
 
     void mergeEnvVariables(std::vector<EnvironmentVariable>& vars) const;
 
 private:
+    // The registry moves a plugin's directory and points the plugin there.
+    friend class PluginsManager;
+    void setPath(const boost::filesystem::path& dir);
+
     std::string encoded() const;
     void clearListMarks();
 

@@ -3,6 +3,7 @@
 #include "kym/Configuration.h"
 #include "kym/SystemInfo.h"
 
+#include "base/FileManager.h"
 #include "base/Platform.h"
 #include "base/ProcessWide.h"
 #include "base/SmartAssert.h"
@@ -56,6 +57,32 @@ void PluginsManager::removePlugin(const fs::path& dir) {
     mPlugins.erase(std::remove_if(mPlugins.begin(), mPlugins.end(),
                                   [&dir](const PluginSettings& plugin) { return plugin.path() == dir; }),
                    mPlugins.end());
+}
+
+void PluginsManager::checkPluginName(const std::string& name) {
+    if (!Base::FileManager::isPlainName(name))
+        throw std::runtime_error("Invalid plugin name '" + name +
+                                 "': a plugin is a directory, named without blanks and without '/' or '\\'.");
+}
+
+int PluginsManager::indexOfPlugin(const std::string& name) const {
+    for (std::size_t index = 0; index < mPlugins.size(); ++index)
+        if (mPlugins[index].name() == name) return static_cast<int>(index);
+    return -1;
+}
+
+void PluginsManager::renamePlugin(int index, const std::string& newName) {
+    checkPluginName(newName);
+    PluginSettings& renamed = *plugin(index, false);
+    if (renamed.name() == newName) return;
+    const int other = indexOfPlugin(newName);
+    if (other >= 0)
+        throw std::runtime_error("A plugin named '" + newName + "' already exists: " +
+                                 Base::Platform::current().nativePath(mPlugins[static_cast<std::size_t>(other)].path()) +
+                                 ".");
+    const fs::path to = renamed.path().parent_path() / newName;
+    Base::FileManager::moveDirectory(renamed.path(), to);
+    renamed.setPath(to);
 }
 
 PluginSettings* PluginsManager::plugin(int index, bool external) {

@@ -30,6 +30,17 @@ public:
     void addPlugin(const boost::filesystem::path& dir);
     // Removes every plugin of that directory; the internal count stays.
     void removePlugin(const boost::filesystem::path& dir);
+    // Throws when the name cannot be a plugin's: empty, "." or "..", or
+    // holding a blank, '/' or '\\'.
+    static void checkPluginName(const std::string& name);
+    // The index among all plugins (internal first) of the one of that name, or -1.
+    int indexOfPlugin(const std::string& name) const;
+    // Moves the directory of the plugin at that index (among all plugins) to
+    // newName beside it and points the plugin there. A name that another
+    // plugin has or a directory standing there is refused; a failure leaves
+    // everything as it was. The departments that name the plugin follow
+    // with ConfigurationManager::renamePluginWithDependents.
+    void renamePlugin(int index, const std::string& newName);
     // With external set while only external plugins are edited, index counts
     // the external ones. The index is checked before that offset is added.
     // The pointer is valid until the list changes.

@@ -1,4 +1,4 @@
-// kym plugin list|create|delete|set-type|disable|enable.
+// kym plugin list|create|rename|delete|set-type|disable|enable.
 #include "Command.h"
 #include "SiteAccess.h"
 
@@ -63,11 +63,7 @@ fs::path externalPluginsLocation() {
 }
 
 int createPlugin(Context& context, const std::string& name, const std::string& type, bool external) {
-    const bool blank = std::any_of(name.begin(), name.end(), [](unsigned char c) { return std::isspace(c); });
-    if (name.empty() || name == "." || name == ".." || blank || name.find('/') != std::string::npos ||
-        name.find('\\') != std::string::npos)
-        throw std::runtime_error("Invalid plugin name '" + name + "': a plugin is a directory, named without blanks "
-                                 "and without '/' or '\\'.");
+    Kym::PluginsManager::checkPluginName(name);
     prepareStores();
     const std::string pluginType = type.empty() ? Kym::PluginSettings::SiteWideType : type;
     checkPluginType(pluginType);
@@ -77,10 +73,9 @@ int createPlugin(Context& context, const std::string& name, const std::string& t
     if (fs::exists(directory, error))
         throw std::runtime_error("Plugin directory " + native(directory) + " already exists.");
     Kym::PluginsManager& plugins = Kym::PluginsManagement();
-    for (int index = 0; index < plugins.numberOfPlugins(); ++index)
-        if (plugins.plugin(index, false)->name() == name)
-            throw std::runtime_error("A plugin named '" + name + "' already exists: " +
-                                     native(plugins.plugin(index, false)->path()) + ".");
+    if (const int other = plugins.indexOfPlugin(name); other >= 0)
+        throw std::runtime_error("A plugin named '" + name + "' already exists: " +
+                                 native(plugins.plugin(other, false)->path()) + ".");
 
     if (!fs::exists(parent, error)) {
         fs::create_directory(parent);
@@ -128,9 +123,15 @@ std::string disableCell(Kym::DisablePluginSource& source, const std::string& col
     return boost::any_cast<std::string>(source.valueForListColumnRow(column, row));
 }
 
-int pluginRow(Kym::DisablePluginSource& source, const std::string& name) {
+// The row of the plugin in the department's table, or -1.
+int rowOf(Kym::DisablePluginSource& source, const std::string& name) {
     for (int row = 0; row < source.numberOfRowsInList(); ++row)
         if (disableCell(source, "Name", row) == name) return row;
+    return -1;
+}
+
+int pluginRow(Kym::DisablePluginSource& source, const std::string& name) {
+    if (const int row = rowOf(source, name); row >= 0) return row;
     findPlugin(name);  // says which plugins there are
     throw std::runtime_error("No plugin named '" + name + "'.");
 }
@@ -151,9 +152,7 @@ int switchPlugin(Context& context, const std::string& departmentName, const std:
         // The table enables every plugin listed after this one too; they are disabled again.
         auto at = std::find(before.begin(), before.end(), name);
         for (auto later = at + 1; later < before.end(); ++later) {
-            int laterRow = -1;
-            for (int candidate = 0; candidate < source.numberOfRowsInList(); ++candidate)
-                if (disableCell(source, "Name", candidate) == *later) laterRow = candidate;
+            const int laterRow = rowOf(source, *later);
             if (laterRow < 0)
                 forgotten.push_back(*later);
             else if (disableCell(source, "Disabled", laterRow) != "True")
@@ -178,6 +177,27 @@ int switchPlugin(Context& context, const std::string& departmentName, const std:
                 << ".\n";
         if (!forgotten.empty())
             out << "No longer listed as disabled, since no such plugin exists: " << boost::algorithm::join(forgotten, ", ")
+                << ".\n";
+    });
+    return 0;
+}
+
+int renamePlugin(Context& context, const std::string& name, const std::string& newName) {
+    const Kym::PluginSettings& plugin = findPlugin(name);
+    Kym::ConfigurationManager departments = scanDepartments();
+    // The departments that disable it or overlay its applications follow, or nothing changes.
+    const std::vector<std::string> updated = departments.renamePluginWithDependents(name, newName);
+    const fs::path directory = plugin.path();
+
+    Json value = Json::object();
+    value.set("from", name);
+    value.set("to", newName);
+    value.set("path", native(directory));
+    value.set("updatedDepartments", Json::strings(updated));
+    context.print(value, [&](std::ostream& out) {
+        out << "Renamed plugin " << name << " to " << newName << " (" << native(directory) << ").\n";
+        if (!updated.empty())
+            out << "Its new name is now in the disabled plugins and overlays of: " << boost::algorithm::join(updated, ", ")
                 << ".\n";
     });
     return 0;
@@ -253,6 +273,16 @@ void addPluginCommands(Commands& commands) {
         [&context, deleted] { return deletePlugin(context, deleted->name, deleted->yes); });
     addPlugin(deleteCommand, "NAME", deleted->name, "The plugin")->required();
     deleteCommand->add_flag("-y,--yes", deleted->yes, "Do not ask");
+
+    auto renameNames = std::make_shared<std::pair<std::string, std::string>>();
+    CLI::App* renameCommand = commands.command(
+        plugin, "rename",
+        "Rename a plugin's directory. The departments that disable it or overlay its applications are changed to "
+        "the new name with it, or, when one of them cannot be, nothing changes.",
+        "  kym plugin rename cam cam2\n",
+        [&context, renameNames] { return renamePlugin(context, renameNames->first, renameNames->second); });
+    addPlugin(renameCommand, "OLD", renameNames->first, "The plugin")->required();
+    renameCommand->add_option("NEW", renameNames->second, "Its new name")->required();
 
     auto setType = std::make_shared<std::pair<std::string, std::string>>();
     CLI::App* setTypeCommand = commands.command(

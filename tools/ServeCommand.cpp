@@ -49,7 +49,8 @@ const std::vector<std::vector<std::string>>& allowedCommands() {
         {"dept", "update"}, {"workdir", "list"}, {"workdir", "add"}, {"workdir", "remove"},
         {"var", "list"}, {"var", "set"}, {"var", "remove"}, {"app", "list"}, {"app", "add"}, {"app", "set"},
         {"app", "remove"}, {"overlay", "list"}, {"overlay", "set"}, {"overlay", "remove"}, {"plugin", "list"},
-        {"plugin", "create"}, {"plugin", "delete"}, {"plugin", "set-type"}, {"plugin", "disable"}, {"plugin", "enable"},
+        {"plugin", "create"}, {"plugin", "rename"}, {"plugin", "delete"}, {"plugin", "set-type"},
+        {"plugin", "disable"}, {"plugin", "enable"},
         {"site", "show"}, {"site", "set"}, {"sysinfo", "show"}, {"sysinfo", "set"}};
     return commands;
 }

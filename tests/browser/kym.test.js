@@ -143,7 +143,7 @@ test('of two administrators editing one department the second is told and loses 
   expect(variables).toMatch(/UGII_JOURNAL_DIR +\/shared\/journals/);
 });
 
-test('an administrator creates and deletes a department and a plugin', async ({ page, site }) => {
+test('an administrator creates and deletes a department, and creates, renames and deletes a plugin', async ({ page, site }) => {
   await page.goto(site.url);
   await page.getByRole('tab', { name: 'Configure' }).click();
   const form = page.getByRole('group', { name: 'New department' });
@@ -169,10 +169,21 @@ test('an administrator creates and deletes a department and a plugin', async ({ 
   await plugin.getByRole('button', { name: 'Create plugin' }).click();
   await expect(page.getByLabel('Layer').getByRole('option', { name: 'Plugin probe' })).toHaveCount(1);
   expect(site.kym('plugin', 'list')).toMatch(/probe +Production +internal/);
+
+  // A department that switched it off keeps it switched off under its new name.
+  site.kym('plugin', 'disable', 'tooling', 'probe');
+  const renamePlugin = page.getByRole('group', { name: 'Rename a plugin' });
+  await renamePlugin.getByLabel('Plugin', { exact: true }).selectOption('probe');
+  await renamePlugin.getByLabel('New name').fill('gauge');
+  await renamePlugin.getByRole('button', { name: 'Rename plugin' }).click();
+  await expect(page.getByLabel('Layer').getByRole('option', { name: 'Plugin gauge' })).toHaveCount(1);
+  await expect(page.getByLabel('Layer').getByRole('option', { name: 'Plugin probe' })).toHaveCount(0);
+  expect(JSON.parse(site.kym('export', 'dept:tooling')).disabledPlugins).toEqual(['gauge']);
+
   const removePlugin = page.getByRole('group', { name: 'Delete a plugin' });
-  await removePlugin.getByLabel('Plugin', { exact: true }).selectOption('probe');
+  await removePlugin.getByLabel('Plugin', { exact: true }).selectOption('gauge');
   await removePlugin.getByLabel('Delete it with its directory').check();
   await removePlugin.getByRole('button', { name: 'Delete plugin' }).click();
-  await expect(page.getByLabel('Layer').getByRole('option', { name: 'Plugin probe' })).toHaveCount(0);
-  expect(site.kym('plugin', 'list')).not.toContain('probe');
+  await expect(page.getByLabel('Layer').getByRole('option', { name: 'Plugin gauge' })).toHaveCount(0);
+  expect(site.kym('plugin', 'list')).not.toContain('gauge');
 });

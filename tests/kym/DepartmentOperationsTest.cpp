@@ -1,8 +1,9 @@
-// Creating, renaming and deleting departments on a real site: each ends
+// Creating, renaming and deleting departments, and renaming plugins, on a real site: each ends
 // complete, or a failure at a late step leaves every file of the site as it
 // was, byte for byte.
 #include "kym/Configuration.h"
 #include "kym/ConfigurationManager.h"
+#include "kym/ConfigurationSettings.h"
 #include "kym/PluginsManager.h"
 #include "kym/SystemInfo.h"
 
@@ -327,6 +328,98 @@ TEST_F(Operations, ARenameRefusesTakenNamesAndNamesNoDepartmentCanHave) {
         thrownMessage([&] { manager.renameConfigurationWithDependents(indexOf(manager, "shared"), "a b"); }),
         "Invalid department name 'a b'"));
     EXPECT_EQ(listing(site.root()), before);
+}
+
+// Plugins
+
+struct PluginRename : Operations {
+    // cam and tools; design disables cam, paint overlays cam's application, other names none of it.
+    PluginRename() {
+        Kym::PluginsManagement().addPlugin(site.addInternalPlugin("cam", "Production"));
+        Kym::PluginsManagement().addPlugin(site.addInternalPlugin("tools"));
+        DepartmentSettings design;
+        design.disabledPlugins = {"tools", "cam"};
+        site.addUpdatedDepartment("design", DepartmentProperties{"Design", "Production", "", true, 2}, design);
+        DepartmentSettings paint;
+        paint.overlays.emplace_back();
+        paint.overlays.back().configurationName = "cam Plugin";
+        paint.overlays.back().appId = "cam";
+        paint.overlays.back().category = "Shop";
+        site.addUpdatedDepartment("paint", DepartmentProperties{"Paint", "Production", "", true, 2}, paint);
+        DepartmentSettings other;
+        other.disabledPlugins = {"tools"};
+        site.addUpdatedDepartment("other", DepartmentProperties{"Other", "Test", "", true, 2}, other);
+    }
+    fs::path settingsOf(const std::string& name) const { return department(name) / "nx4" / "config" / "configSettings.dat"; }
+    static Kym::ConfigurationSettings reread(const fs::path& file) {
+        Kym::ConfigurationSettings settings;
+        settings.setDataFile(file);
+        settings.load();
+        return settings;
+    }
+};
+
+TEST_F(PluginRename, ARenamedPluginKeepsItsPlaceInEveryDepartmentThatNamesIt) {
+    const std::string otherSettings = readFile(settingsOf("other"));
+    ConfigurationManager manager;
+
+    EXPECT_EQ(manager.renamePluginWithDependents("cam", "milling"), (Names{"design", "paint"}));
+
+    EXPECT_FALSE(fs::exists(site.pluginsPath() / "cam"));
+    Kym::PluginsManager& plugins = Kym::PluginsManagement();
+    ASSERT_GE(plugins.indexOfPlugin("milling"), 0);
+    EXPECT_EQ(plugins.plugin(plugins.indexOfPlugin("milling"), false)->dataFile(),
+              site.pluginsPath() / "milling" / "settings.dat");
+    EXPECT_EQ(Kym::PluginSettings(site.pluginsPath() / "milling").pluginType(), "Production");
+    EXPECT_EQ(reread(settingsOf("design")).disabledPluginList(), (Names{"tools", "milling"}));
+    const std::vector<Kym::ApplicationOverlay> overlays = reread(settingsOf("paint")).overlays();
+    ASSERT_EQ(overlays.size(), 1u);
+    EXPECT_EQ(overlays[0].configurationName, "milling Plugin");
+    EXPECT_EQ(overlays[0].category, "Shop");
+    EXPECT_EQ(readFile(settingsOf("other")), otherSettings);
+    EXPECT_FALSE(manager.anyNeedsSaving());
+    for (const auto& [path, content] : listing(site.root()))
+        EXPECT_FALSE(boost::ends_with(path, ".lock")) << path << " is left behind";
+}
+
+TEST_F(PluginRename, ARenameThatCannotBeCompletedLeavesTheSiteAsItWas) {
+    ConfigurationManager manager;
+    const Listing before = listing(site.root());
+    const fs::path cam = site.pluginsPath() / "cam";
+    {
+        SCOPED_TRACE("the second department that names it fails to save");
+        const Fault fault(&Base::SystemCalls::setWriteFault, [](const fs::path& file) {
+            return file.filename() == "configSettings.dat" &&
+                   file.parent_path().parent_path().parent_path().filename() == "paint";
+        });
+        EXPECT_EQ(thrownMessage([&] { manager.renamePluginWithDependents("cam", "milling"); }),
+                  "Cannot write settings file " + settingsOf("paint").string() + ": " + Base::errnoText(EIO));
+        EXPECT_EQ(listing(site.root()), before);
+        EXPECT_EQ(Kym::PluginsManagement().plugin(Kym::PluginsManagement().indexOfPlugin("cam"), false)->path(), cam);
+        EXPECT_EQ(manager.configurationByName("design")->settings()->disabledPluginList(), (Names{"tools", "cam"}));
+    }
+    {
+        SCOPED_TRACE("a department that may name it does not read");
+        writeFile(settingsOf("other"), "not an archive");
+        const Listing damaged = listing(site.root());
+        ConfigurationManager reading;
+        const std::string message =
+            thrownMessage<Base::SettingsFileDamaged>([&] { reading.renamePluginWithDependents("cam", "milling"); });
+        EXPECT_TRUE(boost::starts_with(message, "Plugin 'cam' is not renamed, as department 'other' may name it: "
+                                                "Settings file " + settingsOf("other").string() + " is not saved over"))
+            << message;
+        EXPECT_EQ(listing(site.root()), damaged);
+        writeFile(settingsOf("other"), before.at(settingsOf("other").lexically_relative(site.root()).generic_string()));
+    }
+    EXPECT_EQ(thrownMessage([&] { manager.renamePluginWithDependents("cam", "tools"); }),
+              "A plugin named 'tools' already exists: " + (site.pluginsPath() / "tools").string() + ".");
+    EXPECT_TRUE(boost::starts_with(thrownMessage([&] { manager.renamePluginWithDependents("cam", "a b"); }),
+                                   "Invalid plugin name 'a b'"));
+    EXPECT_EQ(thrownMessage([&] { manager.renamePluginWithDependents("none", "other"); }), "No plugin named 'none'.");
+    EXPECT_EQ(listing(site.root()), before);
+
+    // The manager knows the files as they are again: the same rename now goes through.
+    EXPECT_EQ(manager.renamePluginWithDependents("cam", "milling"), (Names{"design", "paint"}));
 }
 
 // Deletion

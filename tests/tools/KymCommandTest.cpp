@@ -269,7 +269,7 @@ TEST_F(KymCommand, LaunchStartsTheProgramWithTheAssembledEnvironmentAndRemembers
     EXPECT_EQ(probe.record().arguments, probe.argumentsFor(given));
 }
 
-TEST_F(KymCommand, PluginsAreCreatedAndSwitchedPerDepartment) {
+TEST_F(KymCommand, PluginsAreCreatedSwitchedPerDepartmentRenamedAndDeleted) {
     makeDepartments();
     const fs::path external = site.root() / "external";
     fs::create_directories(external);
@@ -281,9 +281,12 @@ TEST_F(KymCommand, PluginsAreCreatedAndSwitchedPerDepartment) {
     ok({{"plugin", "disable", "Design", "cam"}, {"plugin", "disable", "Design", "pdm"},
         {"plugin", "disable", "Design", "extra"}});
     EXPECT_EQ(out({"plugin", "enable", "Design", "cam"}), text("Enabled plugin cam in department Design.\n"));
+    EXPECT_EQ(out({"plugin", "rename", "pdm", "vault"}),
+              text("Renamed plugin pdm to vault (" + native(site.pluginsPath() / "vault") +
+                   ").\nIts new name is now in the disabled plugins and overlays of: Design.\n"));
 
     EXPECT_EQ(Kym::Configuration(department("Design"), true).settings()->disabledPluginList(),
-              (std::vector<std::string>{"pdm", "extra"}));
+              (std::vector<std::string>{"vault", "extra"}));
 
     EXPECT_EQ(out({"plugin", "delete", "extra", "--yes"}),
               text("Deleted plugin extra (" + native(external / "extra") + ").\n"));

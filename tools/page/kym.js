@@ -542,6 +542,7 @@ onSubmit('delete-department', (data) => ['dept', 'delete', data.get('name'), '--
   ...(data.get('force') ? ['--force'] : [])]);
 onSubmit('create-plugin', (data) => ['plugin', 'create', data.get('name'), '--type', data.get('type'),
   '--external', data.get('external') ? 'on' : 'off']);
+onSubmit('rename-plugin', (data) => ['plugin', 'rename', data.get('name'), data.get('newName')]);
 onSubmit('delete-plugin', (data) => ['plugin', 'delete', data.get('name'), '--yes']);
 
 openPage().catch((error) => say($('launch-result'), error.message, true));
