@@ -1,33 +1,16 @@
+// Only a Windows host has a registry to read; elsewhere every read finds nothing.
+#ifdef _WIN32
 #include "base/Registry.h"
 
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <string>
-#include <utility>
-#include <vector>
 
-#ifdef _WIN32
 #include <windows.h>
-#endif
 
 using Base::Registry::readLocalMachineValue;
 
-TEST(Registry, ASubstituteAnswersEveryReadUntilItIsRemoved) {
-    std::vector<std::pair<std::string, std::string>> asked;
-    Base::Registry::setReader([&asked](const std::string& key, const std::string& valueName) {
-        asked.emplace_back(key, valueName);
-        return std::string("D:\\nx\\");
-    });
-    const std::string substituted = readLocalMachineValue("SOFTWARE\\Kym Test\\Nowhere", "UGII_BASE_DIR");
-    Base::Registry::setReader(nullptr);
-    EXPECT_EQ("D:\\nx\\", substituted);
-    EXPECT_EQ((std::vector<std::pair<std::string, std::string>>{{"SOFTWARE\\Kym Test\\Nowhere", "UGII_BASE_DIR"}}),
-              asked);
-    EXPECT_EQ("", readLocalMachineValue("SOFTWARE\\Kym Test\\Nowhere", "UGII_BASE_DIR"));
-}
-
-#ifdef _WIN32
 TEST(Registry, ReadsTheTextOfALocalMachineValueUpToItsFirstNulAndNothingForWhatIsMissingOrTooLong) {
     const std::string key = "SOFTWARE\\Kym Test " + std::to_string(GetCurrentProcessId()) + "\\NX\\4.0";
     HKEY handle = nullptr;

@@ -278,7 +278,7 @@ bool hasNoChildren() {
 
 } // namespace
 
-TEST(Task, AScriptGetsItsInterpreterAndExactlyTheGivenArgumentsAndEnvironment) {
+TEST(Task, AScriptGetsItsInterpreterAndExactlyTheGivenArgumentsAndEnvironmentAndAFailedStartLeavesNoChild) {
     TempDir dir;
     fs::path probe = writeProbe(dir);
     Base::Task task;
@@ -289,6 +289,10 @@ TEST(Task, AScriptGetsItsInterpreterAndExactlyTheGivenArgumentsAndEnvironment) {
     EXPECT_EQ(recorded(dir, "where"), (Strings{fs::current_path().string(), std::to_string(pid)}));
     EXPECT_EQ(recorded(dir, "cmdline"), (Strings{"/bin/sh", probe.string(), "plain", "with space", "", "$HOME", "*"}));
     EXPECT_EQ(recorded(dir, "environ"), (Strings{"KYM_A=one two"}));
+    EXPECT_TRUE(hasNoChildren());
+
+    task.setLaunchPath(dir / "missing");
+    EXPECT_THROW(task.launch(), Base::BaseException);
     EXPECT_TRUE(hasNoChildren());
 }
 
@@ -351,14 +355,6 @@ TEST(Task, ProgramRunsOnDetachedInItsOwnSessionWithNoZombieLeft) {
     auto link = [](const fs::path& p) { return fs::read_symlink(p).string(); };
     EXPECT_EQ(open, (std::map<std::string, std::string>{
                         {"0", "/dev/null"}, {"1", link("/proc/self/fd/1")}, {"2", link("/proc/self/fd/2")}}));
-}
-
-TEST(Task, AFailedStartLeavesNoChild) {
-    TempDir dir;
-    Base::Task task;
-    task.setLaunchPath(dir / "missing");
-    EXPECT_THROW(task.launch(), Base::BaseException);
-    EXPECT_TRUE(hasNoChildren());
 }
 
 #endif

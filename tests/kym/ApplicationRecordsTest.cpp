@@ -19,7 +19,7 @@ std::vector<std::string> merged(const ConfigApplication& app, std::vector<Enviro
 
 } // namespace
 
-TEST(ConfigApplication, MergePutsTheCadLibrariesInFrontOfTheFirstPathOrAppendsIt) {
+TEST(ConfigApplication, MergePutsTheCadLibrariesInFrontOfTheFirstPathOrAppendsItOnlyWhenFlagged) {
     Base::Platform::setCurrent(Base::Platform::Windows);
     ConfigApplication app;
     KymTest::appendVariable(app.commonVariables(), "PATH", "$PATH;D:\\tools");
@@ -27,14 +27,12 @@ TEST(ConfigApplication, MergePutsTheCadLibrariesInFrontOfTheFirstPathOrAppendsIt
               merged(app, {EnvironmentVariable("Path", "p"), EnvironmentVariable("PATH", "C:\\bin"),
                            EnvironmentVariable("PATH", "x")}));
     EXPECT_EQ((std::vector<std::string>{"PATH=${UGII_BASE_DIR}/ugii"}), merged(ConfigApplication(), {}));
-}
 
-TEST(ConfigApplication, MergeWithoutTheFlagLeavesPathToTheMergeRuleOfTheLaunchConvention) {
-    ConfigApplication app;
-    app.addUGLibsToPath = false;
-    KymTest::appendVariable(app.winVariables(), "PATH", "$PATH;x");
-    Base::Platform::setCurrent(Base::Platform::Windows);
-    EXPECT_EQ(std::vector<std::string>{"PATH=a;x"}, merged(app, {EnvironmentVariable("PATH", "a")}));
+    // Without the flag, PATH follows the merge rule of the launch conventions.
+    ConfigApplication plain;
+    plain.addUGLibsToPath = false;
+    KymTest::appendVariable(plain.winVariables(), "PATH", "$PATH;x");
+    EXPECT_EQ(std::vector<std::string>{"PATH=a;x"}, merged(plain, {EnvironmentVariable("PATH", "a")}));
     Base::Platform::setCurrent(Base::Platform::Posix);
-    EXPECT_EQ(std::vector<std::string>{"PATH=a"}, merged(app, {EnvironmentVariable("PATH", "a")}));
+    EXPECT_EQ(std::vector<std::string>{"PATH=a"}, merged(plain, {EnvironmentVariable("PATH", "a")}));
 }

@@ -214,20 +214,6 @@ TEST_F(Operations, AFailedCreationLeavesTheSiteAsItWas) {
     EXPECT_EQ(rows(manager), Names{"body"});
 }
 
-TEST_F(Operations, CreationRefusesTakenNamesAndNamesNoDepartmentCanHave) {
-    site.addDepartment("design");
-    ConfigurationManager manager;
-    const Listing before = listing(site.root());
-    EXPECT_EQ(thrownMessage([&] { manager.createConfiguration("design"); }),
-              "Directory " + department("design").string() + " already exists.");
-    for (const std::string name : {"", ".", "..", "a b", "a/b", "a\\b", ".kym creating x 1"})
-        EXPECT_EQ(thrownMessage([&] { manager.createConfiguration(name); }),
-                  "Invalid department name '" + name +
-                      "': a department is a directory of the departments directory, named without blanks and "
-                      "without '/' or '\\'.");
-    EXPECT_EQ(listing(site.root()), before);
-}
-
 TEST_F(Operations, ARenameTakesEveryDepartmentThatNamesItAlong) {
     addSharedWithDependents();
     const std::string otherProperties = readFile(department("other") / Configuration::PropertyFileName);
@@ -253,30 +239,7 @@ TEST_F(Operations, ARenameTakesEveryDepartmentThatNamesItAlong) {
         EXPECT_FALSE(boost::ends_with(path, ".lock")) << path << " is left behind";
 }
 
-TEST_F(Operations, ADependentThatFailsToSavePutsBackEverythingDoneBeforeIt) {
-    addSharedWithDependents();
-    ConfigurationManager manager;
-    const Listing before = listing(site.root());
-    {
-        // design is saved first and written; paint, the second, fails.
-        const Fault fault(&Base::SystemCalls::setWriteFault, fileOf("paint", Configuration::PropertyFileName));
-        EXPECT_EQ(thrownMessage([&] { renameShared(manager); }),
-                  "Cannot write settings file " + (department("paint") / Configuration::PropertyFileName).string() +
-                      ": " + Base::errnoText(EIO));
-    }
-    EXPECT_EQ(listing(site.root()), before);
-    EXPECT_EQ(rows(manager), (Names{"design", "other", "paint", "shared"}));
-    EXPECT_EQ(manager.configurationByName("shared")->path(), department("shared"));
-    EXPECT_EQ(manager.configurationByName("design")->commonDepartment, "shared");
-    EXPECT_FALSE(manager.anyNeedsSaving());
-
-    // The manager knows the files as they are again: the same rename now goes through.
-    EXPECT_EQ(renameShared(manager),
-              (Names{"design", "paint"}));
-    EXPECT_EQ(Configuration(department("paint"), true).commonDepartment, "common");
-}
-
-TEST_F(Operations, ARenameStopsBeforeAnythingMovesWhenADependentCannotBeWritten) {
+TEST_F(Operations, ARenameThatCannotCompleteLeavesTheSiteAndTheManagerAsTheyWere) {
     addSharedWithDependents();
     Base::FileLock::setWaitLimit(std::chrono::milliseconds(50));
     const fs::path paintProperties = department("paint") / Configuration::PropertyFileName;
@@ -285,8 +248,7 @@ TEST_F(Operations, ARenameStopsBeforeAnythingMovesWhenADependentCannotBeWritten)
         ConfigurationManager manager;
         site.addDepartment("paint", DepartmentProperties{"Paint shop", "Production", "shared", true, 2});
         const Listing before = listing(site.root());
-        EXPECT_EQ(thrownMessage<Base::SettingsFileChanged>(
-                      [&] { renameShared(manager); }),
+        EXPECT_EQ(thrownMessage<Base::SettingsFileChanged>([&] { renameShared(manager); }),
                   "Settings file " + paintProperties.string() +
                       " was changed by another writer since it was read; nothing was written. Read it again and "
                       "repeat the change, or overwrite it deliberately.");
@@ -297,8 +259,7 @@ TEST_F(Operations, ARenameStopsBeforeAnythingMovesWhenADependentCannotBeWritten)
         ConfigurationManager manager;
         writeFile(Base::FileLock::lockFileOf(paintProperties), "pid 1 on elsewhere, user ann, since now\n");
         const Listing before = listing(site.root());
-        const std::string message =
-            thrownMessage([&] { renameShared(manager); });
+        const std::string message = thrownMessage([&] { renameShared(manager); });
         EXPECT_TRUE(boost::starts_with(message, "Settings file " + paintProperties.string() +
                                                     " is locked by pid 1 on elsewhere, user ann, since now;"))
             << message;
@@ -316,17 +277,44 @@ TEST_F(Operations, ARenameStopsBeforeAnythingMovesWhenADependentCannotBeWritten)
         EXPECT_EQ(listing(site.root()), before);
         EXPECT_EQ(manager.configurationByName("shared")->path(), department("shared"));
     }
+    SCOPED_TRACE("the second dependent fails to save");
+    // design is saved first and written; paint, the second, fails.
+    ConfigurationManager manager;
+    const Listing before = listing(site.root());
+    {
+        const Fault fault(&Base::SystemCalls::setWriteFault, fileOf("paint", Configuration::PropertyFileName));
+        EXPECT_EQ(thrownMessage([&] { renameShared(manager); }),
+                  "Cannot write settings file " + paintProperties.string() + ": " + Base::errnoText(EIO));
+    }
+    EXPECT_EQ(listing(site.root()), before);
+    EXPECT_EQ(rows(manager), (Names{"design", "other", "paint", "shared"}));
+    EXPECT_EQ(manager.configurationByName("shared")->path(), department("shared"));
+    EXPECT_EQ(manager.configurationByName("design")->commonDepartment, "shared");
+    EXPECT_FALSE(manager.anyNeedsSaving());
+
+    // The manager knows the files as they are again: the same rename now goes through.
+    EXPECT_EQ(renameShared(manager), (Names{"design", "paint"}));
+    EXPECT_EQ(Configuration(department("paint"), true).commonDepartment, "common");
 }
 
-TEST_F(Operations, ARenameRefusesTakenNamesAndNamesNoDepartmentCanHave) {
+TEST_F(Operations, CreationAndRenameRefuseTakenNamesAndNamesNoDepartmentCanHave) {
     addSharedWithDependents();
     ConfigurationManager manager;
     const Listing before = listing(site.root());
-    EXPECT_EQ(thrownMessage([&] { manager.renameConfigurationWithDependents(indexOf(manager, "shared"), "other"); }),
-              "Directory " + department("other").string() + " already exists.");
-    EXPECT_TRUE(boost::starts_with(
-        thrownMessage([&] { manager.renameConfigurationWithDependents(indexOf(manager, "shared"), "a b"); }),
-        "Invalid department name 'a b'"));
+    const auto rename = [&manager](const std::string& name) {
+        return thrownMessage([&] { manager.renameConfigurationWithDependents(indexOf(manager, "shared"), name); });
+    };
+    const std::string taken = "Directory " + department("other").string() + " already exists.";
+    EXPECT_EQ(thrownMessage([&] { manager.createConfiguration("other"); }), taken);
+    EXPECT_EQ(rename("other"), taken);
+    for (const std::string name : {"", ".", "..", "a b", "a/b", "a\\b", ".kym creating x 1"}) {
+        SCOPED_TRACE(name);
+        const std::string invalid = "Invalid department name '" + name +
+                                    "': a department is a directory of the departments directory, named without "
+                                    "blanks and without '/' or '\\'.";
+        EXPECT_EQ(thrownMessage([&] { manager.createConfiguration(name); }), invalid);
+        EXPECT_EQ(rename(name), invalid);
+    }
     EXPECT_EQ(listing(site.root()), before);
 }
 
@@ -424,44 +412,38 @@ TEST_F(PluginRename, ARenameThatCannotBeCompletedLeavesTheSiteAsItWas) {
 
 // Deletion
 
-TEST_F(Operations, ADeletedDepartmentIsGoneWhole) {
+TEST_F(Operations, ADeletionThatCannotHideTheDepartmentOrFindsAWriterTouchesNothingAndOneThatCanLeavesNothing) {
     addSharedWithDependents();
+    Base::FileLock::setWaitLimit(std::chrono::milliseconds(50));
     ConfigurationManager manager;
     const Listing before = listing(site.root());
-    EXPECT_EQ(manager.deleteConfiguration(indexOf(manager, "paint")), fs::path());
+    const auto deletePaint = [&manager] { return manager.deleteConfiguration(indexOf(manager, "paint")); };
+    {
+        SCOPED_TRACE("the directory cannot be renamed");
+        const Fault fault(&Base::SystemCalls::setRenameFault, directoryNamed("paint"));
+        const std::string message = thrownMessage(deletePaint);
+        EXPECT_TRUE(boost::starts_with(message, "Cannot rename directory " + department("paint").string() + " to "))
+            << message;
+        EXPECT_EQ(listing(site.root()), before);
+    }
+    {
+        SCOPED_TRACE("another writer holds it");
+        const fs::path lock = Base::FileLock::lockFileOf(department("paint") / Configuration::PropertyFileName);
+        writeFile(lock, "pid 1 on elsewhere, user ann, since now\n");
+        const Listing locked = listing(site.root());
+        EXPECT_TRUE(boost::contains(thrownMessage(deletePaint), " is locked by pid 1 on elsewhere"));
+        EXPECT_EQ(listing(site.root()), locked);
+        fs::remove(lock);
+    }
+    EXPECT_EQ(rows(manager), (Names{"design", "other", "paint", "shared"}));
 
+    EXPECT_EQ(deletePaint(), fs::path());
     const std::string gone = department("paint").lexically_relative(site.root()).generic_string() + "/";
     Listing expected;
     for (const auto& [path, content] : before)
         if (!boost::starts_with(path, gone)) expected.emplace(path, content);
     EXPECT_EQ(listing(site.root()), expected);
     EXPECT_EQ(rows(manager), (Names{"design", "other", "shared"}));
-}
-
-TEST_F(Operations, ADeletionThatCannotHideTheDepartmentLeavesItAsItWas) {
-    addSharedWithDependents();
-    ConfigurationManager manager;
-    const Listing before = listing(site.root());
-    {
-        const Fault fault(&Base::SystemCalls::setRenameFault, directoryNamed("paint"));
-        const std::string message = thrownMessage([&] { manager.deleteConfiguration(indexOf(manager, "paint")); });
-        EXPECT_TRUE(boost::starts_with(message, "Cannot rename directory " + department("paint").string() + " to "))
-            << message;
-    }
-    EXPECT_EQ(listing(site.root()), before);
-    EXPECT_EQ(rows(manager), (Names{"design", "other", "paint", "shared"}));
-}
-
-TEST_F(Operations, ADeletionWaitsForNoWriterAndGivesUpWithoutTouchingTheDepartment) {
-    addSharedWithDependents();
-    Base::FileLock::setWaitLimit(std::chrono::milliseconds(50));
-    ConfigurationManager manager;
-    const fs::path lock = Base::FileLock::lockFileOf(department("paint") / Configuration::PropertyFileName);
-    writeFile(lock, "pid 1 on elsewhere, user ann, since now\n");
-    const Listing before = listing(site.root());
-    EXPECT_TRUE(boost::contains(thrownMessage([&] { manager.deleteConfiguration(indexOf(manager, "paint")); }),
-                                " is locked by pid 1 on elsewhere"));
-    EXPECT_EQ(listing(site.root()), before);
 }
 
 #ifndef _WIN32

@@ -54,9 +54,16 @@ TEST(LauncherCadEnvironment, ShortensTheInstallPathDropsAMissingLibraryAndNamesW
 }
 
 TEST(LauncherArguments, QuotedRunsAreGreedyAndKeepTheirQuotesAndExpandedValuesSplit) {
-    Platform::setCurrent(Platform::Posix);
-    const Environment env{{"PART", "/parts/"}, {"NAME", "a b"}};
-    EXPECT_EQ((std::vector<std::string>{"-a", "\"a\" \"b\"", "-part=/parts/p.prt", "a", "b"}),
-              Kym::Launcher().buildArgList(application("x", "-a \"a\" \"b\" -part=$PART/p.prt $NAME $UNSET"), env));
+    const Environment env{{"PART", "/parts/"}, {"NAME", "two words"}};
+    const std::pair<std::string, Lines> cases[] = {
+        {"", {}},
+        // The quoted run is greedy: two quoted words and what stands between them are one argument.
+        {"-a \"a\" \"b\" -part=$PART/p.prt", {"-a", "\"a\" \"b\"", "-part=/parts/p.prt"}},
+        {"\"a\" \"b\" -name=$NAME \"say \\\"hi\\\"\"", {"\"a\" \"b\" -name=two words \"say \\\"hi\\\"\""}},
+        {"-name=$NAME $UNSET back\\slash trailing\\", {"-name=two", "words", "back\\slash", "trailing\\"}}};
+    for (const Platform::Kind conventions : {Platform::Posix, Platform::Windows}) {
+        Platform::setCurrent(conventions);
+        for (const auto& [text, arguments] : cases)
+            EXPECT_EQ(arguments, Kym::Launcher().buildArgList(application("x", text), env)) << conventions << ": " << text;
+    }
 }
-

@@ -91,22 +91,6 @@ TEST(LauncherLaunch, ProgramGetsTheLayersEnvironmentItsArgumentsAndTheHomeDirect
               started.environment);
 }
 
-TEST(LauncherLaunch, ArgumentsArriveAsTheArgumentTextSplitsQuotesAndBlanksIncluded) {
-    Probe probe(KYM_PROBE);
-    Scene scene(host.conventions);
-    const Kym::Configuration config = scene.department("Design", {}, settingsWith({{"NAME", "two words"}}));
-    const std::pair<std::string, Lines> cases[] = {
-        {"", {}},
-        {"-a \"x y\" -b", {"-a", "\"x y\"", "-b"}},
-        // The quoted run is greedy: two quoted words and what stands between them are one argument.
-        {"\"a\" \"b\" -name=$NAME \"say \\\"hi\\\"\"", {"\"a\" \"b\" -name=two words \"say \\\"hi\\\"\""}},
-        {"-name=$NAME $UNSET back\\slash trailing\\", {"-name=two", "words", "back\\slash", "trailing\\"}}};
-    for (const auto& [text, arguments] : cases) {
-        Kym::Launcher().launchApplication(config, nullptr, application(probe.program().string(), text), nullptr);
-        EXPECT_EQ(probe.argumentsFor(arguments), probe.record().arguments) << text;
-    }
-}
-
 TEST(LauncherLaunch, UnderWindowsConventionsTheChildGetsNativeValuesAndStaleFilesGoOnlyAfterTheChecks) {
     KymTest::TempDir temp;
     Probe probe(KYM_PROBE);

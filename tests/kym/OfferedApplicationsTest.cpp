@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 
 using namespace KymTest;
@@ -56,15 +55,6 @@ Names shown(const Kym::OfferedApplications& offered) {
                         entry.application.description + (entry.application.disableApplication ? " disabled" : "") +
                         (entry.overlaid ? " overlaid" : ""));
     return texts;
-}
-
-std::string failureOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const std::exception& failure) {
-        return failure.what();
-    }
-    return "no failure";
 }
 
 class Offer : public ::testing::Test {
@@ -173,7 +163,7 @@ TEST_F(Offer, TwoOfTheBestRankAreAmbiguousUnlessTheConfigurationIsNamed) {
     std::unique_ptr<Kym::Configuration> design = department("Design", "");
     const Kym::OfferedApplications offered(*design, nullptr);
 
-    EXPECT_EQ(failureOf([&] { offered.choose("mill"); }),
+    EXPECT_EQ(thrownMessage([&] { offered.choose("mill"); }),
               "Application 'mill' is ambiguous in department 'Design': it is offered by 'cam Plugin' and "
               "'milling Plugin'. Choose one with --from NAME.");
     EXPECT_EQ(offered.choose("mill", "milling Plugin").application.configurationName(), "milling Plugin");
@@ -184,29 +174,27 @@ TEST_F(Offer, TwoOfTheBestRankAreAmbiguousUnlessTheConfigurationIsNamed) {
     EXPECT_EQ(Kym::OfferedApplications(*paint, nullptr).choose("mill").application.description, "Own mill");
 }
 
-TEST_F(Offer, AnApplicationNotOfferedIsRefusedWithTheIdentifiersTheDepartmentOffers) {
+TEST_F(Offer, AnApplicationNotOfferedIsRefusedWithTheIdentifiersOfferedAndAMissingCommonDepartmentWithWhereItWasLookedFor) {
     site.addInternalPlugin("cam", "Site-wide",
                            offering({application("mill", "CAM", "Milling"), application("nx", "CAD", "Plugin NX")}));
     std::unique_ptr<Kym::Configuration> design = department(
         "Design", "", {{}, offering({application("nx", "CAD", "NX"), application("own", "", "Own")}), {}, {}});
     const Kym::OfferedApplications offered(*design, nullptr);
 
-    EXPECT_EQ(failureOf([&] { offered.choose("cad"); }),
+    EXPECT_EQ(thrownMessage([&] { offered.choose("cad"); }),
               "No application 'cad' in department 'Design'. It offers: own, nx, mill.");
-    EXPECT_EQ(failureOf([&] { offered.choose("mill", "Design"); }),
+    EXPECT_EQ(thrownMessage([&] { offered.choose("mill", "Design"); }),
               "No application 'mill' of 'Design' in department 'Design'. It offers: own, nx, mill.");
 
     DepartmentSettings settings;
     settings.disabledPlugins = {"cam"};
     std::unique_ptr<Kym::Configuration> empty = department("Empty", "", settings);
-    EXPECT_EQ(failureOf([&] { Kym::OfferedApplications(*empty, nullptr).choose("nx"); }),
+    EXPECT_EQ(thrownMessage([&] { Kym::OfferedApplications(*empty, nullptr).choose("nx"); }),
               "No application 'nx' in department 'Empty'. It offers no applications.");
-}
 
-TEST_F(Offer, ACommonDepartmentThatDoesNotExistIsNamedWithWhereItWasLookedFor) {
-    std::unique_ptr<Kym::Configuration> design = department("Design", "Gone");
-    EXPECT_EQ(failureOf([&] { Kym::OfferedApplications offered(*design); }),
-              "Department 'Design' names the common department 'Gone', which does not exist in " +
+    std::unique_ptr<Kym::Configuration> orphan = department("Orphan", "Gone");
+    EXPECT_EQ(thrownMessage([&] { Kym::OfferedApplications offered(*orphan); }),
+              "Department 'Orphan' names the common department 'Gone', which does not exist in " +
                   Base::Platform::current().nativePath(site.departmentsPath()) + ".");
 }
 

@@ -134,9 +134,21 @@ TEST_F(SafeSaving, NoStoreSavesOverAFileItCouldNotReadUntilItIsOverwrittenDelibe
     EXPECT_EQ(readFile(preferences), "<?xml version=\"1.0\"?><plist><dict><key>a</key>");
 }
 
-TEST_F(SafeSaving, ASaveOverAnotherWritersChangeIsRefusedKeepingTheMarksAndAnOverwriteKeepsTheirFile) {
+TEST_F(SafeSaving, ASaveThatAnotherWriterHoldsOrChangedIsRefusedKeepingTheMarksAndAnOverwriteKeepsTheirFile) {
     Kym::BaseSettings& base = Kym::BaseInformation();
     appendVariable(base.commonVariables(), "MINE", "1");
+    const fs::path lock = Base::FileLock::lockFileOf(site.baseSettingsFile());
+    writeFile(lock, "pid 4242 on another-workstation, user ann, since 2026-11-25 09:00:00 UTC\n");
+    Base::FileLock::setWaitLimit(std::chrono::milliseconds(1000));
+    const std::string before = readFile(site.baseSettingsFile());
+    EXPECT_EQ(thrownMessage([&] { base.save(); }),
+              "Settings file " + native(site.baseSettingsFile()) +
+                  " is locked by pid 4242 on another-workstation, user ann, since 2026-11-25 09:00:00 UTC; gave up "
+                  "after 1 s. When that process is gone for good, remove " + native(lock) + ".");
+    EXPECT_EQ(readFile(site.baseSettingsFile()), before);
+    EXPECT_TRUE(base.needsSaving());
+    fs::remove(lock);
+
     site.writeBaseSettings(oneVariable("THEIRS"));
     const std::string theirs = readFile(site.baseSettingsFile());
 
@@ -200,21 +212,6 @@ TEST_F(SafeSaving, ADepartmentWritesBothFilesOrNeither) {
     EXPECT_EQ(reread.description, "changed");
     EXPECT_EQ(variableTexts(reread.settings()->commonVariableList()),
               (std::vector<std::string>{"DEPT_VAR=v", "THEIRS=1", "MINE=1"}));
-}
-
-TEST_F(SafeSaving, ASaveWaitsForTheLockOfAnotherWriterAndNamesItWhenItStays) {
-    Kym::BaseSettings& base = Kym::BaseInformation();
-    appendVariable(base.commonVariables(), "MINE", "1");
-    const fs::path lock = Base::FileLock::lockFileOf(site.baseSettingsFile());
-    writeFile(lock, "pid 4242 on another-workstation, user ann, since 2026-11-25 09:00:00 UTC\n");
-    Base::FileLock::setWaitLimit(std::chrono::milliseconds(1000));
-    const std::string before = readFile(site.baseSettingsFile());
-    EXPECT_EQ(thrownMessage([&] { base.save(); }),
-              "Settings file " + native(site.baseSettingsFile()) +
-                  " is locked by pid 4242 on another-workstation, user ann, since 2026-11-25 09:00:00 UTC; gave up "
-                  "after 1 s. When that process is gone for good, remove " + native(lock) + ".");
-    EXPECT_EQ(readFile(site.baseSettingsFile()), before);
-    EXPECT_TRUE(base.needsSaving());
 }
 
 } // namespace
