@@ -7,6 +7,7 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <optional>
@@ -22,6 +23,8 @@ namespace {
 
 // A browser keeps connections open; one that sends nothing is closed after this.
 constexpr std::chrono::seconds IdleTimeout{30};
+// How long the rest of a refused request is read before the connection closes anyway.
+constexpr std::chrono::seconds DrainTimeout{10};
 
 class Session : public std::enable_shared_from_this<Session> {
 public:
@@ -47,7 +50,8 @@ private:
             return;
         }
         if (error == http::error::body_limit || error == http::error::header_limit) {
-            answer({413, "application/json", "{\"error\": \"The request is too large.\", \"status\": 413}"}, false);
+            answer({413, "application/json", "{\"error\": \"The request is too large.\", \"status\": 413}"}, false,
+                   true);
             return;
         }
         if (error) {
@@ -77,7 +81,10 @@ private:
         });
     }
 
-    void answer(HttpResponse response, bool keepAlive) {
+    // With unread, what is left of the request is read and dropped after the
+    // answer: closing with it unread would reset the connection, and the
+    // client would lose the answer.
+    void answer(HttpResponse response, bool keepAlive, bool unread = false) {
         mResponse = {};
         mResponse.version(11);
         mResponse.result(static_cast<http::status>(response.status));
@@ -93,11 +100,30 @@ private:
         mResponse.body() = std::move(response.body);
         mResponse.prepare_payload();
         mStream.expires_after(IdleTimeout);
-        http::async_write(mStream, mResponse, [self = shared_from_this(), keepAlive](beast::error_code error, std::size_t) {
-            if (!error && keepAlive)
-                self->read();
-            else
+        http::async_write(mStream, mResponse,
+                          [self = shared_from_this(), keepAlive, unread](beast::error_code error, std::size_t) {
+                              if (!error && keepAlive)
+                                  self->read();
+                              else if (!error && unread)
+                                  self->drain();
+                              else
+                                  self->close();
+                          });
+    }
+
+    void drain() {
+        beast::error_code ignored;
+        mStream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+        mStream.expires_after(DrainTimeout);
+        discard();
+    }
+
+    void discard() {
+        mStream.async_read_some(asio::buffer(mDiscarded), [self = shared_from_this()](beast::error_code error, std::size_t) {
+            if (error)
                 self->close();
+            else
+                self->discard();
         });
     }
 
@@ -111,6 +137,7 @@ private:
     beast::flat_buffer mBuffer;
     std::optional<http::request_parser<http::string_body>> mParser;
     http::response<http::string_body> mResponse;
+    std::array<char, 64 * 1024> mDiscarded;
     const HttpServer::Handler& mHandler;
     asio::thread_pool& mWorkers;
 };
