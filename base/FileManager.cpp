@@ -95,7 +95,6 @@ struct HandleCloser {
     }
 };
 
-
 // ERROR_SUCCESS when everyone who holds the file open lets it be deleted, else why not.
 DWORD deletionSharedByEveryHolder(const std::string& file) {
     const HANDLE probe = CreateFileA(file.c_str(), DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
@@ -167,16 +166,21 @@ public:
         DWORD error = GetNamedSecurityInfoA(mTarget.string().c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
                                             nullptr, &list, nullptr, &descriptor);
         if (error == ERROR_SUCCESS) {
-            SECURITY_DESCRIPTOR_CONTROL control = 0;
-            DWORD revision = 0;
-            GetSecurityDescriptorControl(descriptor, &control, &revision);
-            // Entries inherited from the folder stay inherited; a list cut off from it stays cut off.
-            const SECURITY_INFORMATION which =
-                DACL_SECURITY_INFORMATION | ((control & SE_DACL_PROTECTED) ? PROTECTED_DACL_SECURITY_INFORMATION
-                                                                           : UNPROTECTED_DACL_SECURITY_INFORMATION);
-            error = SetSecurityInfo(mHandle, SE_FILE_OBJECT, which, nullptr, nullptr, list, nullptr);
+            // A file system without access lists (FAT) answers with none.
+            if (list) {
+                SECURITY_DESCRIPTOR_CONTROL control = 0;
+                DWORD revision = 0;
+                GetSecurityDescriptorControl(descriptor, &control, &revision);
+                // Entries inherited from the folder stay inherited; a list cut off from it stays cut off.
+                const SECURITY_INFORMATION which =
+                    DACL_SECURITY_INFORMATION | ((control & SE_DACL_PROTECTED) ? PROTECTED_DACL_SECURITY_INFORMATION
+                                                                               : UNPROTECTED_DACL_SECURITY_INFORMATION);
+                error = SetSecurityInfo(mHandle, SE_FILE_OBJECT, which, nullptr, nullptr, list, nullptr);
+            }
             LocalFree(descriptor);
         }
+        // Where the file system keeps no access lists there is none to keep.
+        if (error == ERROR_NOT_SUPPORTED || error == ERROR_INVALID_FUNCTION) error = ERROR_SUCCESS;
         if (error != ERROR_SUCCESS) return windowsErrorText(error);
         FILE_BASIC_INFO basic{};
         basic.FileAttributes = attributes & (FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
