@@ -329,16 +329,16 @@ std::vector<std::string> ConfigurationManager::renameConfigurationWithDependents
 std::vector<std::string> ConfigurationManager::renamePluginWithDependents(const std::string& name,
                                                                          const std::string& newName) {
     PluginsManager& plugins = PluginsManagement();
-    PluginsManager::checkPluginName(newName);
     const int index = plugins.indexOfPlugin(name);
     if (index < 0) throw std::runtime_error("No plugin named '" + name + "'.");
     if (newName == name) return {};
+    // Refused before the departments are locked.
+    plugins.checkNewPluginName(newName);
 
     // Every department is held and checked, so that none names the plugin unseen.
     std::vector<std::unique_ptr<Base::FileLock>> locks;
     std::vector<std::size_t> dependents;
     std::vector<FileSnapshot> snapshots;
-    const std::string owner = PluginSettings::configurationNameFor(name);
     for (std::size_t at = 0; at < mConfigurations.size(); ++at) {
         const ConfigurationSettings& settings = *mConfigurations[at].settings();
         if (!mConfigurations[at].isUpdated()) continue;
@@ -352,10 +352,7 @@ std::vector<std::string> ConfigurationManager::renamePluginWithDependents(const 
         } catch (const Base::SettingsFileChanged& changed) {
             throw Base::SettingsFileChanged(refusal + changed.what());
         }
-        const std::vector<ApplicationOverlay>& overlays = settings.overlays();
-        if (settings.isPluginDisabled(name) ||
-            std::any_of(overlays.begin(), overlays.end(),
-                        [&](const ApplicationOverlay& overlay) { return overlay.configurationName == owner; })) {
+        if (settings.namesPlugin(name)) {
             dependents.push_back(at);
             snapshots.push_back(FileSnapshot::of(settings.dataFile()));
         }

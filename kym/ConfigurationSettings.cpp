@@ -243,6 +243,13 @@ void ConfigurationSettings::removeOverlay(const std::string& configurationName, 
     mNeedsSaving = true;
 }
 
+bool ConfigurationSettings::namesPlugin(const std::string& plugin) const {
+    const std::string owner = PluginSettings::configurationNameFor(plugin);
+    return isPluginDisabled(plugin) || std::any_of(mOverlays.begin(), mOverlays.end(), [&](const ApplicationOverlay& overlay) {
+               return overlay.configurationName == owner;
+           });
+}
+
 bool ConfigurationSettings::renamePluginReferences(const std::string& from, const std::string& to) {
     bool changed = false;
     for (std::string& plugin : mDisabledPlugins)

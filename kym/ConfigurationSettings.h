@@ -96,6 +96,8 @@ public:
     ApplicationOverlay getOverlay(const std::string& configurationName, const std::string& applicationId);
     void setOverlay(const ApplicationOverlay& overlay);
     void removeOverlay(const std::string& configurationName, const std::string& applicationId);
+    // Whether the plugin is among the disabled ones or an overlay is of one of its applications.
+    bool namesPlugin(const std::string& plugin) const;
     // Makes the plugin's entry among the disabled plugins and the overlays of
     // its applications name it by its new name; whether anything changed.
     bool renamePluginReferences(const std::string& from, const std::string& to);

@@ -59,10 +59,15 @@ void PluginsManager::removePlugin(const fs::path& dir) {
                    mPlugins.end());
 }
 
-void PluginsManager::checkPluginName(const std::string& name) {
+void PluginsManager::checkNewPluginName(const std::string& name) const {
     if (!Base::FileManager::isPlainName(name))
         throw std::runtime_error("Invalid plugin name '" + name +
                                  "': a plugin is a directory, named without blanks and without '/' or '\\'.");
+    const int other = indexOfPlugin(name);
+    if (other >= 0)
+        throw std::runtime_error("A plugin named '" + name + "' already exists: " +
+                                 Base::Platform::current().nativePath(mPlugins[static_cast<std::size_t>(other)].path()) +
+                                 ".");
 }
 
 int PluginsManager::indexOfPlugin(const std::string& name) const {
@@ -72,14 +77,9 @@ int PluginsManager::indexOfPlugin(const std::string& name) const {
 }
 
 void PluginsManager::renamePlugin(int index, const std::string& newName) {
-    checkPluginName(newName);
     PluginSettings& renamed = *plugin(index, false);
     if (renamed.name() == newName) return;
-    const int other = indexOfPlugin(newName);
-    if (other >= 0)
-        throw std::runtime_error("A plugin named '" + newName + "' already exists: " +
-                                 Base::Platform::current().nativePath(mPlugins[static_cast<std::size_t>(other)].path()) +
-                                 ".");
+    checkNewPluginName(newName);
     const fs::path to = renamed.path().parent_path() / newName;
     Base::FileManager::moveDirectory(renamed.path(), to);
     renamed.setPath(to);

@@ -30,9 +30,9 @@ public:
     void addPlugin(const boost::filesystem::path& dir);
     // Removes every plugin of that directory; the internal count stays.
     void removePlugin(const boost::filesystem::path& dir);
-    // Throws when the name cannot be a plugin's: empty, "." or "..", or
-    // holding a blank, '/' or '\\'.
-    static void checkPluginName(const std::string& name);
+    // Throws when the name cannot be a plugin's (empty, "." or "..", or
+    // holding a blank, '/' or '\\') or another plugin has it.
+    void checkNewPluginName(const std::string& name) const;
     // The index among all plugins (internal first) of the one of that name, or -1.
     int indexOfPlugin(const std::string& name) const;
     // Moves the directory of the plugin at that index (among all plugins) to

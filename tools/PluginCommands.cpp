@@ -63,8 +63,9 @@ fs::path externalPluginsLocation() {
 }
 
 int createPlugin(Context& context, const std::string& name, const std::string& type, bool external) {
-    Kym::PluginsManager::checkPluginName(name);
     prepareStores();
+    Kym::PluginsManager& plugins = Kym::PluginsManagement();
+    plugins.checkNewPluginName(name);
     const std::string pluginType = type.empty() ? Kym::PluginSettings::SiteWideType : type;
     checkPluginType(pluginType);
     const fs::path parent = external ? externalPluginsLocation() : Kym::SystemInfo::installPath() / "plugins";
@@ -72,10 +73,6 @@ int createPlugin(Context& context, const std::string& name, const std::string& t
     boost::system::error_code error;
     if (fs::exists(directory, error))
         throw std::runtime_error("Plugin directory " + native(directory) + " already exists.");
-    Kym::PluginsManager& plugins = Kym::PluginsManagement();
-    if (const int other = plugins.indexOfPlugin(name); other >= 0)
-        throw std::runtime_error("A plugin named '" + name + "' already exists: " +
-                                 native(plugins.plugin(other, false)->path()) + ".");
 
     if (!fs::exists(parent, error)) {
         fs::create_directory(parent);
